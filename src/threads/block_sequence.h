@@ -1,0 +1,120 @@
+// Block storage: a growing sequence of elements kept in fixed-size blocks that are never moved, so
+// the address of an element stays valid for the life of the sequence. Maps keep their samples here
+// and the spatial indexes point into it; the thread manager keeps its worker records here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "threads/spinning_mutex.h"
+
+namespace LUtils {
+
+// Prints the storage's allocation-failure message on the console.
+inline void reportBlockAllocationFailure() {
+  std::fputs("[_SequenceBlock] Could not allocate memory\n", stdout);
+  std::fflush(stdout);
+}
+
+template <class T>
+class BlockSequence {
+ public:
+  explicit BlockSequence(uint32_t elementsPerBlock = 20000)
+      : perBlock_(elementsPerBlock ? elementsPerBlock : 1) {}
+  ~BlockSequence() { clear(); }
+  BlockSequence(const BlockSequence&) = delete;
+  BlockSequence& operator=(const BlockSequence&) = delete;
+
+  // Appends one value-initialised element and returns it, or null (after printing the storage's
+  // message) when a new block cannot be allocated. Not synchronised: callers that share the
+  // sequence between threads hold lock() around it.
+  T* append() {
+    T* slot = nextSlot();
+    return slot ? new (slot) T() : nullptr;
+  }
+  T* append(const T& value) {
+    T* slot = nextSlot();
+    return slot ? new (slot) T(value) : nullptr;
+  }
+
+  size_t size() const { return count_; }
+  bool empty() const { return count_ == 0; }
+  uint32_t elementsPerBlock() const { return perBlock_; }
+
+  T& operator[](size_t i) { return blocks_[i / perBlock_][i % perBlock_]; }
+  const T& operator[](size_t i) const { return blocks_[i / perBlock_][i % perBlock_]; }
+
+  // Blocks in order; every block but the last is full.
+  size_t blockCount() const { return blocks_.size(); }
+  T* block(size_t b) { return blocks_[b]; }
+  const T* block(size_t b) const { return blocks_[b]; }
+  size_t blockLength(size_t b) const {
+    return b + 1 < blocks_.size() ? perBlock_ : count_ - b * size_t{perBlock_};
+  }
+
+  // Calls f(element) for the elements from index `first` on, in order, until f returns false.
+  // Returns the number of elements for which f was called.
+  template <class F>
+  size_t forEach(size_t first, F&& f) {
+    size_t visited = 0;
+    for (size_t b = first / perBlock_; b < blocks_.size(); ++b) {
+      T* data = blocks_[b];
+      const size_t n = blockLength(b);
+      for (size_t i = (b == first / perBlock_ ? first % perBlock_ : 0); i < n; ++i) {
+        ++visited;
+        if (!f(data[i])) return visited;
+      }
+    }
+    return visited;
+  }
+
+  // Destroys every element and frees every block.
+  void clear() {
+    for (size_t b = 0; b < blocks_.size(); ++b) {
+      if constexpr (!std::is_trivially_destructible_v<T>) {
+        const size_t n = blockLength(b);
+        for (size_t i = 0; i < n; ++i) blocks_[b][i].~T();
+      }
+      std::free(blocks_[b]);
+    }
+    blocks_.clear();
+    count_ = 0;
+  }
+
+  SpinningMutex& lock() { return lock_; }
+
+ private:
+  T* nextSlot() {
+    const size_t inBlock = count_ % perBlock_;
+    if (inBlock == 0 && count_ / perBlock_ == blocks_.size()) {
+      void* mem = std::malloc(sizeof(T) * size_t{perBlock_});
+      if (!mem) {
+        reportBlockAllocationFailure();
+        return nullptr;
+      }
+      try {
+        blocks_.push_back(static_cast<T*>(mem));
+      } catch (const std::bad_alloc&) {
+        std::free(mem);
+        reportBlockAllocationFailure();
+        return nullptr;
+      }
+    }
+    T* slot = blocks_[count_ / perBlock_] + inBlock;
+    ++count_;
+    return slot;
+  }
+
+  uint32_t perBlock_;
+  size_t count_ = 0;
+  std::vector<T*> blocks_;
+  SpinningMutex lock_;
+};
+
+}  // namespace LUtils

@@ -1,0 +1,52 @@
+#include "threads/block_sequence.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace LUtils {
+namespace {
+
+TEST(BlockSequence, AddressesStayPutAcrossBlocks) {
+  BlockSequence<int> seq(3);
+  std::vector<int*> addresses;
+  for (int i = 0; i < 10; ++i) addresses.push_back(seq.append(i));
+  EXPECT_EQ(seq.size(), 10u);
+  EXPECT_EQ(seq.blockCount(), 4u);
+  EXPECT_EQ(seq.blockLength(3), 1u);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(&seq[i], addresses[i]);
+    EXPECT_EQ(*addresses[i], i);
+  }
+}
+
+TEST(BlockSequence, ForEachStartsAtAnIndexAndStops) {
+  BlockSequence<int> seq(4);
+  for (int i = 0; i < 11; ++i) seq.append(i);
+  std::vector<int> seen;
+  EXPECT_EQ(seq.forEach(5, [&](int& v) { seen.push_back(v); return true; }), 6u);
+  EXPECT_EQ(seen, (std::vector<int>{5, 6, 7, 8, 9, 10}));
+  seen.clear();
+  EXPECT_EQ(seq.forEach(2, [&](int& v) { seen.push_back(v); return v < 4; }), 3u);
+  EXPECT_EQ(seen, (std::vector<int>{2, 3, 4}));
+  EXPECT_EQ(seq.forEach(11, [](int&) { return true; }), 0u);
+  EXPECT_EQ(seq.forEach(400, [](int&) { return true; }), 0u);
+}
+
+TEST(BlockSequence, EmptyAndCleared) {
+  BlockSequence<std::string> seq(2);
+  EXPECT_TRUE(seq.empty());
+  EXPECT_EQ(seq.forEach(0, [](std::string&) { return true; }), 0u);
+  seq.append("a");
+  seq.append("b");
+  seq.append("c");
+  seq.clear();
+  EXPECT_EQ(seq.size(), 0u);
+  EXPECT_EQ(seq.blockCount(), 0u);
+  EXPECT_EQ(*seq.append("d"), "d");
+  EXPECT_EQ(seq.size(), 1u);
+}
+
+}  // namespace
+}  // namespace LUtils
