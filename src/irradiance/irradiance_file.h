@@ -23,7 +23,8 @@ void encodeOldRecord(uint32_t version, const LUtils::IrradSample& in, uint8_t* r
 
 // Writes a whole map file of the given version: 12 + H bytes of header for the current versions,
 // 8 bytes for the old ones, then the samples (only those saveCb accepts, with its count()).
-// Returns 0 or kFileWriteError.
+// Returns 0, kFileWriteError (also when saveCb accepts a different number of samples than its
+// count()), or kFileFormatError for a version whose records the reader does not know.
 int writeMapFile(PStream& out, uint32_t version, const IrradianceMapHeader& header,
                  LUtils::IrradianceMap& map, LUtils::IrradianceMap::SaveCb* saveCb);
 
