@@ -1,0 +1,167 @@
+#include "app/pts_conversion.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "io/stream.h"
+#include "irradiance/irradiance_map.h"
+
+namespace pts {
+namespace {
+
+// "00" to "99", for writing two digits at a time.
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+char* writeUnsigned(char* out, uint64_t value) {
+  char digits[24];
+  char* p = digits + sizeof digits;
+  while (value >= 100) {
+    const unsigned pair = static_cast<unsigned>(value % 100) * 2;
+    value /= 100;
+    p -= 2;
+    std::memcpy(p, kDigitPairs + pair, 2);
+  }
+  if (value >= 10) {
+    p -= 2;
+    std::memcpy(p, kDigitPairs + value * 2, 2);
+  } else {
+    *--p = static_cast<char>('0' + value);
+  }
+  const size_t length = static_cast<size_t>(digits + sizeof digits - p);
+  std::memcpy(out, p, length);
+  return out + length;
+}
+
+// Values below this magnitude take the integer path; the scaled value then fits in 64 bits.
+constexpr double kIntegerPathLimit = 1.0e14;
+
+}  // namespace
+
+char* formatFixed4(char* out, float single) {
+  const double value = single;
+  if (!std::isfinite(value)) {
+    if (std::signbit(value)) *out++ = '-';
+    std::memcpy(out, std::isnan(value) ? "nan" : "inf", 3);
+    return out + 3;
+  }
+  const double magnitude = std::fabs(value);
+  if (magnitude < kIntegerPathLimit) {
+    // A float times 10000 is exact in a double (24 + 14 significant bits), so rounding it to an
+    // integer in the current rounding mode is what printf does with the exact decimal
+    // expansion: ties go to even, and a negative value that rounds to zero keeps its sign.
+    const uint64_t units = static_cast<uint64_t>(std::nearbyint(magnitude * 10000.0));
+    if (std::signbit(value)) *out++ = '-';
+    out = writeUnsigned(out, units / 10000);
+    *out++ = '.';
+    const unsigned fraction = static_cast<unsigned>(units % 10000);
+    std::memcpy(out, kDigitPairs + (fraction / 100) * 2, 2);
+    std::memcpy(out + 2, kDigitPairs + (fraction % 100) * 2, 2);
+    return out + 4;
+  }
+  // Huge values: the library's exact fixed-precision conversion.
+  return std::to_chars(out, out + 64, value, std::chars_format::fixed, 4).ptr;
+}
+
+char* formatInt(char* out, int value) {
+  if (value < 0) {
+    *out++ = '-';
+    return writeUnsigned(out, static_cast<uint64_t>(-static_cast<int64_t>(value)));
+  }
+  return writeUnsigned(out, static_cast<uint64_t>(value));
+}
+
+char* formatLine(char* out, const LUtils::IrradSample& sample, int mode) {
+  if (mode != kPtsPositions && mode != kPtsPositionsAndColours) return out;
+  *out++ = 'v';
+  for (int axis = 0; axis < 3; ++axis) {
+    *out++ = ' ';
+    out = formatFixed4(out, sample.position[axis]);
+  }
+  if (mode == kPtsPositionsAndColours) {
+    // The colour mantissas are signed bytes: 255 prints as -1, on purpose.
+    for (int channel = 0; channel < 3; ++channel) {
+      *out++ = ' ';
+      out = formatInt(out, static_cast<int8_t>(sample.colour[channel]));
+    }
+  }
+  *out++ = '\r';
+  *out++ = '\n';
+  return out;
+}
+
+}  // namespace pts
+
+namespace {
+
+// Formats one line per sample and writes the lines to the stream. Lines are gathered in a large
+// buffer and written in batches, which gives the same bytes as writing each line by itself.
+class ConvertSamplesCallback final : public LUtils::EnumIrradianceSamplesCallback {
+ public:
+  ConvertSamplesCallback(PStream* stream, int mode)
+      : stream_(stream), mode_(mode), batch_(kBatchSize) {}
+
+  int process(LUtils::IrradSample& sample) override {
+    if (mode_ != kPtsPositions && mode_ != kPtsPositionsAndColours) return 0;
+    if (batch_.size() - used_ < static_cast<size_t>(pts::kLineCapacity)) flush();
+    char* end = pts::formatLine(batch_.data() + used_, sample, mode_);
+    used_ = static_cast<size_t>(end - batch_.data());
+    return 1;
+  }
+
+  // Write errors are not reported: the conversion has already announced its success.
+  void flush() {
+    if (used_ == 0) return;
+    uint32_t written = 0;
+    stream_->write(batch_.data(), static_cast<uint32_t>(used_), &written);
+    used_ = 0;
+  }
+
+ private:
+  static constexpr size_t kBatchSize = 1u << 20;
+
+  PStream* stream_;
+  int mode_;
+  std::vector<char> batch_;
+  size_t used_ = 0;
+};
+
+}  // namespace
+
+int convertIrradianceMap(const char* from, const char* to, int mode) {
+  LUtils::IrradianceMap* map = LUtils::newIrradianceMap();
+  if (map->loadFromFile(from, 0, 0.0f) != 0) {
+    LUtils::deleteIrradianceMap(map);
+    std::printf("Error opening file \"%s\"\n", from);
+    std::fflush(stdout);
+    return 3;
+  }
+
+  auto stream = std::make_unique<PFileStream>();
+  if (stream->openForWriting(to, 0) != 0) {
+    std::printf("Error creating file \"%s\"\n", to);
+    std::fflush(stdout);
+    LUtils::deleteIrradianceMap(map);
+    return 3;
+  }
+
+  // Announced once both files are open, before any sample is written.
+  std::printf("Conversion completed successfully.\n");
+  std::fflush(stdout);
+
+  {
+    ConvertSamplesCallback callback(stream.get(), mode);
+    map->enumerateSamples(0, &callback);
+    callback.flush();
+  }
+  stream.reset();  // closes the file
+  LUtils::deleteIrradianceMap(map);
+  return 0;
+}
