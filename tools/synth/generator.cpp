@@ -1,0 +1,458 @@
+#include "synth/generator.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <thread>
+
+#include "synth/scene.h"
+
+namespace synth {
+
+using LUtils::Color;
+using LUtils::IrradSample;
+
+namespace {
+
+// PCG32: small, fast and the same on every platform.
+class Rng {
+ public:
+  explicit Rng(uint64_t seed, uint64_t stream) : state_(0), inc_((stream << 1u) | 1u) {
+    next();
+    state_ += seed;
+    next();
+  }
+  uint32_t next() {
+    const uint64_t old = state_;
+    state_ = old * 6364136223846793005ULL + inc_;
+    const uint32_t xorshifted = static_cast<uint32_t>(((old >> 18u) ^ old) >> 27u);
+    const uint32_t rot = static_cast<uint32_t>(old >> 59u);
+    return (xorshifted >> rot) | (xorshifted << ((32 - rot) & 31));
+  }
+  // Uniform in [0, 1).
+  float uniform() { return static_cast<float>(next() >> 8) * (1.0f / 16777216.0f); }
+
+ private:
+  uint64_t state_;
+  uint64_t inc_;
+};
+
+constexpr uint64_t kPilotStream = 0x5eed0f9110ull;
+constexpr uint32_t kChunkSamples = 8192;  // samples per independently seeded chunk
+constexpr int kTilesX = 32, kTilesY = 24;
+constexpr int kPilotPerTile = 24;
+constexpr int kHemisphereRays = 6;
+constexpr float kEscapeDistance = 100.0f;  // distance counted for a ray that leaves the room
+constexpr float kRayOffset = 1e-4f;
+// Spacing wanted where it is not clamped: this fraction of the harmonic-mean distance.
+constexpr float kSpacingFactor = 0.08f;
+// Disc radius for drawing relative to the local mean spacing; 0.8 covers a random
+// (Poisson-like) spread of samples with few gaps and moderate overlap.
+constexpr float kDiscCover = 0.8f;
+
+const Color kLightRadiance{9.0f, 8.4f, 7.2f};
+const Color kSkyRadiance{1.5f, 2.1f, 3.1f};
+const Color kBounce{0.10f, 0.09f, 0.075f};
+
+struct Frame {
+  Vector eye, right, up, forward;
+  float tanX = 0, tanY = 0;
+
+  Vector direction(float u, float v) const {
+    return forward + right * ((2.0f * u - 1.0f) * tanX) + up * ((1.0f - 2.0f * v) * tanY);
+  }
+  // Area of the image at unit distance in front of the eye.
+  float imageArea() const { return 4.0f * tanX * tanY; }
+};
+
+Frame makeFrame(const Params& p) {
+  Frame f;
+  f.eye = p.view.eye;
+  f.forward = LUtils::normalizeNewton(p.view.target - p.view.eye);
+  f.right = LUtils::normalizeNewton(cross(f.forward, p.view.up));
+  f.up = LUtils::normalizeNewton(cross(f.right, f.forward));
+  f.tanX = std::tan(p.view.fovX * 0.5f);
+  f.tanY = f.tanX * static_cast<float>(p.imageHeight) / static_cast<float>(p.imageWidth);
+  return f;
+}
+
+// Cosine-weighted direction about n.
+Vector cosineDirection(const Vector& n, float r1, float r2) {
+  const float sign = std::copysign(1.0f, n.z);
+  const float a = -1.0f / (sign + n.z);
+  const float b = n.x * n.y * a;
+  const Vector t1{1.0f + sign * n.x * n.x * a, sign * b, -sign * n.x};
+  const Vector t2{b, sign + n.y * n.y * a, -n.y};
+  const float phi = 6.2831853f * r1;
+  const float r = std::sqrt(r2);
+  const float z = std::sqrt(std::max(0.0f, 1.0f - r2));
+  return t1 * (r * std::cos(phi)) + t2 * (r * std::sin(phi)) + n * z;
+}
+
+// Spacing rules shared by the planning pilot and the generation: ratio = spacing wanted in
+// units of the unit-distance pixel (a * distance / t); c = the spacing in effective pixels.
+struct Spacing {
+  float cMin = 1, cMax = 8;
+  float psi = 1;  // effective pixel size at unit distance
+
+  float pixels(float ratio) const { return std::clamp(ratio / psi, cMin, cMax); }
+  // Acceptance relative to the densest spacing.
+  float accept(float ratio) const {
+    const float k = cMin / pixels(ratio);
+    return k * k;
+  }
+};
+
+struct GeometryProbe {
+  float harmonic;  // harmonic-mean distance of the hemisphere rays
+  float openness;  // 0 when every ray meets geometry at once, 1 when all travel far
+};
+
+GeometryProbe probe(const Scene& scene, const Vector& p, const Vector& n, Rng& rng) {
+  float inverseSum = 0, open = 0;
+  const Vector origin = p + n * kRayOffset;
+  for (int i = 0; i < kHemisphereRays; ++i) {
+    const float r1 = rng.uniform();
+    const float r2 = (static_cast<float>(i) + rng.uniform()) / kHemisphereRays;
+    const Hit h = scene.trace(origin, cosineDirection(n, r1, r2));
+    const float d = h.kind == HitKind::kSky || h.kind == HitKind::kNone
+                        ? kEscapeDistance
+                        : std::max(h.t, kRayOffset);
+    inverseSum += 1.0f / d;
+    open += std::min(d, 1.5f) / 1.5f;
+  }
+  return {kHemisphereRays / inverseSum, open / kHemisphereRays};
+}
+
+// Light arriving at p from a rectangular emitter on a room face, with `rays` shadow rays.
+Color emitterIrradiance(const Scene& scene, const FaceRect& rect, HitKind kind,
+                        const Color& radiance, const Vector& p, const Vector& n, int rays,
+                        Rng& rng) {
+  const int axis = rect.face >> 1;
+  const float inward = rect.face & 1 ? 1.0f : -1.0f;  // emitter faces against this sign
+  const float coord = scene.faceCoord(rect.face);
+  const Vector origin = p + n * kRayOffset;
+  float sum = 0;
+  for (int i = 0; i < rays; ++i) {
+    const Vector q = rect.pointAt((static_cast<float>(i) + rng.uniform()) / rays, rng.uniform(),
+                                  coord);
+    const Vector w = q - origin;
+    const float dist2 = dot(w, w);
+    const Vector dir = w * (1.0f / std::sqrt(dist2));
+    const float cosP = dot(n, dir);
+    const float cosL = dir[axis] * inward;
+    if (cosP <= 0.0f || cosL <= 0.0f) continue;
+    if (scene.trace(origin, dir).kind != kind) continue;
+    sum += cosP * cosL / std::max(dist2, 0.05f);
+  }
+  return radiance * (sum * rect.area() / static_cast<float>(rays));
+}
+
+// Everything generation needs, computed once per call.
+struct Planner {
+  const Scene& scene = Scene::room();
+  Frame frame;
+  Spacing spacing;
+  std::vector<double> tileCdf;   // cumulative tile weights
+  std::vector<float> tileBound;  // bound of the clearance acceptance per tile
+  bool sees = false;
+
+  explicit Planner(const Params& p) {
+    frame = makeFrame(p);
+    spacing.cMin = std::ldexp(1.0f, -p.maxRate);
+    spacing.cMax = std::ldexp(1.0f, -p.minRate);
+
+    // Pilot: a few candidates per image tile, with their clearance and harmonic distances.
+    struct Probe {
+      int tile;
+      float ratioClear, ratioHarmonic;
+    };
+    std::vector<Probe> probes;
+    probes.reserve(kTilesX * kTilesY * kPilotPerTile);
+    Rng rng(p.seed, kPilotStream);
+    for (int tile = 0; tile < kTilesX * kTilesY; ++tile) {
+      for (int k = 0; k < kPilotPerTile; ++k) {
+        const float u = (static_cast<float>(tile % kTilesX) + rng.uniform()) / kTilesX;
+        const float v = (static_cast<float>(tile / kTilesX) + rng.uniform()) / kTilesY;
+        const Vector dir = LUtils::normalizeNewton(frame.direction(u, v));
+        const Hit h = scene.trace(frame.eye, dir);
+        if (h.kind != HitKind::kSurface) {
+          probes.push_back({tile, -1.0f, -1.0f});
+          continue;
+        }
+        const GeometryProbe g = probe(scene, h.point, h.normal, rng);
+        const float clear = scene.clearance(h.point, h.object, h.face);
+        probes.push_back({tile, kSpacingFactor * clear / h.t, kSpacingFactor * g.harmonic / h.t});
+        sees = true;
+      }
+    }
+    if (!sees) return;
+
+    // Effective pixel size: the expected count over the image is
+    // area / psi^2 * E[(1 / clamp(ratio / psi, cMin, cMax))^2], decreasing in psi.
+    auto expected = [&](double psi) {
+      double sum = 0;
+      for (const Probe& pr : probes) {
+        if (pr.ratioHarmonic < 0) continue;
+        const double c = std::clamp(pr.ratioHarmonic / psi, double{spacing.cMin},
+                                    double{spacing.cMax});
+        sum += 1.0 / (c * c);
+      }
+      return frame.imageArea() / (psi * psi) * sum / static_cast<double>(probes.size());
+    };
+    const double want = std::max<double>(p.count, 1);
+    double lo = 1e-12, hi = 1e3;
+    for (int i = 0; i < 100; ++i) {
+      const double mid = std::sqrt(lo * hi);
+      (expected(mid) > want ? lo : hi) = mid;
+    }
+    spacing.psi = static_cast<float>(std::sqrt(lo * hi));
+
+    // Tile bounds of the cheap clearance acceptance, widened to the neighbouring tiles and
+    // doubled, so that a thin contact line the pilot missed is still sampled densely enough.
+    std::vector<float> tileMax(kTilesX * kTilesY, 0.0f);
+    for (const Probe& pr : probes) {
+      if (pr.ratioClear >= 0) {
+        tileMax[pr.tile] = std::max(tileMax[pr.tile], spacing.accept(pr.ratioClear));
+      }
+    }
+    tileBound.assign(tileMax.size(), 0.0f);
+    tileCdf.assign(tileMax.size(), 0.0);
+    double total = 0;
+    for (int ty = 0; ty < kTilesY; ++ty) {
+      for (int tx = 0; tx < kTilesX; ++tx) {
+        float m = 0;
+        for (int dy = -1; dy <= 1; ++dy) {
+          for (int dx = -1; dx <= 1; ++dx) {
+            const int x = tx + dx, y = ty + dy;
+            if (x >= 0 && x < kTilesX && y >= 0 && y < kTilesY) {
+              m = std::max(m, tileMax[y * kTilesX + x]);
+            }
+          }
+        }
+        const int t = ty * kTilesX + tx;
+        tileBound[t] = std::min(1.0f, 2.0f * m);
+        total += tileBound[t];
+        tileCdf[t] = total;
+      }
+    }
+  }
+
+  int pickTile(Rng& rng) const {
+    const double x = (static_cast<double>(rng.next()) + 0.5) / 4294967296.0 * tileCdf.back();
+    const auto it = std::upper_bound(tileCdf.begin(), tileCdf.end(), x);
+    return static_cast<int>(std::min<ptrdiff_t>(it - tileCdf.begin(), tileCdf.size() - 1));
+  }
+
+  // Produces `count` samples of chunk `chunk` into out (cleared first).
+  void generateChunk(uint64_t seed, uint64_t chunk, uint32_t count,
+                     std::vector<IrradSample>& out) const {
+    out.clear();
+    Rng rng(seed, chunk);
+    while (out.size() < count) {
+      const int tile = pickTile(rng);
+      const float u = (static_cast<float>(tile % kTilesX) + rng.uniform()) / kTilesX;
+      const float v = (static_cast<float>(tile / kTilesX) + rng.uniform()) / kTilesY;
+      const Vector dir = LUtils::normalizeNewton(frame.direction(u, v));
+      const Hit h = scene.trace(frame.eye, dir);
+      if (h.kind != HitKind::kSurface) continue;
+
+      // Two-stage rejection: the clearance bounds the harmonic distance from below, so its
+      // acceptance bounds the final one from above and most candidates cost no extra rays.
+      const float footprint = h.t * spacing.psi;
+      const float acceptClear =
+          spacing.accept(kSpacingFactor * scene.clearance(h.point, h.object, h.face) / h.t);
+      if (rng.uniform() * tileBound[tile] >= acceptClear) continue;
+      const GeometryProbe g = probe(scene, h.point, h.normal, rng);
+      const float c = spacing.pixels(kSpacingFactor * g.harmonic / h.t);
+      const float acceptHarmonic = (spacing.cMin / c) * (spacing.cMin / c);
+      if (rng.uniform() * acceptClear >= acceptHarmonic) continue;
+
+      IrradSample s{};
+      s.position = h.point;
+      s.normal = h.normal;
+      s.packNormal();
+      const float radius = c * footprint;
+      s.validRadius2 = radius * radius;
+      s.hitDistance = g.harmonic;
+      s.footprint = footprint;
+      const float cosView = std::max(std::fabs(dot(h.normal, dir)), 0.1f);
+      const float disc = kDiscCover * radius / std::sqrt(cosView);
+      s.drawRadius2 = (disc / 0.2f) * (disc / 0.2f);
+      s.flags = (c >= spacing.cMax ? 3u : 4u) << IrradSample::kReasonShift;
+      s.renderId = h.object;
+
+      Color e = kBounce * (0.25f + 0.75f * g.openness);
+      e += emitterIrradiance(scene, scene.light(), HitKind::kLight, kLightRadiance, h.point,
+                             h.normal, 2, rng);
+      e += emitterIrradiance(scene, scene.window(), HitKind::kSky, kSkyRadiance, h.point,
+                             h.normal, 1, rng);
+      encodeColour(e, s);
+      out.push_back(s);
+    }
+  }
+};
+
+bool finite(const Vector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+}  // namespace
+
+View presetView(int index) {
+  View v;
+  if (index == 1) {
+    v.eye = {-0.6f, -2.5f, 1.6f};
+    v.target = {-2.4f, 1.6f, 0.7f};
+  } else {
+    v.eye = {-3.4f, -2.4f, 1.7f};
+    v.target = {1.2f, 0.9f, 0.7f};
+  }
+  return v;
+}
+
+std::string checkParams(const Params& p) {
+  if (p.count > static_cast<uint32_t>(std::numeric_limits<int32_t>::max())) {
+    return "sample count too large (at most 2147483647)";
+  }
+  if (p.imageWidth < 1 || p.imageHeight < 1 || p.imageWidth > 1000000 ||
+      p.imageHeight > 1000000) {
+    return "image size must be between 1 and 1000000 pixels each way";
+  }
+  if (!(p.view.fovX > 0.001f && p.view.fovX < 3.1f)) {
+    return "field of view must lie between 0.06 and 177 degrees";
+  }
+  if (!finite(p.view.eye) || !finite(p.view.target) || !finite(p.view.up)) {
+    return "camera coordinates must be finite numbers";
+  }
+  if (!Scene::room().isFreeSpace(p.view.eye)) {
+    return "the eye must be inside the room (x -4..4, y -3..3, z 0..3) and outside the furniture";
+  }
+  const Vector fwd = p.view.target - p.view.eye;
+  if (lengthSquared(fwd) < 1e-8f) return "the target must differ from the eye";
+  if (lengthSquared(cross(LUtils::normalizeNewton(fwd), p.view.up)) < 1e-8f) {
+    return "the view direction must not be parallel to the up axis";
+  }
+  if (p.minRate > p.maxRate || p.minRate < -16 || p.maxRate > 16) {
+    return "rates must satisfy -16 <= min rate <= max rate <= 16";
+  }
+  return {};
+}
+
+bool encodeColour(const Color& c, IrradSample& s) {
+  const float ch[3] = {std::max(c.r, 0.0f), std::max(c.g, 0.0f), std::max(c.b, 0.0f)};
+  if (!std::isfinite(ch[0]) || !std::isfinite(ch[1]) || !std::isfinite(ch[2])) return false;
+  const float m = std::max({ch[0], ch[1], ch[2]});
+  s.colour[0] = s.colour[1] = s.colour[2] = 0;
+  s.exponent = 0;
+  if (m <= 0.0f) return true;
+  int ex = 0;
+  std::frexp(m, &ex);  // m = f * 2^ex with f in [0.5, 1): mantissa f * 128
+  int e = ex + 128;
+  if (e < 0) return true;  // below what the encoding can hold: black
+  for (;;) {
+    const int shift = std::min(e, 255) - 135;
+    long mant[3];
+    bool fits = true;
+    for (int i = 0; i < 3; ++i) {
+      mant[i] = std::lround(std::ldexp(ch[i], -shift));
+      if (mant[i] > 127) fits = false;
+    }
+    if (!fits && e < 255) {
+      ++e;  // rounding reached 128
+      continue;
+    }
+    for (int i = 0; i < 3; ++i) s.colour[i] = static_cast<int8_t>(std::min(mant[i], 127L));
+    s.exponent = static_cast<uint8_t>(std::min(e, 255));
+    return true;
+  }
+}
+
+IrradianceMapHeader makeHeader(const Params& p) {
+  IrradianceMapHeader h;
+  h.minRate = p.minRate;
+  h.maxRate = p.maxRate;
+  auto scale = [](int rate) {
+    return rate >= 0 ? 1.0f / static_cast<float>(1u << (rate & 31))
+                     : static_cast<float>(1u << ((-rate) & 31));
+  };
+  h.minRateScale = scale(p.minRate);
+  h.maxRateScale = scale(p.maxRate);
+  h.containsRenderIds = p.renderIdsInHeader ? 1 : 0;
+  if (p.cameraInHeader) {
+    const Frame f = makeFrame(p);
+    const Vector rows[3] = {f.right, f.up, -f.forward};
+    for (int r = 0; r < 3; ++r) {
+      for (int c = 0; c < 3; ++c) h.cameraRotation[3 * r + c] = rows[r][c];
+    }
+    h.cameraFlags = IrradianceMapHeader::kCameraPresent;
+    h.cameraPosition[0] = p.view.eye.x;
+    h.cameraPosition[1] = p.view.eye.y;
+    h.cameraPosition[2] = p.view.eye.z;
+    h.cameraFov = p.view.fovX;
+    h.cameraTarget = length(p.view.target - p.view.eye);
+  }
+  return h;
+}
+
+Plan planFor(const Params& params) {
+  Plan plan;
+  if (!checkParams(params).empty()) return plan;
+  const Planner planner(params);
+  if (!planner.sees) return plan;
+  plan.pixelAngle = planner.spacing.psi;
+  plan.effectiveWidth = static_cast<int>(std::lround(2.0 * planner.frame.tanX / plan.pixelAngle));
+  plan.effectiveHeight = static_cast<int>(std::lround(2.0 * planner.frame.tanY / plan.pixelAngle));
+  return plan;
+}
+
+int64_t generate(const Params& params, SampleSink& sink) {
+  if (!checkParams(params).empty()) return -1;
+  if (params.count == 0) return 0;
+  const Planner planner(params);
+  if (!planner.sees) return -1;
+
+  const uint64_t chunks = (uint64_t{params.count} + kChunkSamples - 1) / kChunkSamples;
+  auto chunkSize = [&](uint64_t c) {
+    return static_cast<uint32_t>(std::min<uint64_t>(kChunkSamples, params.count - c * kChunkSamples));
+  };
+  unsigned threads = params.threads ? params.threads : std::thread::hardware_concurrency();
+  threads = static_cast<unsigned>(std::clamp<uint64_t>(threads, 1, std::min<uint64_t>(chunks, 64)));
+
+  std::vector<std::vector<IrradSample>> buffers(threads);
+  for (auto& b : buffers) b.reserve(kChunkSamples);
+  int64_t delivered = 0;
+  for (uint64_t base = 0; base < chunks; base += threads) {
+    const unsigned n = static_cast<unsigned>(std::min<uint64_t>(threads, chunks - base));
+    std::vector<std::thread> workers;
+    for (unsigned i = 1; i < n; ++i) {
+      try {
+        workers.emplace_back([&, i] {
+          planner.generateChunk(params.seed, base + i, chunkSize(base + i), buffers[i]);
+        });
+      } catch (const std::system_error&) {
+        planner.generateChunk(params.seed, base + i, chunkSize(base + i), buffers[i]);
+      }
+    }
+    planner.generateChunk(params.seed, base, chunkSize(base), buffers[0]);
+    for (auto& w : workers) w.join();
+    for (unsigned i = 0; i < n; ++i) {
+      if (!sink.append(buffers[i].data(), buffers[i].size())) return delivered;
+      delivered += static_cast<int64_t>(buffers[i].size());
+    }
+  }
+  return delivered;
+}
+
+int64_t generate(const Params& params, std::vector<IrradSample>& out) {
+  struct VectorSink : SampleSink {
+    std::vector<IrradSample>& v;
+    explicit VectorSink(std::vector<IrradSample>& target) : v(target) {}
+    bool append(const IrradSample* s, size_t n) override {
+      v.insert(v.end(), s, s + n);
+      return true;
+    }
+  } sink(out);
+  out.reserve(out.size() + params.count);
+  return generate(params, sink);
+}
+
+}  // namespace synth
