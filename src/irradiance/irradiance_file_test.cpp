@@ -6,12 +6,14 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <string>
@@ -48,7 +50,7 @@ std::vector<uint8_t> readBytes(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-[[maybe_unused]] void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
@@ -210,6 +212,392 @@ TEST(IrradianceFile, EveryVersionRoundTrips) {
       EXPECT_EQ(loaded.samples()[i].time, 0.0f);  // no time offset for old versions
     }
   }
+}
+
+// Old layouts: what each version keeps of the sample, stated independently of the converter's
+// tables. Everything else reads back as 0, the packed normal is recomputed.
+TEST(IrradianceFile, OldRecordsKeepTheirFieldsAndNothingElse) {
+  struct Keeps {
+    uint32_t version;
+    bool footprint, renderId, aux;
+  };
+  const Keeps keeps[] = {{0x10000, false, false, false}, {0x20000, true, false, false},
+                         {0x30000, true, true, false},   {0x40000, true, true, false},
+                         {0x50000, true, true, true},    {0x60000, true, true, true},
+                         {0x70000, true, true, true},    {0x80000, true, true, true},
+                         {0x90000, true, true, true},    {0xA0000, true, true, true}};
+  std::mt19937 rng(3);
+  for (const Keeps& k : keeps) {
+    IrradSample in = randomSample(rng);
+    in.packedNormalZ = in.packedNormalAngle = 0x1234;  // must be recomputed, not carried
+    std::vector<uint8_t> record(IrradFormat::recordSize(k.version), 0xEE);
+    IrradFormat::encodeOldRecord(k.version, in, record.data());
+    IrradSample out;
+    IrradFormat::decodeOldRecord(k.version, record.data(), out);
+    SCOPED_TRACE(testing::Message() << std::hex << k.version);
+    EXPECT_EQ(out.position, in.position);
+    EXPECT_EQ(out.normal, in.normal);
+    EXPECT_EQ(out.validRadius2, in.validRadius2);
+    EXPECT_EQ(out.hitDistance, in.hitDistance);
+    EXPECT_EQ(out.footprint, k.footprint ? in.footprint : 0.0f);
+    IrradSample packed = in;
+    packed.packNormal();
+    EXPECT_EQ(out.packedNormalZ, packed.packedNormalZ);
+    EXPECT_EQ(out.packedNormalAngle, packed.packedNormalAngle);
+    EXPECT_EQ(std::memcmp(out.colour, in.colour, 3), 0);
+    EXPECT_EQ(out.exponent, in.exponent);
+    EXPECT_EQ(out.flags, 0u);
+    EXPECT_EQ(out.drawRadius2, in.drawRadius2);
+    EXPECT_EQ(out.renderId, k.renderId ? in.renderId : 0);
+    EXPECT_EQ(std::memcmp(out.gradient, in.gradient, sizeof in.gradient), 0);
+    EXPECT_EQ(out.aux[0], k.aux ? in.aux[0] : 0u);
+    EXPECT_EQ(out.aux[1], k.aux ? in.aux[1] : 0u);
+    EXPECT_EQ(out.time, 0.0f);
+  }
+}
+
+// The 0xA0000 record, built byte by byte from its documented layout.
+TEST(IrradianceFile, VersionA0000RecordConversion) {
+  uint8_t record[84];
+  for (int i = 0; i < 84; ++i) record[i] = static_cast<uint8_t>(0x80 + i);
+  const float position[3] = {1, 2, 3}, normal[3] = {0, -1, 0}, triple[3] = {4, 5, 6};
+  std::memcpy(record, position, 12);
+  std::memcpy(record + 12, normal, 12);
+  std::memcpy(record + 24, triple, 12);
+  IrradSample s;
+  IrradFormat::decodeOldRecord(0xA0000, record, s);
+  EXPECT_EQ(s.position, LUtils::Vector(1, 2, 3));
+  EXPECT_EQ(s.normal, LUtils::Vector(0, -1, 0));
+  EXPECT_EQ(s.validRadius2, 4.0f);
+  EXPECT_EQ(s.footprint, 6.0f);
+  EXPECT_EQ(s.packedNormalZ, 32767);  // floor(0.5 * 65535)
+  EXPECT_EQ(s.packedNormalAngle, 16383);  // atan2(-1, 0) = -pi/2 -> floor(0.25 * 65535)
+  EXPECT_EQ(std::memcmp(reinterpret_cast<uint8_t*>(&s) + 40, record + 40, 4), 0);
+  EXPECT_EQ(s.flags, 0u);
+  EXPECT_EQ(std::memcmp(reinterpret_cast<uint8_t*>(&s) + 48, record + 48, 32), 0);
+  EXPECT_EQ(s.time, 0.0f);
+}
+
+// A current file by hand: version, count, header size, `header` bytes, then the records.
+std::vector<uint8_t> currentFile(uint32_t version, uint32_t count, uint32_t headerSize,
+                                 const std::vector<IrradSample>& samples) {
+  std::vector<uint8_t> bytes;
+  put(bytes, version);
+  put(bytes, count);
+  put(bytes, headerSize);
+  for (uint32_t i = 0; i < headerSize / 4; ++i) put(bytes, 1000 + i);
+  bytes.resize(12 + headerSize, 0xAB);
+  for (const IrradSample& s : samples) put(bytes, s);
+  return bytes;
+}
+
+std::vector<IrradSample> someSamples(size_t n) {
+  std::mt19937 rng(11);
+  std::vector<IrradSample> v;
+  for (size_t i = 0; i < n; ++i) v.push_back(randomSample(rng));
+  return v;
+}
+
+int loadBytes(DefIrradianceMap& map, const std::vector<uint8_t>& bytes, float timeOffset = 0.0f) {
+  const std::string path = tempPath("hand.lumap");
+  writeBytes(path, bytes);
+  return map.loadFromFile(path.c_str(), 0, timeOffset);
+}
+
+TEST(IrradianceFile, ReaderErrorCodes) {
+  DefIrradianceMap map;
+  EXPECT_EQ(map.loadFromFile(nullptr, 0, 0.0f), -1);
+  EXPECT_EQ(map.loadFromFile(tempPath("missing.lumap").c_str(), 0, 0.0f), -2);
+  EXPECT_EQ(loadBytes(map, {}), -4);
+  EXPECT_EQ(loadBytes(map, {0x00, 0x00, 0x0D}), -4);
+
+  fill(map, 5);
+  std::vector<uint8_t> bytes;
+  put(bytes, uint32_t{0xFFFF});
+  put(bytes, uint32_t{0});
+  EXPECT_EQ(loadBytes(map, bytes), -3);
+  EXPECT_EQ(map.samples().size(), 5u);  // a version out of range leaves the map alone
+  bytes.clear();
+  put(bytes, uint32_t{0xD0001});
+  put(bytes, uint32_t{0});
+  EXPECT_EQ(loadBytes(map, bytes), -3);
+  EXPECT_EQ(std::string(map.errorText(-3)), "File format error");
+}
+
+TEST(IrradianceFile, VersionsBetweenMajorsLoadNoSamples) {
+  DefIrradianceMap map;
+  fill(map, 5);
+  const auto samples = someSamples(3);
+  // An 0x10001 file takes the current layout: its header is read, its samples are not.
+  ASSERT_EQ(loadBytes(map, currentFile(0x10001, 3, 76, samples)), 0);
+  EXPECT_EQ(map.samples().size(), 0u);
+  EXPECT_EQ(map.formatVersion(), 0x10001u);
+  EXPECT_EQ(map.fileHeader()->word4, 1004);
+}
+
+TEST(IrradianceFile, FileCutInsideARecordKeepsTheRecordsBefore) {
+  const auto samples = someSamples(10);
+  for (const size_t cut : {size_t{0}, size_t{1}, size_t{83}}) {
+    // Current version: cut `cut` bytes into the 7th record.
+    auto bytes = currentFile(0xD0000, 10, 160, samples);
+    bytes.resize(12 + 160 + 6 * 84 + cut);
+    DefIrradianceMap map;
+    EXPECT_EQ(loadBytes(map, bytes), -4);
+    ASSERT_EQ(map.samples().size(), 6u);
+    EXPECT_EQ(std::memcmp(&map.samples()[5], &samples[5], 84), 0);
+  }
+  // Old version, cut inside the 3rd record.
+  DefIrradianceMap source;
+  fill(source, 10);
+  const std::string path = tempPath("old.lumap");
+  writeVersion(path, 0x60000, IrradianceMapHeader(), source);
+  auto bytes = readBytes(path);
+  bytes.resize(8 + 2 * 148 + 100);
+  DefIrradianceMap map;
+  EXPECT_EQ(loadBytes(map, bytes), -4);
+  EXPECT_EQ(map.samples().size(), 2u);
+}
+
+TEST(IrradianceFile, HeaderSizeShorterOrLongerThanItsFields) {
+  const auto samples = someSamples(4);
+  // 30 bytes hold words 0-6 (28 bytes) but not word 7: it and the rest keep their defaults, and
+  // the samples are found at 12 + 30.
+  DefIrradianceMap map;
+  auto bytes = currentFile(0xD0000, 4, 30, samples);
+  ASSERT_EQ(loadBytes(map, bytes), 0);
+  EXPECT_EQ(map.fileHeader()->calcPassInterpSamples, 1006);
+  EXPECT_EQ(map.fileHeader()->word7, IrradianceMapHeader().word7);
+  EXPECT_EQ(map.fileHeader()->maxRate, 0);
+  ASSERT_EQ(map.samples().size(), 4u);
+  EXPECT_EQ(std::memcmp(&map.samples()[3], &samples[3], 84), 0);
+
+  // 200 bytes: the 40 unknown bytes after the camera fields are skipped.
+  IrradianceMapHeader header = unusualHeader();
+  DefIrradianceMap source;
+  for (const auto& s : samples) source.appendSample(s);
+  const std::string path = tempPath("long.lumap");
+  writeVersion(path, 0xD0000, header, source);
+  auto file = readBytes(path);
+  const uint32_t longer = 200;
+  std::memcpy(file.data() + 8, &longer, 4);
+  file.insert(file.begin() + 12 + 160, 40, 0x5A);
+  ASSERT_EQ(loadBytes(map, file), 0);
+  EXPECT_EQ(map.fileHeader()->cameraTarget, header.cameraTarget);
+  expectSameSamples(source, map);
+
+  // Version 0xB0000 with a 160-byte header: only its 19 words are fields.
+  bytes = currentFile(0xB0000, 4, 160, samples);
+  ASSERT_EQ(loadBytes(map, bytes), 0);
+  EXPECT_EQ(map.fileHeader()->supportsAnimBlending, 1018);
+  EXPECT_EQ(map.fileHeader()->cameraFlags, 0u);
+  EXPECT_EQ(map.samples().size(), 4u);
+}
+
+TEST(IrradianceFile, EmptyMapAndTimeOffset) {
+  DefIrradianceMap map;
+  fill(map, 3);
+  ASSERT_EQ(loadBytes(map, currentFile(0xD0000, 0, 160, {})), 0);
+  EXPECT_EQ(map.samples().size(), 0u);
+  EXPECT_EQ(map.fileHeader()->word4, 1004);
+
+  const auto samples = someSamples(5);
+  for (uint32_t version : kCurrentVersions) {
+    ASSERT_EQ(loadBytes(map, currentFile(version, 5, version == 0xD0000 ? 160 : 76, samples), 2.5f), 0);
+    ASSERT_EQ(map.samples().size(), 5u);
+    for (size_t i = 0; i < 5; ++i) EXPECT_FLOAT_EQ(map.samples()[i].time, samples[i].time + 2.5f);
+  }
+}
+
+TEST(IrradianceFile, HugeCountInATinyFileFailsWithoutAllocating) {
+  // With the address space capped near its current size, any allocation sized from the count
+  // (up to 4 G records) would fail; the reader must simply run into the end of the file.
+  const auto samples = someSamples(2);
+  const auto current = currentFile(0xD0000, 0xFFFFFFFFu, 160, samples);
+  DefIrradianceMap source;
+  for (const auto& s : samples) source.appendSample(s);
+  writeVersion(tempPath("old-huge.lumap"), 0x20000, IrradianceMapHeader(), source);
+  auto old = readBytes(tempPath("old-huge.lumap"));
+  const uint32_t huge = 0xFFFFFFF0u;
+  std::memcpy(old.data() + 4, &huge, 4);
+
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    rlimit limit{};
+    getrlimit(RLIMIT_AS, &limit);
+    long pages = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%ld", &pages) != 1) pages = 0;
+      std::fclose(f);
+    }
+    limit.rlim_cur = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (256u << 20);
+    setrlimit(RLIMIT_AS, &limit);
+    DefIrradianceMap a, b;
+    const bool ok = loadBytes(a, current) == -4 && a.samples().size() == 2 &&
+                    loadBytes(b, old) == -4 && b.samples().size() == 2;
+    _exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// --- saving ---
+
+// Runs `fn` in a child process (to change its limits or user safely); returns fn's result, which
+// travels as an exit status and so must lie in -128..127.
+int inChild(const std::function<int()>& fn) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(fn() & 0xFF);
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return 1000;
+  return static_cast<int8_t>(WEXITSTATUS(status));
+}
+
+std::vector<std::string> directoryEntries(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
+  return names;
+}
+
+std::string freshDirectory(const std::string& name) {
+  const std::string dir = tempPath(name);
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  return dir;
+}
+
+const std::vector<uint8_t> kOldContent = {'g', 'o', 'o', 'd', 0, 1, 2, 3};
+
+TEST(IrradianceFileSave, ErrorCodes) {
+  DefIrradianceMap map;
+  fill(map, 100);
+  EXPECT_EQ(map.saveToFile(static_cast<const char*>(nullptr), nullptr), -1);
+  EXPECT_EQ(map.saveToFile(tempPath("no-such-dir/x.lumap").c_str(), nullptr), -2);
+  // Devices are written in place, never replaced.
+  EXPECT_EQ(map.saveToFile("/dev/full", nullptr), -5);
+  EXPECT_EQ(map.saveToFile("/dev/null", nullptr), 0);
+  struct stat st;
+  ASSERT_EQ(stat("/dev/null", &st), 0);
+  EXPECT_TRUE(S_ISCHR(st.st_mode));
+}
+
+TEST(IrradianceFileSave, UnwritableDirectoryLeavesTheTargetAlone) {
+  const std::string dir = freshDirectory("readonly");
+  const std::string target = dir + "/map.lumap";
+  writeBytes(target, kOldContent);
+  chmod(dir.c_str(), 0555);
+  DefIrradianceMap map;
+  fill(map, 100);
+  const int result = inChild([&] {
+    if (geteuid() == 0 && setuid(65534) != 0) return 99;  // root writes anywhere: drop it
+    return map.saveToFile(target.c_str(), nullptr);
+  });
+  chmod(dir.c_str(), 0755);
+  EXPECT_EQ(result, -2);
+  EXPECT_EQ(readBytes(target), kOldContent);
+  EXPECT_EQ(directoryEntries(dir), std::vector<std::string>{"map.lumap"});
+}
+
+TEST(IrradianceFileSave, WriteFailingHalfWayLeavesTheTargetAlone) {
+  const std::string dir = freshDirectory("full");
+  const std::string target = dir + "/map.lumap";
+  writeBytes(target, kOldContent);
+  DefIrradianceMap map;
+  fill(map, 100000);  // 8.4 MB against a 3 MB file size limit
+  const int result = inChild([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{3u << 20, 3u << 20};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return map.saveToFile(target.c_str(), nullptr);
+  });
+  EXPECT_EQ(result, -5);
+  EXPECT_EQ(readBytes(target), kOldContent);
+  EXPECT_EQ(directoryEntries(dir), std::vector<std::string>{"map.lumap"});
+}
+
+// Accepts the first `limit` bytes, then fails every write.
+class FailingStream : public PStream {
+ public:
+  explicit FailingStream(uint32_t limit) : left_(limit) {}
+  int open() override { return 0; }
+  int close() override { return 0; }
+  int flush() override { return 0; }
+  int write(const void*, uint32_t count, uint32_t* written) override {
+    *written = std::min(count, left_);
+    left_ -= *written;
+    return *written == count ? 0 : 28;
+  }
+  int read(void*, uint32_t, uint32_t* got) override { *got = 0; return -1; }
+  int seek(uint64_t) override { return 0; }
+  int seekRelative(int64_t) override { return 0; }
+  int seekFromEnd(int64_t) override { return 0; }
+  int64_t size() override { return 0; }
+  int truncate() override { return 0; }
+  int64_t tell() override { return 0; }
+  bool eof() override { return false; }
+  int isOpen() override { return 1; }
+
+ private:
+  uint32_t left_;
+};
+
+TEST(IrradianceFileSave, StreamFailingHalfWay) {
+  DefIrradianceMap map;
+  fill(map, 10000);
+  for (const uint32_t limit : {0u, 4u, 100u, 12u + 160u + 84u * 5000u}) {
+    FailingStream out(limit);
+    EXPECT_EQ(map.saveToFile(out, nullptr), -5) << limit;
+  }
+}
+
+TEST(IrradianceFileSave, SymbolicLinkIsFollowed) {
+  const std::string dir = freshDirectory("link");
+  const std::string real = dir + "/real.lumap";
+  const std::string link = dir + "/link.lumap";
+  writeBytes(real, kOldContent);
+  fs::create_symlink("real.lumap", link);
+  DefIrradianceMap map;
+  fill(map, 10);
+  ASSERT_EQ(map.saveToFile(link.c_str(), nullptr), 0);
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(fs::file_size(real), 12 + 160 + 10 * 84u);
+}
+
+// Keeps the samples whose flag word is odd.
+class OddFlags : public LUtils::IrradianceMap::SaveCb {
+ public:
+  OddFlags(DefIrradianceMap& map, int extra) {
+    for (size_t i = 0; i < map.samples().size(); ++i) count_ += map.samples()[i].flags & 1;
+    count_ += extra;
+  }
+  bool accept(const IrradSample& s) override { return (s.flags & 1) != 0; }
+  int count() override { return count_; }
+
+ private:
+  int count_ = 0;
+};
+
+TEST(IrradianceFileSave, SaveCallbackChoosesTheSamples) {
+  DefIrradianceMap map;
+  fill(map, 1000);
+  const std::string path = tempPath("odd.lumap");
+  OddFlags odd(map, 0);
+  ASSERT_EQ(map.saveToFile(path.c_str(), &odd), 0);
+  DefIrradianceMap loaded;
+  ASSERT_EQ(loaded.loadFromFile(path.c_str(), 0, 0.0f), 0);
+  ASSERT_EQ(loaded.samples().size(), static_cast<size_t>(odd.count()));
+  size_t j = 0;
+  for (size_t i = 0; i < map.samples().size(); ++i) {
+    if (map.samples()[i].flags & 1) {
+      ASSERT_EQ(std::memcmp(&map.samples()[i], &loaded.samples()[j++], 84), 0);
+    }
+  }
+  // A count that disagrees with what the callback accepts would make a file that cannot load.
+  const auto before = readBytes(path);
+  OddFlags wrong(map, 1);
+  EXPECT_EQ(map.saveToFile(path.c_str(), &wrong), -5);
+  EXPECT_EQ(readBytes(path), before);
 }
 
 }  // namespace
