@@ -1,0 +1,187 @@
+#include "irradiance/sample_kdtree.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace LUtils {
+namespace {
+
+IrradSample sphere(float x, float y, float z, float r) {
+  IrradSample s{};
+  s.position = {x, y, z};
+  s.validRadius2 = r * r;
+  return s;
+}
+
+std::vector<const IrradSample*> viaTree(const SampleKdTree& tree, const Vector& p) {
+  std::vector<const IrradSample*> found;
+  tree.forEachContaining(p, [&](IrradSample& s) { found.push_back(&s); });
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+std::vector<const IrradSample*> bruteForce(BlockSequence<IrradSample>& samples, size_t count,
+                                           const Vector& p) {
+  std::vector<const IrradSample*> found;
+  for (size_t i = 0; i < count; ++i) {
+    if (lengthSquared(p - samples[i].position) < samples[i].validRadius2) found.push_back(&samples[i]);
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+// Random spheres clustered on a few planes (like surfaces of a room) with radii spanning two
+// orders of magnitude, probed at random points, half of them right at sample positions.
+class KdTreeAgainstBruteForce : public ::testing::Test {
+ protected:
+  void fill(size_t n) {
+    std::uniform_real_distribution<float> u(-10.0f, 10.0f);
+    std::uniform_real_distribution<float> logr(-2.5f, 0.0f);
+    for (size_t i = 0; i < n; ++i) {
+      const int plane = static_cast<int>(rng() % 4);
+      Vector p{u(rng), u(rng), u(rng)};
+      if (plane < 3) p[plane] = plane * 3.0f - 3.0f;
+      samples.append(sphere(p.x, p.y, p.z, std::pow(10.0f, logr(rng))));
+    }
+  }
+  Vector probe() {
+    if (rng() % 2 && samples.size()) {
+      const Vector& at = samples[rng() % samples.size()].position;
+      std::normal_distribution<float> jitter(0.0f, 0.05f);
+      return at + Vector{jitter(rng), jitter(rng), jitter(rng)};
+    }
+    std::uniform_real_distribution<float> u(-11.0f, 11.0f);
+    return {u(rng), u(rng), u(rng)};
+  }
+  size_t checkProbes(const SampleKdTree& tree, size_t indexed, int probes) {
+    size_t hits = 0;
+    for (int k = 0; k < probes; ++k) {
+      const Vector p = probe();
+      const auto expected = bruteForce(samples, indexed, p);
+      EXPECT_EQ(viaTree(tree, p), expected) << "probe " << k;
+      hits += expected.size();
+    }
+    return hits;
+  }
+
+  std::mt19937 rng{12345};
+  BlockSequence<IrradSample> samples{1000};
+};
+
+TEST_F(KdTreeAgainstBruteForce, BuiltTreeThenInsertsThenRebuild) {
+  fill(5000);
+  SampleKdTree tree;
+  tree.build(samples);
+  EXPECT_EQ(tree.size(), 5000u);
+  EXPECT_GT(checkProbes(tree, 5000, 400), 100u);  // the probes do find samples
+
+  // Insert one at a time, crossing many buffer flushes and tree merges.
+  fill(3000);
+  for (size_t i = 5000; i < 8000; ++i) {
+    tree.insert(samples[i]);
+    if (i % 617 == 0) checkProbes(tree, i + 1, 20);
+  }
+  EXPECT_EQ(tree.size(), 8000u);
+  EXPECT_LE(tree.treeCount(), 10u);  // logarithmic, not one tree per flush
+  checkProbes(tree, 8000, 400);
+
+  tree.build(samples);
+  EXPECT_EQ(tree.size(), 8000u);
+  EXPECT_EQ(tree.treeCount(), 1u);
+  checkProbes(tree, 8000, 200);
+}
+
+TEST_F(KdTreeAgainstBruteForce, InsertsIntoAnEmptyTree) {
+  SampleKdTree tree;
+  EXPECT_TRUE(viaTree(tree, {0, 0, 0}).empty());
+  tree.build(samples);  // empty storage
+  EXPECT_EQ(tree.size(), 0u);
+  EXPECT_TRUE(viaTree(tree, {0, 0, 0}).empty());
+  fill(2000);
+  for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
+  checkProbes(tree, 2000, 400);
+}
+
+TEST_F(KdTreeAgainstBruteForce, LoweredRadiiAreHonoured) {
+  fill(3000);
+  SampleKdTree tree;
+  tree.build(samples);
+  for (size_t i = 0; i < samples.size(); i += 3) samples[i].validRadius2 *= 0.25f;
+  checkProbes(tree, 3000, 300);
+  // Inserting after the lowering folds old entries into new trees with the current radii.
+  fill(1000);
+  for (size_t i = 3000; i < 4000; ++i) tree.insert(samples[i]);
+  for (size_t i = 1; i < samples.size(); i += 5) samples[i].validRadius2 = 0.0f;
+  checkProbes(tree, 4000, 300);
+}
+
+TEST(SampleKdTree, ContainmentIsStrict) {
+  BlockSequence<IrradSample> samples;
+  samples.append(sphere(0, 0, 0, 2.0f));  // radius^2 is exactly 4
+  SampleKdTree tree;
+  tree.build(samples);
+  EXPECT_EQ(viaTree(tree, {1.999f, 0, 0}).size(), 1u);
+  EXPECT_TRUE(viaTree(tree, {2.0f, 0, 0}).empty());
+  EXPECT_TRUE(viaTree(tree, {0, 0, -2.0f}).empty());
+}
+
+TEST(SampleKdTree, UnreachableSamplesAreLeftOut) {
+  constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+  constexpr float inf = std::numeric_limits<float>::infinity();
+  BlockSequence<IrradSample> samples;
+  samples.append(sphere(0, 0, 0, 0.0f));
+  samples.append(sphere(nan, 0, 0, 1.0f));
+  samples.append(sphere(inf, 0, 0, 1.0f));
+  IrradSample nanRadius = sphere(0, 0, 0, 1.0f);
+  nanRadius.validRadius2 = nan;
+  samples.append(nanRadius);
+  IrradSample everywhere = sphere(5, 5, 5, 1.0f);
+  everywhere.validRadius2 = inf;
+  samples.append(everywhere);
+
+  SampleKdTree tree;
+  tree.build(samples);
+  EXPECT_EQ(tree.size(), 1u);
+  EXPECT_EQ(viaTree(tree, {0, 0, 0}), (std::vector<const IrradSample*>{&samples[4]}));
+  EXPECT_EQ(viaTree(tree, {-1e10f, 3, 0}).size(), 1u);
+  EXPECT_TRUE(viaTree(tree, {nan, 0, 0}).empty());
+  for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
+  EXPECT_EQ(tree.size(), 2u);
+}
+
+TEST(SampleKdTree, ManySamplesAtOnePoint) {
+  BlockSequence<IrradSample> samples;
+  for (int i = 0; i < 10000; ++i) samples.append(sphere(1, 2, 3, 0.5f));
+  SampleKdTree tree;
+  tree.build(samples);
+  EXPECT_EQ(viaTree(tree, {1, 2, 3.4f}).size(), 10000u);
+  EXPECT_TRUE(viaTree(tree, {1, 2, 3.6f}).empty());
+}
+
+TEST(SampleKdTree, BuildsFromAPointerList) {
+  BlockSequence<IrradSample> samples;
+  for (int i = 0; i < 100; ++i) samples.append(sphere(static_cast<float>(i), 0, 0, 0.75f));
+  std::vector<IrradSample*> odd;
+  for (int i = 1; i < 100; i += 2) odd.push_back(&samples[i]);
+  odd.push_back(nullptr);
+  SampleKdTree tree;
+  tree.build(odd.data(), odd.size());
+  EXPECT_EQ(tree.size(), 50u);
+  EXPECT_EQ(viaTree(tree, {41.2f, 0, 0}), (std::vector<const IrradSample*>{&samples[41]}));
+  EXPECT_TRUE(viaTree(tree, {40.2f, 0, 0}).empty());
+
+  struct Collect : StoreCB {
+    std::vector<IrradSample*> got;
+    void store(IrradSample& s) override { got.push_back(&s); }
+  } collect;
+  tree.query({41.0f, 0, 0}, collect);
+  EXPECT_EQ(collect.got, (std::vector<IrradSample*>{&samples[41]}));
+}
+
+}  // namespace
+}  // namespace LUtils
