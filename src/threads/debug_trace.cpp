@@ -61,6 +61,12 @@ DebugTraceSink setDebugTraceSink(DebugTraceSink sink) {
   TraceState& state = traceState();
   std::lock_guard<SpinningMutex> guard(state.lock);
   std::swap(state.sink, sink);
+  if (!state.sink) {
+    // Back to the default destination, which looks at CACHEVIEW_DEBUG_LOG afresh.
+    if (state.log) std::fclose(state.log);
+    state.log = nullptr;
+    state.logChecked = false;
+  }
   return sink;
 }
 

@@ -15,8 +15,9 @@ using DebugTraceSink = std::function<void(const char* text)>;
 // installed sink, or to the default destination when none is installed.
 [[gnu::format(printf, 1, 2)]] void debugTrace(const char* format, ...);
 
-// Installs `sink` (an empty function restores the default destination) and returns the sink
-// that was installed before. Safe to call while other threads trace.
+// Installs `sink` and returns the sink that was installed before. An empty function restores
+// the default destination, which then reads CACHEVIEW_DEBUG_LOG again on the next trace. Safe to
+// call while other threads trace.
 DebugTraceSink setDebugTraceSink(DebugTraceSink sink);
 
 // Installs a sink for the lifetime of a scope and restores the previous one afterwards.
