@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "io/vector.h"
 #include "lightcache/light_tree.h"
@@ -51,11 +52,12 @@ struct LightMapSample {
   }
   // The radius of the sample's sphere; 0 when radiusSquared is not positive.
   float radius() const { return radiusSquared > 0.0f ? std::sqrt(radiusSquared) : 0.0f; }
-  // Whether p lies in the sample's sphere: |p - position|^2 <= radiusSquared, in floats. The
-  // tree and every brute-force scan use this one test.
+  // Whether p lies in the sample's sphere: |p - position|^2, computed in floats, is finite and at
+  // most radiusSquared. The tree and every brute-force scan use this one test.
   bool sphereContains(const LUtils::Vector& p) const {
     const float dx = p.x - position.x, dy = p.y - position.y, dz = p.z - position.z;
-    return dx * dx + dy * dy + dz * dz <= radiusSquared;
+    const float d2 = dx * dx + dy * dy + dz * dz;
+    return d2 <= radiusSquared && d2 <= std::numeric_limits<float>::max();
   }
 };
 
