@@ -67,6 +67,7 @@ void LightMap::resetTree() {
   }
   root_ = nullptr;
   treeState_ = 0;
+  indexed_ = 0;
 }
 
 void LightMap::clear() {
@@ -82,7 +83,8 @@ void LightMap::clear() {
 void LightMap::rebuildTree() {
   resetTree();
   needsRebuild_ = 0;
-  if (samples_.size() >= 2) buildTree();
+  indexed_ = samples_.size();
+  if (indexed_ >= 2) buildTree();
 }
 
 // ---------------------------------------------------------------------------------------------

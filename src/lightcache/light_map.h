@@ -175,8 +175,8 @@ class LightMap {
 
   // Calls store for every sample whose sphere contains p and that `filter` (if any) accepts, until
   // store returns zero. Returns the number of samples stored. Without a tree (fewer than two
-  // samples) the samples are scanned directly. Samples inserted after the last rebuild are not
-  // seen by the tree.
+  // samples) the samples are scanned directly. Either way, samples inserted after the last
+  // rebuild are not seen.
   size_t query(const LUtils::Vector& p, LightMapFilter* filter, LightMapStoreCb& store);
 
   // The sample sequence, in storage order; drawing walks its blocks directly.
@@ -204,4 +204,5 @@ class LightMap {
   LUtils::SpinningMutex insertionLock_;
   int multithreaded_ = 0;
   int32_t treeParameter_ = kDefaultTreeParameter;
+  size_t indexed_ = 0;  // samples present at the last rebuild: what queries see
 };

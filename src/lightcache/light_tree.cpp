@@ -167,7 +167,8 @@ size_t LightMap::query(const LUtils::Vector& p, LightMapFilter* filter, LightMap
   };
 
   if (!root_) {
-    samples_.forEach(0, offer);
+    size_t left = indexed_;
+    samples_.forEach(0, [&](LightMapSample& s) { return left-- > 0 && offer(s); });
     return stored;
   }
 
