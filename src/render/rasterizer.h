@@ -1,0 +1,98 @@
+// The one drawing interface of the viewer: primitives, render state, the camera, the viewport and
+// a two-phase pick protocol. RasterizerGL (OpenGL) and RasterizerSW (software) implement it.
+#pragma once
+
+#include <cstdint>
+
+#include "io/vector.h"
+
+namespace LUtils {
+
+class Camera;
+
+class Rasterizer3D {
+ public:
+  // Receives the result of a pick. The order of the virtual operations is part of the interface.
+  class SelectionCb {
+   public:
+    // Called once when the pick produced at least one hit; false stops at once.
+    virtual bool start() = 0;
+    // Asked only in picks through all depths: true asks for a `nearest` call first.
+    virtual bool wantNearest() = 0;
+    // The first name of the nearest hit record and the number of records examined.
+    virtual void nearest(uint32_t name, uint32_t recordsExamined) = 0;
+    // One picked name (a sample index).
+    virtual void hit(uint32_t name) = 0;
+
+   protected:
+    ~SelectionCb() = default;
+  };
+
+  // The order of the virtual operations is part of the interface.
+  virtual ~Rasterizer3D() = default;                                                      // 0
+  // 0 draws polygons as outlines, any other value filled.
+  virtual void setFillMode(int filled) = 0;                                               // 1
+  // Takes effect at the next beginFrame; returns the previous value.
+  virtual bool setBackfaceCulling(bool on) = 0;                                           // 2
+  virtual void setDepthTest(bool on) = 0;                                                 // 3
+  // Window pixels, y downward. depth 0: a picking frame restricted to the rectangle; negative:
+  // a pick through all depths; positive: a pick of the hits within that fraction of the depth
+  // range behind the nearest one.
+  virtual bool beginSelection(int x0, int y0, int x1, int y1, float depth) = 0;           // 4
+  // Reports the hits of the pick begun by beginSelection; may be called again with another
+  // callback to walk the same hits. Returns the hit count (-1 for an overflowed buffer).
+  virtual int endSelection(SelectionCb& callback) = 0;                                    // 5
+  virtual void resize(int width, int height) = 0;                                         // 6
+  virtual void setClearColor(const Color& color) = 0;                                     // 7
+  virtual void beginFrame() = 0;                                                          // 8
+  // Stores the camera (not owned); both back ends use the base's body.
+  virtual void setCamera(Camera* camera) = 0;                                             // 9
+  virtual void drawLine(const Vector& a, const Vector& b, const Color& color) = 0;        // 10
+  virtual void drawLitLine(const Vector& a, const Vector& b, const Vector& na,
+                           const Vector& nb, const Color& color) = 0;                     // 11
+  virtual void drawLitTriangle(const Vector& a, const Vector& b, const Vector& c,
+                               const Vector& na, const Vector& nb, const Vector& nc,
+                               const Color& color) = 0;                                   // 12
+  virtual void drawTriangle(const Vector& a, const Vector& b, const Vector& c,
+                            const Color& color) = 0;                                      // 13
+  // A convex polygon as a fan over the points in order; nothing below 3 points.
+  virtual void drawPolygon(const Vector* points, unsigned count, const Color& color) = 0;  // 14
+  // `rgba` holds the bytes R, G, B, A from the lowest up.
+  virtual void drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) = 0;  // 15
+  // Four points draw one quad, any other count a polygon.
+  virtual void drawQuadOrPolygon(const Vector* points, unsigned count,
+                                 const Color& color) = 0;                                 // 16
+  virtual void drawPoint(const Vector& position, int halfSize, const Color& color) {     // 17
+    (void)position;
+    (void)halfSize;
+    (void)color;
+  }
+  virtual void swapBuffers() {}                                                           // 18
+
+  Camera* camera() const { return camera_; }
+  // The near plane is always 0.001 times the far distance.
+  float farDistance() const { return farDistance_; }
+  void setFarDistance(float distance) { farDistance_ = distance; }
+  float nearDistance() const { return farDistance_ * 0.001f; }
+  int viewportWidth() const { return viewportWidth_; }
+  int viewportHeight() const { return viewportHeight_; }
+
+ protected:
+  Camera* camera_ = nullptr;
+  float farDistance_ = 1000.0f;
+  int viewportWidth_ = 0;
+  int viewportHeight_ = 0;
+};
+
+// Ends a pick without doing anything.
+class DummySelectionCb final : public Rasterizer3D::SelectionCb {
+ public:
+  bool start() override { return false; }
+  bool wantNearest() override { return false; }
+  void nearest(uint32_t, uint32_t) override {}
+  void hit(uint32_t) override {}
+};
+
+inline void Rasterizer3D::setCamera(Camera* camera) { camera_ = camera; }
+
+}  // namespace LUtils

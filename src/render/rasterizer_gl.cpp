@@ -1,0 +1,367 @@
+#include "render/rasterizer_gl.h"
+
+#include <GL/gl.h>
+#include <GL/glu.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "render/offscreen_gl_context.h"
+#include "render/view_projection.h"
+
+namespace LUtils {
+
+namespace {
+
+void vertex(const Vector& v) { glVertex3f(v.x, v.y, v.z); }
+
+}  // namespace
+
+RasterizerGL::RasterizerGL() = default;
+
+RasterizerGL::~RasterizerGL() = default;
+
+bool RasterizerGL::hasOffscreenContext() const { return bitmap_ != nullptr && bitmap_->ok(); }
+
+bool RasterizerGL::makeCurrent() { return hasOffscreenContext() && bitmap_->makeCurrent(); }
+
+bool RasterizerGL::softwareRenderer() const {
+  return hasOffscreenContext() && bitmap_->softwareRenderer();
+}
+
+void RasterizerGL::setFillMode(int filled) {
+  if (filled == fillMode_) return;
+  fillMode_ = filled;
+  glPolygonMode(GL_FRONT_AND_BACK, filled == 0 ? GL_LINE : GL_FILL);
+}
+
+bool RasterizerGL::setBackfaceCulling(bool on) {
+  const bool previous = cullBackFaces_;
+  cullBackFaces_ = on;
+  return previous;
+}
+
+void RasterizerGL::setDepthTest(bool on) {
+  if (on) {
+    glEnable(GL_DEPTH_TEST);
+  } else {
+    glDisable(GL_DEPTH_TEST);
+  }
+}
+
+void RasterizerGL::setClearColor(const Color& color) {
+  glClearColor(color.r, color.g, color.b, 1.0f);
+  glClearDepth(10000.0);
+}
+
+void RasterizerGL::resize(int width, int height) {
+  if (windowMode_ != 0) {
+    setViewportSize(width, height);
+    farDistance_ = 1000.0f;
+    return;
+  }
+  bitmap_.reset();
+  bitmap_ = std::make_unique<OffscreenGLContext>(width, height);
+  offscreenError_ = bitmap_->error();
+  if (bitmap_->ok()) {
+    viewportWidth_ = width;
+    viewportHeight_ = height;
+    glViewport(0, 0, width, height);
+  } else {
+    bitmap_.reset();
+  }
+  farDistance_ = 1000.0f;
+}
+
+void RasterizerGL::setViewportSize(int width, int height) {
+  viewportWidth_ = width;
+  viewportHeight_ = height;
+  if (windowMode_ != 0) glViewport(0, 0, width, height);
+}
+
+void RasterizerGL::applyProjection(int width, int height) const {
+  const float fov = cameraFrame(camera_).fieldOfView;
+  const double h = height > 0 ? height : 1;
+  gluPerspective(verticalFovDegrees(fov, width, height), static_cast<double>(width) / h,
+                 nearDistance(), farDistance_);
+}
+
+void RasterizerGL::applyLookAt() const {
+  const CameraFrame frame = cameraFrame(camera_);
+  if (!frame.valid) return;
+  const Vector& e = frame.eye;
+  const Vector c = frame.eye + frame.forward;
+  gluLookAt(e.x, e.y, e.z, c.x, c.y, c.z, frame.up.x, frame.up.y, frame.up.z);
+}
+
+void RasterizerGL::beginFrame() {
+  int width = viewportWidth_;
+  int height = viewportHeight_;
+  if (windowMode_ == 0 && hasOffscreenContext()) {
+    width = bitmap_->width();
+    height = bitmap_->height();
+  }
+  glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+
+  glMatrixMode(GL_PROJECTION);
+  glLoadIdentity();
+  applyProjection(width, height);
+  glMatrixMode(GL_MODELVIEW);
+  glLoadIdentity();
+  applyLookAt();
+
+  glDepthFunc(GL_LEQUAL);
+  glEnable(GL_DEPTH_TEST);
+
+  glEnable(GL_LIGHTING);
+  glLightModeli(GL_LIGHT_MODEL_LOCAL_VIEWER, 1);
+  glLightModeli(GL_LIGHT_MODEL_TWO_SIDE, 1);
+  const GLfloat ambient[4] = {0.2f, 0.2f, 0.2f, 1.0f};
+  glLightModelfv(GL_LIGHT_MODEL_AMBIENT, ambient);
+
+  // A warm and a cool light above and behind the eye, on either side; the model-view matrix is
+  // the camera's, so the positions are given in world space.
+  const CameraFrame frame = cameraFrame(camera_);
+  const Vector warm = frame.eye + frame.right - frame.forward + frame.up;
+  const Vector cool = frame.eye - frame.right - frame.forward + frame.up;
+  const GLfloat warmPosition[4] = {warm.x, warm.y, warm.z, 1.0f};
+  const GLfloat coolPosition[4] = {cool.x, cool.y, cool.z, 1.0f};
+  const GLfloat warmColour[4] = {0.5f, 0.5f, 0.4f, 1.0f};
+  const GLfloat coolColour[4] = {0.4f, 0.4f, 0.5f, 1.0f};
+  glEnable(GL_LIGHT0);
+  glLightfv(GL_LIGHT0, GL_POSITION, warmPosition);
+  glLightfv(GL_LIGHT0, GL_DIFFUSE, warmColour);
+  glLightfv(GL_LIGHT0, GL_SPECULAR, warmColour);
+  glEnable(GL_LIGHT1);
+  glLightfv(GL_LIGHT1, GL_POSITION, coolPosition);
+  glLightfv(GL_LIGHT1, GL_DIFFUSE, coolColour);
+  glLightfv(GL_LIGHT1, GL_SPECULAR, coolColour);
+
+  glEnable(GL_COLOR_MATERIAL);
+  glColorMaterial(GL_FRONT_AND_BACK, GL_AMBIENT_AND_DIFFUSE);
+  const GLfloat specular[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+  glMaterialfv(GL_FRONT_AND_BACK, GL_SPECULAR, specular);
+  glMaterialf(GL_FRONT_AND_BACK, GL_SHININESS, 50.0f);
+
+  if (cullBackFaces_) {
+    glEnable(GL_CULL_FACE);
+    glCullFace(GL_BACK);
+  } else {
+    glDisable(GL_CULL_FACE);
+  }
+}
+
+bool RasterizerGL::beginSelection(int x0, int y0, int x1, int y1, float depth) {
+  GLint viewport[4] = {0, 0, 0, 0};
+  glGetIntegerv(GL_VIEWPORT, viewport);
+
+  if (depth != 0.0f) {
+    if (!selectBuffer_) {
+      // Value-initialised: an overflowed pick walks the whole buffer.
+      selectBuffer_ = std::make_unique<uint32_t[]>(kSelectBufferSize);
+    }
+    glSelectBuffer(static_cast<GLsizei>(kSelectBufferSize), selectBuffer_.get());
+    glRenderMode(GL_SELECT);
+    glInitNames();
+    glPushName(0xFFFFFFFFu);
+  }
+
+  const double pickWidth = std::max(1.0, static_cast<double>(x1) - x0);
+  const double pickHeight = std::max(1.0, static_cast<double>(y1) - y0);
+  glViewport(0, 0, static_cast<GLsizei>(pickWidth), static_cast<GLsizei>(pickHeight));
+
+  glMatrixMode(GL_PROJECTION);
+  glPushMatrix();
+  glLoadIdentity();
+  const double centreX = (static_cast<double>(x0) + x1) / 2.0;
+  const double centreY = viewport[3] - 1 - (static_cast<double>(y0) + y1) / 2.0;
+  gluPickMatrix(centreX, centreY, pickWidth, pickHeight, viewport);
+  applyProjection(viewportWidth_, viewportHeight_);
+
+  glMatrixMode(GL_MODELVIEW);
+  glPushMatrix();
+  glLoadIdentity();
+  applyLookAt();
+
+  allDepths_ = depth < 0.0f;
+  depthTolerance_ = static_cast<uint32_t>(
+      static_cast<uint64_t>(std::fabs(static_cast<double>(depth)) * 4294967296.0));
+  singlePoint_ = x0 == x1 && y0 == y1;
+  selectionEnded_ = 0;
+  return true;
+}
+
+int RasterizerGL::endSelection(SelectionCb& callback) {
+  if (selectionEnded_ == 0) {
+    // The model-view matrix is popped twice; the pushed projection is reset by the next frame.
+    glPopMatrix();
+    glPopMatrix();
+    glFlush();
+    glViewport(0, 0, viewportWidth_, viewportHeight_);
+    hitCount_ = glRenderMode(GL_RENDER);
+    selectionEnded_ = 1;
+  }
+  if (hitCount_ == 0) return 0;
+  if (!callback.start()) return hitCount_;
+  const uint32_t* buffer = selectBuffer_.get();
+  if (buffer == nullptr) return hitCount_;
+
+  // Records: name count, minimum depth, maximum depth, names. An overflowed pick (-1) walks to
+  // the end of the buffer.
+  const uint32_t records = static_cast<uint32_t>(hitCount_);
+  auto forEachRecord = [&](auto&& visit) {
+    uint32_t pos = 0;
+    for (uint32_t r = 0; r < records; ++r) {
+      if (pos + 3 > kSelectBufferSize) break;
+      const uint32_t nameCount = buffer[pos];
+      if (nameCount > kSelectBufferSize - pos - 3) break;
+      visit(r, buffer[pos + 1], &buffer[pos + 3], nameCount);
+      pos += 3 + nameCount;
+    }
+  };
+
+  int64_t nearestRecord = -1;
+  uint32_t nearestDepth = 0xFFFFFFFFu;
+  if (!allDepths_ || callback.wantNearest()) {
+    uint32_t examined = 0;
+    uint32_t nearestName = 0xFFFFFFFFu;
+    forEachRecord([&](uint32_t r, uint32_t minDepth, const uint32_t* names, uint32_t count) {
+      ++examined;
+      if (minDepth < nearestDepth) {  // ties keep the first record
+        nearestDepth = minDepth;
+        nearestRecord = r;
+        nearestName = count > 0 ? names[0] : 0xFFFFFFFFu;
+      }
+    });
+    if (nearestRecord >= 0) callback.nearest(nearestName, examined);
+  }
+
+  if (allDepths_) {
+    if (hitCount_ > 0) {
+      forEachRecord([&](uint32_t, uint32_t, const uint32_t* names, uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) callback.hit(names[i]);
+      });
+    }
+  } else if (singlePoint_) {
+    forEachRecord([&](uint32_t r, uint32_t, const uint32_t* names, uint32_t count) {
+      if (static_cast<int64_t>(r) != nearestRecord) return;
+      for (uint32_t i = 0; i < count; ++i) callback.hit(names[i]);
+    });
+  } else if (hitCount_ > 0 && nearestRecord >= 0) {
+    forEachRecord([&](uint32_t, uint32_t minDepth, const uint32_t* names, uint32_t count) {
+      const int64_t difference =
+          std::llabs(static_cast<int64_t>(minDepth) - static_cast<int64_t>(nearestDepth));
+      if (difference >= static_cast<int64_t>(depthTolerance_)) return;
+      for (uint32_t i = 0; i < count; ++i) callback.hit(names[i]);
+    });
+  }
+  return hitCount_;
+}
+
+void RasterizerGL::loadName(uint32_t name) { glLoadName(name); }
+
+void RasterizerGL::drawLine(const Vector& a, const Vector& b, const Color& color) {
+  glDisable(GL_LIGHTING);
+  glColor3f(color.r, color.g, color.b);
+  glBegin(GL_LINES);
+  vertex(a);
+  vertex(b);
+  glEnd();
+}
+
+void RasterizerGL::drawLitLine(const Vector& a, const Vector& b, const Vector& na,
+                               const Vector& nb, const Color& color) {
+  glEnable(GL_LIGHTING);
+  glColor3f(color.r, color.g, color.b);
+  glBegin(GL_LINES);
+  glNormal3f(na.x, na.y, na.z);
+  vertex(a);
+  glNormal3f(nb.x, nb.y, nb.z);
+  vertex(b);
+  glEnd();
+}
+
+void RasterizerGL::drawLitTriangle(const Vector& a, const Vector& b, const Vector& c,
+                                   const Vector& na, const Vector& nb, const Vector& nc,
+                                   const Color& color) {
+  glEnable(GL_LIGHTING);
+  glColor3f(color.r, color.g, color.b);
+  glBegin(GL_TRIANGLES);
+  glNormal3f(na.x, na.y, na.z);
+  vertex(a);
+  glNormal3f(nb.x, nb.y, nb.z);
+  vertex(b);
+  glNormal3f(nc.x, nc.y, nc.z);
+  vertex(c);
+  glEnd();
+}
+
+void RasterizerGL::drawTriangle(const Vector& a, const Vector& b, const Vector& c,
+                                const Color& color) {
+  glDisable(GL_LIGHTING);
+  glColor3f(color.r, color.g, color.b);
+  glBegin(GL_TRIANGLES);
+  vertex(a);
+  vertex(b);
+  vertex(c);
+  glEnd();
+}
+
+void RasterizerGL::drawPolygon(const Vector* points, unsigned count, const Color& color) {
+  if (count < 3) return;
+  glDisable(GL_LIGHTING);
+  glColor3f(color.r, color.g, color.b);
+  glBegin(GL_TRIANGLE_FAN);
+  for (unsigned i = 0; i < count; ++i) vertex(points[i]);
+  glEnd();
+}
+
+void RasterizerGL::drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) {
+  if (count < 3) return;
+  GLubyte bytes[4];
+  bytes[0] = static_cast<GLubyte>(rgba & 0xFFu);
+  bytes[1] = static_cast<GLubyte>((rgba >> 8) & 0xFFu);
+  bytes[2] = static_cast<GLubyte>((rgba >> 16) & 0xFFu);
+  bytes[3] = static_cast<GLubyte>(rgba >> 24);
+  glDisable(GL_LIGHTING);
+  glColor4ubv(bytes);
+  glBegin(count == 4 ? GL_QUADS : GL_TRIANGLE_FAN);
+  for (unsigned i = 0; i < count; ++i) vertex(points[i]);
+  glEnd();
+}
+
+void RasterizerGL::drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) {
+  if (count != 4) {
+    drawPolygon(points, count, color);
+    return;
+  }
+  glDisable(GL_LIGHTING);
+  glColor3f(color.r, color.g, color.b);
+  glBegin(GL_QUADS);
+  for (unsigned i = 0; i < 4; ++i) vertex(points[i]);
+  glEnd();
+}
+
+bool RasterizerGL::readPixels(std::vector<uint32_t>& pixels, int& width, int& height) const {
+  GLint viewport[4] = {0, 0, 0, 0};
+  glGetIntegerv(GL_VIEWPORT, viewport);
+  width = viewport[2];
+  height = viewport[3];
+  if (width <= 0 || height <= 0) return false;
+  std::vector<uint32_t> bottomUp(static_cast<size_t>(width) * height);
+  glPixelStorei(GL_PACK_ALIGNMENT, 1);
+  glReadPixels(viewport[0], viewport[1], width, height, GL_RGBA, GL_UNSIGNED_BYTE,
+               bottomUp.data());
+  pixels.resize(bottomUp.size());
+  for (int row = 0; row < height; ++row) {
+    std::memcpy(&pixels[static_cast<size_t>(row) * width],
+                &bottomUp[static_cast<size_t>(height - 1 - row) * width],
+                static_cast<size_t>(width) * sizeof(uint32_t));
+  }
+  // Alpha as the software back end writes it: every pixel opaque.
+  for (uint32_t& p : pixels) p |= 0xFF000000u;
+  return true;
+}
+
+}  // namespace LUtils

@@ -1,0 +1,94 @@
+// The OpenGL back end of Rasterizer3D: immediate-mode drawing, fixed-function lighting and the
+// GL_SELECT pick protocol. It draws either into the caller's current context (window mode) or
+// into an off-screen EGL context of its own, so that it renders and picks without a display.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "render/rasterizer.h"
+
+namespace LUtils {
+
+// An off-screen OpenGL context (EGL, Mesa's surfaceless platform, a pbuffer surface with
+// colour, 24-bit depth and 8-bit stencil).
+class OffscreenGLContext;
+
+class RasterizerGL final : public Rasterizer3D {
+ public:
+  // Entries of the selection buffer (4 MiB).
+  static constexpr uint32_t kSelectBufferSize = 1048576;
+
+  RasterizerGL();
+  ~RasterizerGL() override;
+  RasterizerGL(const RasterizerGL&) = delete;
+  RasterizerGL& operator=(const RasterizerGL&) = delete;
+
+  void setFillMode(int filled) override;
+  bool setBackfaceCulling(bool on) override;
+  void setDepthTest(bool on) override;
+  bool beginSelection(int x0, int y0, int x1, int y1, float depth) override;
+  int endSelection(SelectionCb& callback) override;
+  // Off-screen mode: (re)creates the off-screen context of that size, makes it current on the
+  // calling thread and sets the far distance to 1000. In window mode the canvas's context is not
+  // touched: the call only sets the viewport size and the far distance.
+  void resize(int width, int height) override;
+  void setClearColor(const Color& color) override;
+  void beginFrame() override;
+  void setCamera(Camera* camera) override { Rasterizer3D::setCamera(camera); }
+  void drawLine(const Vector& a, const Vector& b, const Color& color) override;
+  void drawLitLine(const Vector& a, const Vector& b, const Vector& na, const Vector& nb,
+                   const Color& color) override;
+  void drawLitTriangle(const Vector& a, const Vector& b, const Vector& c, const Vector& na,
+                       const Vector& nb, const Vector& nc, const Color& color) override;
+  void drawTriangle(const Vector& a, const Vector& b, const Vector& c,
+                    const Color& color) override;
+  void drawPolygon(const Vector* points, unsigned count, const Color& color) override;
+  void drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) override;
+  void drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) override;
+
+  // Draw into the context current on the calling thread (the canvas's).
+  void useWindowContext() { windowMode_ = 1; }
+  bool windowMode() const { return windowMode_ != 0; }
+  // Stores the size; in window mode also sets the GL viewport.
+  void setViewportSize(int width, int height);
+
+  // Off-screen mode only. True once resize has made a context.
+  bool hasOffscreenContext() const;
+  // Makes the off-screen context current on the calling thread again.
+  bool makeCurrent();
+  // Why the last resize could not make a context (empty when it could).
+  const std::string& offscreenError() const { return offscreenError_; }
+  // True when the off-screen context's renderer is a software one (llvmpipe, softpipe).
+  bool softwareRenderer() const;
+  // The picture of the current context's back buffer: width x height pixels, top row first, each
+  // 0xAABBGGRR (red in the lowest byte), like RasterizerSW's buffers.
+  bool readPixels(std::vector<uint32_t>& pixels, int& width, int& height) const;
+
+  // Loads the GL selection name of the primitives that follow (a sample's index).
+  void loadName(uint32_t name);
+
+  // The raw selection buffer (null before the first pick through the buffer).
+  const uint32_t* selectBuffer() const { return selectBuffer_.get(); }
+
+ private:
+  void applyProjection(int width, int height) const;
+  void applyLookAt() const;
+
+  int windowMode_ = 0;
+  std::unique_ptr<OffscreenGLContext> bitmap_;
+  std::string offscreenError_;
+  int fillMode_ = 255;
+  bool cullBackFaces_ = false;
+  // Selection state.
+  bool singlePoint_ = false;
+  bool allDepths_ = false;
+  uint32_t depthTolerance_ = 0;
+  std::unique_ptr<uint32_t[]> selectBuffer_;
+  int32_t hitCount_ = 0;
+  int selectionEnded_ = 0;
+};
+
+}  // namespace LUtils

@@ -1,0 +1,486 @@
+#include "render/rasterizer_sw.h"
+
+#include <algorithm>
+#include <cmath>
+#include <thread>
+
+namespace LUtils {
+
+using swr::FixedVertex;
+using swr::Prim;
+using swr::PrimKind;
+
+namespace {
+
+// Polygons with more points than this are drawn as a fan of triangles (same pixels).
+constexpr unsigned kMaxDirectPoints = 48;
+// Room for a polygon after clipping against six planes.
+constexpr int kMaxClipped = kMaxDirectPoints + 8;
+// Primitives are clipped at this multiple of the viewport only when they reach beyond it, so
+// that fixed-point window coordinates stay small.
+constexpr float kGuardBand = 4.0f;
+
+uint8_t toByte(float c) {
+  if (!(c > 0.0f)) return 0;
+  if (c >= 1.0f) return 255;
+  return static_cast<uint8_t>(std::lrint(c * 255.0f));
+}
+
+uint32_t packColour(const Color& c) {
+  return uint32_t{toByte(c.r)} | (uint32_t{toByte(c.g)} << 8) | (uint32_t{toByte(c.b)} << 16) |
+         0xFF000000u;
+}
+
+int64_t floorDiv(int64_t a, int64_t b) {
+  int64_t q = a / b;
+  if ((a % b != 0) && ((a < 0) != (b < 0))) --q;
+  return q;
+}
+
+// Signed distances to the clip planes: near, far, then the guard band's four sides.
+constexpr int kPlaneCount = 6;
+inline float planeDistance(const float* v, int plane) {
+  switch (plane) {
+    case 0: return v[2] + v[3];
+    case 1: return v[3] - v[2];
+    case 2: return kGuardBand * v[3] - v[0];
+    case 3: return kGuardBand * v[3] + v[0];
+    case 4: return kGuardBand * v[3] - v[1];
+    default: return kGuardBand * v[3] + v[1];
+  }
+}
+
+// Outside bits of the view volume itself (for trivial rejection) and of the clip planes.
+inline unsigned viewOutcode(const float* v) {
+  unsigned code = 0;
+  if (v[0] > v[3]) code |= 1;
+  if (v[0] < -v[3]) code |= 2;
+  if (v[1] > v[3]) code |= 4;
+  if (v[1] < -v[3]) code |= 8;
+  if (v[2] > v[3]) code |= 16;
+  if (v[2] < -v[3]) code |= 32;
+  return code;
+}
+
+inline unsigned clipOutcode(const float* v) {
+  unsigned code = 0;
+  for (int p = 0; p < kPlaneCount; ++p) {
+    if (planeDistance(v, p) < 0.0f) code |= 1u << p;
+  }
+  return code;
+}
+
+template <typename V>
+V lerp(const V& a, const V& b, float t) {
+  return {a.x + (b.x - a.x) * t, a.y + (b.y - a.y) * t, a.z + (b.z - a.z) * t,
+          a.w + (b.w - a.w) * t};
+}
+
+}  // namespace
+
+struct alignas(64) RasterizerSW::Bin {
+  std::vector<Prim> prims;
+  std::vector<FixedVertex> vertices;
+};
+
+RasterizerSW::RasterizerSW() : bins_(std::make_unique<Bin[]>(kMaxBins)) {
+  replayThreads_ = std::max(1u, std::thread::hardware_concurrency());
+}
+
+RasterizerSW::~RasterizerSW() = default;
+
+bool RasterizerSW::setBackfaceCulling(bool on) {
+  const bool previous = cullRequested_;
+  cullRequested_ = on;
+  return previous;
+}
+
+void RasterizerSW::resize(int width, int height) {
+  discardBins();
+  width_ = std::max(0, width);
+  height_ = std::max(0, height);
+  const size_t pixels = static_cast<size_t>(width_) * static_cast<size_t>(height_);
+  front_.assign(pixels, clearColour_);
+  back_.assign(pixels, clearColour_);
+  depth_.assign(pixels, 1.0f);
+  viewportWidth_ = width_;
+  viewportHeight_ = height_;
+  clipMinX_ = 0;
+  clipMinY_ = 0;
+  clipMaxX_ = width_ - 1;
+  clipMaxY_ = height_ - 1;
+}
+
+void RasterizerSW::setClearColor(const Color& color) { clearColour_ = packColour(color); }
+
+void RasterizerSW::beginFrame() {
+  discardBins();
+  std::fill(back_.begin(), back_.end(), clearColour_);
+  // The depth buffer clears to its far end (OpenGL clamps the clear depth to 1).
+  std::fill(depth_.begin(), depth_.end(), 1.0f);
+  frame_ = cameraFrame(camera_);
+  const Matrix4 m = viewProjection(frame_, width_, height_, farDistance_);
+  for (int i = 0; i < 16; ++i) mvp_[i] = static_cast<float>(m.m[i]);
+  depthTest_ = true;
+  cullActive_ = cullRequested_;
+  clipMinX_ = 0;
+  clipMinY_ = 0;
+  clipMaxX_ = width_ - 1;
+  clipMaxY_ = height_ - 1;
+}
+
+bool RasterizerSW::beginSelection(int x0, int y0, int x1, int y1, float depth) {
+  if (depth != 0.0f) return false;
+  flush();
+  clipMinX_ = std::max(0, std::min(x0, x1));
+  clipMinY_ = std::max(0, std::min(y0, y1));
+  clipMaxX_ = std::min(width_ - 1, std::max(x0, x1));
+  clipMaxY_ = std::min(height_ - 1, std::max(y0, y1));
+  return true;
+}
+
+int RasterizerSW::endSelection(SelectionCb& callback) {
+  (void)callback;
+  flush();
+  clipMinX_ = 0;
+  clipMinY_ = 0;
+  clipMaxX_ = width_ - 1;
+  clipMaxY_ = height_ - 1;
+  return 0;
+}
+
+void RasterizerSW::swapBuffers() {
+  flush();
+  front_.swap(back_);
+}
+
+const uint32_t* RasterizerSW::colourBuffer() {
+  flush();
+  return back_.data();
+}
+
+RasterizerSW::ClipVertex RasterizerSW::transform(const Vector& p) const {
+  const float* m = mvp_;
+  return {m[0] * p.x + m[4] * p.y + m[8] * p.z + m[12],
+          m[1] * p.x + m[5] * p.y + m[9] * p.z + m[13],
+          m[2] * p.x + m[6] * p.y + m[10] * p.z + m[14],
+          m[3] * p.x + m[7] * p.y + m[11] * p.z + m[15]};
+}
+
+FixedVertex RasterizerSW::toWindow(const ClipVertex& c) const {
+  const float inv = 1.0f / c.w;
+  const float wx = (c.x * inv + 1.0f) * 0.5f * static_cast<float>(width_);
+  const float wy = static_cast<float>(height_) - (c.y * inv + 1.0f) * 0.5f * static_cast<float>(height_);
+  const float wz = c.z * inv * 0.5f + 0.5f;
+  return {static_cast<int32_t>(std::lrint(wx * swr::kSubpixel)),
+          static_cast<int32_t>(std::lrint(wy * swr::kSubpixel)), std::clamp(wz, 0.0f, 1.0f)};
+}
+
+void RasterizerSW::submitPolygon(const Vector* points, unsigned count, uint32_t colour) {
+  if (count < 3 || width_ <= 0 || height_ <= 0) return;
+  if (count > kMaxDirectPoints) {
+    for (unsigned i = 1; i + 1 < count; ++i) {
+      const Vector triangle[3] = {points[0], points[i], points[i + 1]};
+      submitPolygon(triangle, 3, colour);
+    }
+    return;
+  }
+
+  ClipVertex buffers[2][kMaxClipped];
+  ClipVertex* poly = buffers[0];
+  int n = static_cast<int>(count);
+  unsigned allOut = ~0u, anyClip = 0;
+  for (int i = 0; i < n; ++i) {
+    poly[i] = transform(points[i]);
+    allOut &= viewOutcode(&poly[i].x);
+    anyClip |= clipOutcode(&poly[i].x);
+  }
+  if (allOut != 0) return;
+  if (anyClip != 0) {
+    // Sutherland-Hodgman against every plane that some vertex is behind.
+    for (int plane = 0; plane < kPlaneCount && n >= 3; ++plane) {
+      if ((anyClip & (1u << plane)) == 0) continue;
+      ClipVertex* out = poly == buffers[0] ? buffers[1] : buffers[0];
+      int m = 0;
+      for (int i = 0; i < n; ++i) {
+        const ClipVertex& a = poly[i];
+        const ClipVertex& b = poly[i + 1 == n ? 0 : i + 1];
+        const float da = planeDistance(&a.x, plane);
+        const float db = planeDistance(&b.x, plane);
+        if (da >= 0.0f) out[m++] = a;
+        if ((da >= 0.0f) != (db >= 0.0f) && m < kMaxClipped) out[m++] = lerp(a, b, da / (da - db));
+      }
+      poly = out;
+      n = m;
+    }
+    if (n < 3) return;
+  }
+
+  FixedVertex v[kMaxClipped];
+  int64_t area2 = 0;
+  for (int i = 0; i < n; ++i) v[i] = toWindow(poly[i]);
+  for (int i = 0; i < n; ++i) {
+    const FixedVertex& a = v[i];
+    const FixedVertex& b = v[i + 1 == n ? 0 : i + 1];
+    area2 += int64_t{a.x} * b.y - int64_t{b.x} * a.y;
+  }
+  if (area2 == 0) return;
+  // Counter-clockwise on screen (front-facing in OpenGL) is a negative area with y downward.
+  if (cullActive_ && area2 > 0) return;
+
+  if (fillMode_ == 0) {
+    for (int i = 0; i < n; ++i) emitLine(v[i], v[i + 1 == n ? 0 : i + 1], colour);
+    return;
+  }
+  if (area2 < 0) std::reverse(v, v + n);
+
+  int32_t minX = v[0].x, maxX = v[0].x, minY = v[0].y, maxY = v[0].y;
+  for (int i = 1; i < n; ++i) {
+    minX = std::min(minX, v[i].x);
+    maxX = std::max(maxX, v[i].x);
+    minY = std::min(minY, v[i].y);
+    maxY = std::max(maxY, v[i].y);
+  }
+  // Pixels whose centres (k * 256 + 128) lie within the bounds.
+  constexpr int64_t half = swr::kSubpixel / 2;
+  Prim prim;
+  prim.kind = PrimKind::kPolygon;
+  prim.minX = static_cast<int32_t>(std::max<int64_t>(clipMinX_, -floorDiv(half - minX, swr::kSubpixel)));
+  prim.minY = static_cast<int32_t>(std::max<int64_t>(clipMinY_, -floorDiv(half - minY, swr::kSubpixel)));
+  prim.maxX = static_cast<int32_t>(std::min<int64_t>(clipMaxX_, floorDiv(maxX - half, swr::kSubpixel)));
+  prim.maxY = static_cast<int32_t>(std::min<int64_t>(clipMaxY_, floorDiv(maxY - half, swr::kSubpixel)));
+  if (prim.minX > prim.maxX || prim.minY > prim.maxY) return;
+
+  // The depth plane through the largest triangle of the fan, relative to its first vertex.
+  double best = 0.0;
+  int bi = 1;
+  for (int i = 1; i + 1 < n; ++i) {
+    const double d = std::fabs(static_cast<double>(v[i].x - v[0].x) * (v[i + 1].y - v[0].y) -
+                               static_cast<double>(v[i + 1].x - v[0].x) * (v[i].y - v[0].y));
+    if (d > best) {
+      best = d;
+      bi = i;
+    }
+  }
+  const double s = 1.0 / swr::kSubpixel;
+  const double e1x = (v[bi].x - v[0].x) * s, e1y = (v[bi].y - v[0].y) * s;
+  const double e2x = (v[bi + 1].x - v[0].x) * s, e2y = (v[bi + 1].y - v[0].y) * s;
+  const double e1z = static_cast<double>(v[bi].z) - v[0].z;
+  const double e2z = static_cast<double>(v[bi + 1].z) - v[0].z;
+  const double det = e1x * e2y - e2x * e1y;
+  if (det != 0.0) {
+    prim.zx = static_cast<float>((e1z * e2y - e2z * e1y) / det);
+    prim.zy = static_cast<float>((e2z * e1x - e1z * e2x) / det);
+  }
+  prim.z0 = v[0].z;
+  prim.refX = static_cast<float>(v[0].x * s);
+  prim.refY = static_cast<float>(v[0].y * s);
+  prim.depthTest = depthTest_ ? 1 : 0;
+  prim.colour = colour;
+  prim.count = static_cast<uint16_t>(n);
+  emit(prim, v);
+}
+
+void RasterizerSW::submitLine(const Vector& a, const Vector& b, uint32_t colour) {
+  if (width_ <= 0 || height_ <= 0) return;
+  ClipVertex ca = transform(a);
+  ClipVertex cb = transform(b);
+  if ((viewOutcode(&ca.x) & viewOutcode(&cb.x)) != 0) return;
+  const unsigned clip = clipOutcode(&ca.x) | clipOutcode(&cb.x);
+  if (clip != 0) {
+    float t0 = 0.0f, t1 = 1.0f;
+    for (int plane = 0; plane < kPlaneCount; ++plane) {
+      if ((clip & (1u << plane)) == 0) continue;
+      const float da = planeDistance(&ca.x, plane);
+      const float db = planeDistance(&cb.x, plane);
+      if (da < 0.0f && db < 0.0f) return;
+      const float t = da / (da - db);
+      if (da < 0.0f) {
+        t0 = std::max(t0, t);
+      } else if (db < 0.0f) {
+        t1 = std::min(t1, t);
+      }
+    }
+    if (t0 >= t1) return;
+    const ClipVertex start = lerp(ca, cb, t0);
+    const ClipVertex end = lerp(ca, cb, t1);
+    ca = start;
+    cb = end;
+  }
+  emitLine(toWindow(ca), toWindow(cb), colour);
+}
+
+void RasterizerSW::emitLine(const FixedVertex& a, const FixedVertex& b, uint32_t colour) {
+  Prim prim;
+  prim.kind = PrimKind::kLine;
+  prim.count = 2;
+  prim.colour = colour;
+  prim.depthTest = depthTest_ ? 1 : 0;
+  const int64_t lo_y = std::min(a.y, b.y) / swr::kSubpixel - 1;
+  const int64_t hi_y = std::max(a.y, b.y) / swr::kSubpixel + 1;
+  prim.minX = clipMinX_;
+  prim.maxX = clipMaxX_;
+  prim.minY = static_cast<int32_t>(std::max<int64_t>(clipMinY_, lo_y));
+  prim.maxY = static_cast<int32_t>(std::min<int64_t>(clipMaxY_, hi_y));
+  if (prim.minY > prim.maxY) return;
+  const FixedVertex v[2] = {a, b};
+  emit(prim, v);
+}
+
+void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
+  const uint32_t bin = binIndexSource_ ? binIndexSource_() : kDirect;
+  if (bin == kDirect) {
+    if (binsPending_.load(std::memory_order_acquire)) flush();
+    prim.firstVertex = 0;
+    const swr::Target target{back_.data(), depth_.data(), width_, height_};
+    swr::rasterize(target, prim, vertices, swr::RowBands{});
+    return;
+  }
+  if (bin >= kMaxBins) return;
+  Bin& b = bins_[bin];
+  prim.firstVertex = static_cast<uint32_t>(b.vertices.size());
+  b.vertices.insert(b.vertices.end(), vertices, vertices + prim.count);
+  b.prims.push_back(prim);
+  uint32_t used = binsUsed_.load(std::memory_order_relaxed);
+  while (used < bin + 1 &&
+         !binsUsed_.compare_exchange_weak(used, bin + 1, std::memory_order_relaxed)) {
+  }
+  if (!binsPending_.load(std::memory_order_relaxed)) {
+    binsPending_.store(true, std::memory_order_release);
+  }
+}
+
+void RasterizerSW::flush() {
+  if (!binsPending_.exchange(false, std::memory_order_acq_rel)) return;
+  const uint32_t used = binsUsed_.exchange(0, std::memory_order_acq_rel);
+  size_t total = 0;
+  for (uint32_t i = 0; i < used; ++i) total += bins_[i].prims.size();
+
+  const swr::Target target{back_.data(), depth_.data(), width_, height_};
+  const int bands = (height_ + (1 << swr::RowBands::kBandShift) - 1) >> swr::RowBands::kBandShift;
+  int parts = static_cast<int>(std::min<unsigned>(replayThreads_, static_cast<unsigned>(bands)));
+  if (total < 256) parts = 1;
+  parts = std::max(parts, 1);
+
+  auto replay = [&](int part) {
+    const swr::RowBands rows{parts, part};
+    for (uint32_t i = 0; i < used; ++i) {
+      const Bin& b = bins_[i];
+      for (const Prim& prim : b.prims) swr::rasterize(target, prim, b.vertices.data(), rows);
+    }
+  };
+  std::vector<std::thread> helpers;
+  helpers.reserve(static_cast<size_t>(parts - 1));
+  for (int part = 1; part < parts; ++part) helpers.emplace_back(replay, part);
+  replay(0);
+  for (std::thread& t : helpers) t.join();
+
+  for (uint32_t i = 0; i < used; ++i) {
+    bins_[i].prims.clear();
+    bins_[i].vertices.clear();
+  }
+}
+
+void RasterizerSW::discardBins() {
+  binsPending_.store(false, std::memory_order_relaxed);
+  const uint32_t used = binsUsed_.exchange(0, std::memory_order_relaxed);
+  for (uint32_t i = 0; i < used; ++i) {
+    bins_[i].prims.clear();
+    bins_[i].vertices.clear();
+  }
+}
+
+Color RasterizerSW::litColour(const Color& colour, const Vector& position,
+                              const Vector& normal) const {
+  // The OpenGL back end's lighting evaluated once per primitive: global ambient 0.2, a warm and
+  // a cool positional light, specular (1, 1, 1) with shininess 50, local viewer, two-sided.
+  const Vector toEye = frame_.eye - position;
+  Vector n = normal;
+  if (dot(n, toEye) < 0.0f) n = -n;
+  const float nl = length(n);
+  if (nl > 0.0f) n = n / nl;
+  const float el = length(toEye);
+  const Vector view = el > 0.0f ? toEye / el : Vector{};
+  Color result = colour * 0.2f;
+  const Vector lights[2] = {frame_.eye + frame_.right - frame_.forward + frame_.up,
+                            frame_.eye - frame_.right - frame_.forward + frame_.up};
+  const Color lightColours[2] = {{0.5f, 0.5f, 0.4f}, {0.4f, 0.4f, 0.5f}};
+  for (int i = 0; i < 2; ++i) {
+    Vector l = lights[i] - position;
+    const float ll = length(l);
+    if (!(ll > 0.0f)) continue;
+    l = l / ll;
+    const float diffuse = dot(n, l);
+    if (diffuse <= 0.0f) continue;
+    const Color& lc = lightColours[i];
+    result += Color{colour.r * lc.r, colour.g * lc.g, colour.b * lc.b} * diffuse;
+    Vector h = l + view;
+    const float hl = length(h);
+    if (hl > 0.0f) {
+      const float spec = std::pow(std::max(0.0f, dot(n, h / hl)), 50.0f);
+      result += lc * spec;
+    }
+  }
+  return result;
+}
+
+void RasterizerSW::drawLine(const Vector& a, const Vector& b, const Color& color) {
+  submitLine(a, b, packColour(color));
+}
+
+void RasterizerSW::drawLitLine(const Vector& a, const Vector& b, const Vector& na,
+                               const Vector& nb, const Color& color) {
+  submitLine(a, b, packColour(litColour(color, (a + b) * 0.5f, na + nb)));
+}
+
+void RasterizerSW::drawLitTriangle(const Vector& a, const Vector& b, const Vector& c,
+                                   const Vector& na, const Vector& nb, const Vector& nc,
+                                   const Color& color) {
+  const Vector points[3] = {a, b, c};
+  const Vector centre = (a + b + c) * (1.0f / 3.0f);
+  submitPolygon(points, 3, packColour(litColour(color, centre, na + nb + nc)));
+}
+
+void RasterizerSW::drawTriangle(const Vector& a, const Vector& b, const Vector& c,
+                                const Color& color) {
+  const Vector points[3] = {a, b, c};
+  submitPolygon(points, 3, packColour(color));
+}
+
+void RasterizerSW::drawPolygon(const Vector* points, unsigned count, const Color& color) {
+  submitPolygon(points, count, packColour(color));
+}
+
+void RasterizerSW::drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) {
+  // Alpha is not used: the picture is opaque.
+  submitPolygon(points, count, rgba | 0xFF000000u);
+}
+
+void RasterizerSW::drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) {
+  submitPolygon(points, count, packColour(color));
+}
+
+void RasterizerSW::drawPoint(const Vector& position, int halfSize, const Color& color) {
+  if (width_ <= 0 || height_ <= 0) return;
+  const ClipVertex c = transform(position);
+  if (viewOutcode(&c.x) != 0 || !(c.w > 0.0f)) return;
+  const FixedVertex v = toWindow(c);
+  const int h = std::max(0, halfSize);
+  const int32_t px = static_cast<int32_t>(floorDiv(v.x, swr::kSubpixel));
+  const int32_t py = static_cast<int32_t>(floorDiv(v.y, swr::kSubpixel));
+  Prim prim;
+  prim.kind = PrimKind::kPoint;
+  prim.count = 1;
+  prim.halfSize = static_cast<uint16_t>(std::min(h, 0xFFFF));
+  prim.colour = packColour(color);
+  prim.depthTest = depthTest_ ? 1 : 0;
+  prim.z0 = v.z;
+  prim.minX = std::max(clipMinX_, px - h);
+  prim.maxX = std::min(clipMaxX_, px + h);
+  prim.minY = std::max(clipMinY_, py - h);
+  prim.maxY = std::min(clipMaxY_, py + h);
+  if (prim.minX > prim.maxX || prim.minY > prim.maxY) return;
+  emit(prim, &v);
+}
+
+}  // namespace LUtils

@@ -1,0 +1,118 @@
+// The software back end of Rasterizer3D: z-buffered, flat-shaded polygons, lines and square
+// points into a frame buffer with two colour buffers, with the OpenGL back end's projection.
+//
+// Several threads may draw into one frame at once. Each drawing thread appends its set-up
+// primitives to its own bin (the bin index comes from a hook, normally the thread manager's
+// current thread index); the bins are replayed in bin order, which is the order one thread would
+// have drawn them in, by as many threads as the machine has, each owning interleaved bands of
+// rows. The picture is therefore exactly the one a single thread draws.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "render/rasterizer.h"
+#include "render/sw_raster.h"
+#include "render/view_projection.h"
+
+namespace LUtils {
+
+class RasterizerSW final : public Rasterizer3D {
+ public:
+  // The hook's answer for a thread that draws straight into the frame (not a bin).
+  static constexpr uint32_t kDirect = 0xFFFFFFFFu;
+  static constexpr uint32_t kMaxBins = 256;
+  using BinIndexSource = std::function<uint32_t()>;
+
+  RasterizerSW();
+  ~RasterizerSW() override;
+  RasterizerSW(const RasterizerSW&) = delete;
+  RasterizerSW& operator=(const RasterizerSW&) = delete;
+
+  void setFillMode(int filled) override { fillMode_ = filled; }
+  bool setBackfaceCulling(bool on) override;
+  void setDepthTest(bool on) override { depthTest_ = on; }
+  // Only the picking frame of colour-index picking (depth 0): drawing is limited to the
+  // rectangle [x0, x1] x [y0, y1]. Picks through the depth buffer need OpenGL: false.
+  bool beginSelection(int x0, int y0, int x1, int y1, float depth) override;
+  // Ends the picking frame; the picked indices are read from colourBuffer(). Returns 0.
+  int endSelection(SelectionCb& callback) override;
+  // Reallocates the buffers. The far distance is kept: the canvas resizes on every window size
+  // change and the viewer's far distance must survive that.
+  void resize(int width, int height) override;
+  void setClearColor(const Color& color) override;
+  void beginFrame() override;
+  void setCamera(Camera* camera) override { Rasterizer3D::setCamera(camera); }
+  void drawLine(const Vector& a, const Vector& b, const Color& color) override;
+  void drawLitLine(const Vector& a, const Vector& b, const Vector& na, const Vector& nb,
+                   const Color& color) override;
+  void drawLitTriangle(const Vector& a, const Vector& b, const Vector& c, const Vector& na,
+                       const Vector& nb, const Vector& nc, const Color& color) override;
+  void drawTriangle(const Vector& a, const Vector& b, const Vector& c,
+                    const Color& color) override;
+  void drawPolygon(const Vector* points, unsigned count, const Color& color) override;
+  void drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) override;
+  void drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) override;
+  void drawPoint(const Vector& position, int halfSize, const Color& color) override;
+  // Finishes the frame and exchanges the two colour buffers.
+  void swapBuffers() override;
+
+  // Where a drawing thread's primitives go: kDirect, or a bin index below kMaxBins. Without a
+  // hook every thread draws directly, which is right only for one drawing thread at a time.
+  void setBinIndexSource(BinIndexSource source) { binIndexSource_ = std::move(source); }
+  // Threads that replay the bins (default: the machine's hardware threads).
+  void setReplayThreads(unsigned threads) { replayThreads_ = threads < 1 ? 1 : threads; }
+
+  int width() const { return width_; }
+  int height() const { return height_; }
+  // The finished picture (the buffer last exchanged by swapBuffers): width x height pixels, top
+  // row first, each 0xAABBGGRR (red in the lowest byte).
+  const uint32_t* picture() const { return front_.data(); }
+  // The buffer being drawn, after every pending primitive is in it; colour-index picking reads
+  // index = pixel & 0xFFFFFF from it.
+  const uint32_t* colourBuffer();
+  // Draws the primitives binned so far (called by everything that needs the pixels).
+  void flush();
+
+ private:
+  struct Bin;
+  struct ClipVertex {
+    float x, y, z, w;
+  };
+
+  ClipVertex transform(const Vector& p) const;
+  void submitPolygon(const Vector* points, unsigned count, uint32_t colour);
+  void submitLine(const Vector& a, const Vector& b, uint32_t colour);
+  // Window-space vertices (y downward, 1/256 pixel) and depth.
+  swr::FixedVertex toWindow(const ClipVertex& c) const;
+  void emitLine(const swr::FixedVertex& a, const swr::FixedVertex& b, uint32_t colour);
+  void emit(swr::Prim& prim, const swr::FixedVertex* vertices);
+  Color litColour(const Color& colour, const Vector& position, const Vector& normal) const;
+  void discardBins();
+
+  int width_ = 0;
+  int height_ = 0;
+  std::vector<uint32_t> front_;
+  std::vector<uint32_t> back_;
+  std::vector<float> depth_;
+  uint32_t clearColour_ = 0xFF000000u;
+  int fillMode_ = 1;
+  bool depthTest_ = true;
+  bool cullRequested_ = false;
+  bool cullActive_ = false;
+  // Inclusive drawing rectangle.
+  int clipMinX_ = 0, clipMinY_ = 0, clipMaxX_ = -1, clipMaxY_ = -1;
+  float mvp_[16] = {};
+  CameraFrame frame_;
+
+  BinIndexSource binIndexSource_;
+  std::unique_ptr<Bin[]> bins_;
+  std::atomic<bool> binsPending_{false};
+  std::atomic<uint32_t> binsUsed_{0};  // one past the highest bin index used
+  unsigned replayThreads_ = 1;
+};
+
+}  // namespace LUtils

@@ -1,0 +1,74 @@
+// Helpers shared by the rendering tests: a recording pick callback, an off-screen OpenGL
+// rasterizer that skips the test when no context can be made, and picture comparison.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "render/png_writer.h"
+#include "render/rasterizer.h"
+#include "render/rasterizer_gl.h"
+
+namespace LUtils::testing {
+
+class RecordingSelection final : public Rasterizer3D::SelectionCb {
+ public:
+  bool startAnswer = true;
+  bool nearestAnswer = true;
+  int starts = 0;
+  int nearestCalls = 0;
+  uint32_t nearestName = 0;
+  uint32_t recordsExamined = 0;
+  std::vector<uint32_t> hits;
+
+  bool start() override {
+    ++starts;
+    return startAnswer;
+  }
+  bool wantNearest() override { return nearestAnswer; }
+  void nearest(uint32_t name, uint32_t examined) override {
+    ++nearestCalls;
+    nearestName = name;
+    recordsExamined = examined;
+  }
+  void hit(uint32_t name) override { hits.push_back(name); }
+  std::set<uint32_t> hitSet() const { return {hits.begin(), hits.end()}; }
+};
+
+// Resizes `gl` to an off-screen context; false (and the test skips) when there is none.
+inline bool makeOffscreen(RasterizerGL& gl, int width, int height) {
+  gl.resize(width, height);
+  return gl.hasOffscreenContext();
+}
+
+#define CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, width, height)                                 \
+  if (!::LUtils::testing::makeOffscreen(gl, width, height)) {                            \
+    GTEST_SKIP() << "No off-screen OpenGL context here (" << (gl).offscreenError()      \
+                 << "); OpenGL rendering tests skipped";                                 \
+  }
+
+inline double equalFraction(const std::vector<uint32_t>& a, const std::vector<uint32_t>& b) {
+  if (a.size() != b.size() || a.empty()) return 0.0;
+  size_t equal = 0;
+  for (size_t i = 0; i < a.size(); ++i) equal += (a[i] & 0xFFFFFFu) == (b[i] & 0xFFFFFFu);
+  return static_cast<double>(equal) / static_cast<double>(a.size());
+}
+
+// Where tests leave pictures for a person to look at.
+inline std::string picturePath(const std::string& name) {
+  std::filesystem::create_directories(CACHEVIEW_TEST_TMPDIR);
+  return std::string(CACHEVIEW_TEST_TMPDIR) + "/" + name;
+}
+
+inline std::set<uint32_t> indicesIn(const uint32_t* pixels, size_t count) {
+  std::set<uint32_t> indices;
+  for (size_t i = 0; i < count; ++i) indices.insert(pixels[i] & 0xFFFFFFu);
+  return indices;
+}
+
+}  // namespace LUtils::testing

@@ -1,0 +1,57 @@
+// The pixel stage of the software rasterizer: screen-space primitives (convex polygons with
+// vertices snapped to 1/256 pixel, lines, square points) filled into a colour and depth buffer.
+// Coverage is decided with exact integer edge functions and a top-left rule, so a pixel's result
+// does not depend on which rows a call is allowed to touch: drawing the rows in bands on several
+// threads gives exactly the picture of one thread.
+#pragma once
+
+#include <cstdint>
+
+namespace LUtils::swr {
+
+constexpr int kSubpixelBits = 8;
+constexpr int kSubpixel = 1 << kSubpixelBits;
+
+// Window position in 1/256 pixel (y downward) and depth in [0, 1].
+struct FixedVertex {
+  int32_t x, y;
+  float z;
+};
+
+enum class PrimKind : uint8_t { kPolygon, kLine, kPoint };
+
+// A primitive ready for the pixel stage; its vertices live in the caller's vertex array.
+struct Prim {
+  PrimKind kind = PrimKind::kPolygon;
+  uint8_t depthTest = 1;
+  uint16_t count = 0;     // vertices
+  uint16_t halfSize = 0;  // points: the square spans 2 x halfSize + 1 pixels
+  uint32_t colour = 0;    // 0xAABBGGRR
+  // Inclusive pixel rectangle the primitive may touch (bounds within the scissor).
+  int32_t minX = 0, minY = 0, maxX = -1, maxY = -1;
+  // Polygons: depth at pixel position (x, y) is z0 + zx (x - refX) + zy (y - refY); points: z0.
+  float zx = 0.0f, zy = 0.0f, z0 = 0.0f;
+  float refX = 0.0f, refY = 0.0f;
+  uint32_t firstVertex = 0;
+};
+
+struct Target {
+  uint32_t* colour;
+  float* depth;
+  int width;
+  int height;
+};
+
+// The rows one call may touch: bands of kBandRows rows dealt round-robin to `parts` callers.
+struct RowBands {
+  static constexpr int kBandShift = 3;
+  int parts = 1;
+  int part = 0;
+  bool owns(int y) const { return parts == 1 || ((y >> kBandShift) % parts) == part; }
+};
+
+// Polygon vertices must wind so that the doubled signed area (y downward) is positive.
+void rasterize(const Target& target, const Prim& prim, const FixedVertex* vertices,
+               RowBands rows);
+
+}  // namespace LUtils::swr
