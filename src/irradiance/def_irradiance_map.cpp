@@ -4,7 +4,9 @@
 #include <climits>
 
 #include "io/file_errors.h"
+#include "irradiance/irradiance_lookup.h"
 #include "threads/progress_callback.h"
+#include "threads/thread_manager.h"
 
 namespace LUtils {
 
@@ -31,7 +33,9 @@ IrradSample* WriteIrradianceMapStream::write(const IrradSample& sample) {
 
 // --- the map ---
 
-DefIrradianceMap::DefIrradianceMap() = default;
+// The lock has a slot for every thread index a lookup may come with.
+DefIrradianceMap::DefIrradianceMap()
+    : rwLock_(static_cast<uint32_t>(std::max<int32_t>(64, defaultThreadCount()))) {}
 
 DefIrradianceMap::~DefIrradianceMap() {
   for (ReadIrradianceMapStream* stream : readStreams_) delete stream;
@@ -43,6 +47,7 @@ void DefIrradianceMap::clear() {
     std::lock_guard<SpinningMutex> guard(samples_.lock());
     samples_.clear();
   }
+  kdTree_.clear();
   renderIdIndex_.clear();
   renderIdMin_ = 0;
   renderIdMax_ = -1;
@@ -51,19 +56,14 @@ void DefIrradianceMap::clear() {
 
 Color DefIrradianceMap::irradiance(ThreadData& thread, ShadeContext& context, ShadeData& shade,
                                    const Color& color, int flags) {
-  // The interpolating lookup over the kd-tree arrives with the incremental merge; until then the
-  // map answers with the colour it is given.
-  (void)thread;
-  (void)context;
-  (void)shade;
-  (void)flags;
-  return color;
+  return irradianceLookup(*this, thread, context, shade, color, flags);
 }
 
 void DefIrradianceMap::prepare(int mode) {
-  // The kd-tree rebuild belongs here, and with kPrepareAfterLoad the per-sample interpolation
-  // data; both arrive with the incremental merge.
+  // The lookup needs no per-sample interpolation data beyond the sample itself (its weights
+  // come from the radius and the normals at lookup time), so kPrepareAfterLoad adds nothing.
   (void)mode;
+  kdTree_.build(samples_);
   built_ = 1;
   indexRenderIds();
 }
@@ -147,14 +147,15 @@ void DefIrradianceMap::addOneSample(const IrradSample& sample, int incremental) 
     insertIncremental(sample);
     return;
   }
-  // The write side of the multi-reader lock (thread 0) guards this append while the map is
-  // multi-threaded; the lock arrives with the incremental merge.
+  // Thread 0 takes the write side of the lock while the map is multi-threaded. The kd-tree is
+  // left alone: lookups find these samples after the next prepare().
+  if (multiThreaded_) rwLock_.writeLock(0);
   appendSample(sample);
+  if (multiThreaded_) rwLock_.writeUnlock(0);
 }
 
 void DefIrradianceMap::insertIncremental(const IrradSample& sample) {
-  // The incremental merge replaces this with the lookup-driven insertion.
-  appendSample(sample);
+  insertSampleIncrementally(*this, sample);
 }
 
 int DefIrradianceMap::loadAndAddFromFile(const char* name, float timeOffset,
@@ -197,7 +198,11 @@ int DefIrradianceMap::enumerateSamples(uint32_t first, EnumIrradianceSamplesCall
 }
 
 void DefIrradianceMap::querySamples(const Vector& p, StoreCB& store) {
-  // A scan of every sample; the kd-tree of the incremental merge answers the same question.
+  if (built_) {
+    kdTree_.query(p, store);
+    return;
+  }
+  // Before the first prepare() there is no index: scan every sample.
   const size_t n = sampleCount();
   for (size_t b = 0; b * kSamplesPerBlock < n; ++b) {
     IrradSample* block = samples_.block(b);

@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "irradiance/irradiance_map.h"
+#include "irradiance/sample_kdtree.h"
 #include "threads/block_sequence.h"
+#include "threads/multi_reader_lock.h"
 #include "threads/spinning_mutex.h"
 
 namespace LUtils {
@@ -116,6 +118,11 @@ class DefIrradianceMap : public IrradianceMap {
   // 1 once prepare() has run since the last clear.
   int32_t built() const { return built_; }
 
+  // The sample kd-tree that the lookup and querySamples use (rebuilt by prepare(), extended by
+  // incremental insertion), and the lock that guards the samples while multiThreaded() is set.
+  SampleKdTree& kdTree() { return kdTree_; }
+  MultiReaderLock& multiReaderLock() { return rwLock_; }
+
   // The render-ID index that prepare() makes when the working settings keep samples apart by
   // render ID: the samples of one positive ID, in storage order (empty for an ID no sample has,
   // or when no index was made). minRenderId() > maxRenderId() when there is none.
@@ -151,6 +158,8 @@ class DefIrradianceMap : public IrradianceMap {
 
   int32_t multiThreaded_ = 0;
   int32_t built_ = 0;
+  SampleKdTree kdTree_;
+  MultiReaderLock rwLock_;
 
   // Only the IDs that occur get an entry, so a map with IDs 1 and 2^31-1 costs two lists.
   int32_t renderIdMin_ = 0;
