@@ -20,28 +20,41 @@ constexpr char kDigitPairs[] =
     "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
     "8081828384858687888990919293949596979899";
 
+int digitCount(uint64_t value) {
+  int digits = 1;
+  for (;;) {
+    if (value < 10) return digits;
+    if (value < 100) return digits + 1;
+    if (value < 1000) return digits + 2;
+    if (value < 10000) return digits + 3;
+    value /= 10000;
+    digits += 4;
+  }
+}
+
+// Writes the decimal digits of `value` in place, from the last one backwards.
 char* writeUnsigned(char* out, uint64_t value) {
-  char digits[24];
-  char* p = digits + sizeof digits;
+  char* const end = out + digitCount(value);
+  char* p = end;
   while (value >= 100) {
     const unsigned pair = static_cast<unsigned>(value % 100) * 2;
     value /= 100;
     p -= 2;
-    std::memcpy(p, kDigitPairs + pair, 2);
+    p[0] = kDigitPairs[pair];
+    p[1] = kDigitPairs[pair + 1];
   }
   if (value >= 10) {
-    p -= 2;
-    std::memcpy(p, kDigitPairs + value * 2, 2);
+    p[-2] = kDigitPairs[value * 2];
+    p[-1] = kDigitPairs[value * 2 + 1];
   } else {
-    *--p = static_cast<char>('0' + value);
+    p[-1] = static_cast<char>('0' + value);
   }
-  const size_t length = static_cast<size_t>(digits + sizeof digits - p);
-  std::memcpy(out, p, length);
-  return out + length;
+  return end;
 }
 
-// Values below this magnitude take the integer path; the scaled value then fits in 64 bits.
-constexpr double kIntegerPathLimit = 1.0e14;
+// Values below this magnitude take the integer path: scaled by 10000 they stay below 2^52.
+constexpr double kIntegerPathLimit = 1.0e11;
+constexpr double kTwoPow52 = 4503599627370496.0;
 
 }  // namespace
 
@@ -57,7 +70,9 @@ char* formatFixed4(char* out, float single) {
     // A float times 10000 is exact in a double (24 + 14 significant bits), so rounding it to an
     // integer in the current rounding mode is what printf does with the exact decimal
     // expansion: ties go to even, and a negative value that rounds to zero keeps its sign.
-    const uint64_t units = static_cast<uint64_t>(std::nearbyint(magnitude * 10000.0));
+    // Adding and removing 2^52 rounds a smaller non-negative double to an integer in that mode.
+    const double scaled = magnitude * 10000.0;
+    const uint64_t units = static_cast<uint64_t>((scaled + kTwoPow52) - kTwoPow52);
     if (std::signbit(value)) *out++ = '-';
     out = writeUnsigned(out, units / 10000);
     *out++ = '.';

@@ -52,7 +52,7 @@ TEST(PtsFormat, MatchesPrintfOnSpecialValues) {
                                -9.99995f, 99999.99995f, 1e14f, -1e14f, 1e15f, 3e38f,
                                4294967296.0f, 18446744073709551616.0f};
   // Both sides of the switch to the general path.
-  for (float edge : {1.0e14f, 1.0e13f}) {
+  for (float edge : {1.0e11f, 1.0e10f, 1.0e14f}) {
     float v = edge;
     for (int i = 0; i < 50; ++i) v = std::nextafter(v, 0.0f);
     for (int i = 0; i < 100; ++i, v = std::nextafter(v, FLT_MAX)) {
