@@ -72,16 +72,6 @@ int saveLightCache(const char* name) {
   return 0;
 }
 
-// --- Capabilities that are not in this build yet. Each is reached from exactly one place in the
-// option walk below; the change that brings the capability removes the check.
-
-// Asked before the first incremental merge. Returns 0 when incremental merging is available,
-// or the exit status.
-int checkIncrementalMerge() {
-  say("Incremental merging is not supported in this build of cacheview\n");
-  return kStatusNotInBuild;
-}
-
 // --- The steps of the option walk. Each returns 0 to go on, or the exit status.
 
 struct WalkState {
@@ -97,7 +87,6 @@ int mergeIrradianceMap(LUtils::IrradianceMap* source, WalkState& walk) {
     incremental = 0;
   }
   if (incremental && !walk.incrementalPrepared) {
-    if (int status = checkIncrementalMerge(); status != 0) return status;
     // The lookup must see the samples already present before the first insertion.
     gIrradianceMap->prepare(0);
     walk.incrementalPrepared = 1;

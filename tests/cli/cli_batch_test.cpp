@@ -318,20 +318,6 @@ TEST_F(Batch, IncrementalFlag) {
   EXPECT_EQ(readMap("d.lumap").size(), 3u);
 }
 
-TEST_F(Batch, IncrementalMergeOfCurrentMaps) {
-  writeMap("a.lumap", samplesFrom(0, 2));
-  writeMap("b.lumap", samplesFrom(10, 2));
-  RunResult r = run({"-incremental", "-load", "a.lumap", "-load", "b.lumap", "-save", "c.lumap",
-               "-nodisplay"});
-  // Until incremental merging is built in, the run says so and stops before the merge.
-  EXPECT_EQ(r.status, 4);
-  EXPECT_EQ(r.out,
-            "Loaded irradiance map file \"a.lumap\"\n"
-            "Loaded irradiance map file \"b.lumap\"\n"
-            "Incremental merging is not supported in this build of cacheview\n");
-  EXPECT_FALSE(exists("c.lumap"));
-}
-
 TEST_F(Batch, UpAxisTakesItsValue) {
   // The value is consumed whatever it is, so "-bogus" here is not an unknown option.
   RunResult r = run({"-nodisplay", "-up_axis", "-bogus"});
