@@ -17,32 +17,42 @@ using LUtils::testing::runBounded;
 using LUtils::testing::waitUntil;
 using std::chrono::milliseconds;
 
-// Starts a thread that takes a lock and reports when it holds it; a short look confirms it is
-// still kept out.
+// A thread that takes a lock, reports when it holds it, and gives it back (on the same thread,
+// as a lock that holds mutexes requires) when told to. A short look confirms that it is still
+// kept out.
 class Contender {
  public:
-  template <class F>
-  explicit Contender(F acquire) : thread_([this, acquire] {
-      acquire();
-      inside_.store(true);
-    }) {}
-  ~Contender() {
-    if (thread_.joinable()) thread_.join();
-  }
+  template <class Acquire, class Release>
+  Contender(Acquire acquire, Release release)
+      : thread_([this, acquire, release] {
+          acquire();
+          inside_.store(true);
+          waitUntil([&] { return letGo_.load(); });
+          release();
+        }) {}
+  ~Contender() { letGo(); }
   bool keptOut() {
     std::this_thread::sleep_for(milliseconds(50));
     return !inside_.load();
   }
-  bool gotIn() {
-    const bool in = waitUntil([&] { return inside_.load(); });
-    if (in) thread_.join();
-    return in;
+  bool gotIn() { return waitUntil([&] { return inside_.load(); }); }
+  void letGo() {
+    letGo_.store(true);
+    if (thread_.joinable()) thread_.join();
   }
 
  private:
   std::atomic<bool> inside_{false};
+  std::atomic<bool> letGo_{false};
   std::thread thread_;
 };
+
+Contender reader(MultiReaderLock& lock, uint32_t t) {
+  return Contender([&lock, t] { lock.readLock(t); }, [&lock, t] { lock.readUnlock(t); });
+}
+Contender writer(MultiReaderLock& lock, uint32_t t) {
+  return Contender([&lock, t] { lock.writeLock(t); }, [&lock, t] { lock.writeUnlock(t); });
+}
 
 TEST(MultiReaderLock, SlotsAreOneCacheLineApart) {
   MultiReaderLock lock(3);
@@ -73,23 +83,21 @@ TEST(MultiReaderLock, ReadersHoldTheLockTogether) {
 TEST(MultiReaderLock, AWriterWaitsForReadersAndKeepsEveryoneOut) {
   MultiReaderLock lock(3);
   lock.readLock(1);
-  {
-    Contender writer([&] { lock.writeLock(0); });
-    EXPECT_TRUE(writer.keptOut());
-    lock.readUnlock(1);
-    ASSERT_TRUE(writer.gotIn());
-  }
-  {
-    Contender reader([&] { lock.readLock(2); });
-    Contender otherWriter([&] { lock.writeLock(1); });
-    EXPECT_TRUE(reader.keptOut());
-    EXPECT_TRUE(otherWriter.keptOut());
-    lock.writeUnlock(0);
-    ASSERT_TRUE(reader.gotIn());
-    lock.readUnlock(2);
-    ASSERT_TRUE(otherWriter.gotIn());
-  }
-  lock.writeUnlock(1);
+  Contender first = writer(lock, 0);
+  EXPECT_TRUE(first.keptOut());
+  lock.readUnlock(1);
+  ASSERT_TRUE(first.gotIn());
+
+  Contender blockedReader = reader(lock, 2);
+  Contender second = writer(lock, 1);
+  EXPECT_TRUE(blockedReader.keptOut());
+  EXPECT_TRUE(second.keptOut());
+  first.letGo();
+  ASSERT_TRUE(blockedReader.gotIn());
+  EXPECT_TRUE(second.keptOut());
+  blockedReader.letGo();
+  ASSERT_TRUE(second.gotIn());
+  second.letGo();
   runBounded("lock after use", [&] {
     lock.writeLock(2);
     lock.writeUnlock(2);
@@ -103,24 +111,20 @@ TEST(MultiReaderLock, AReaderUpgradesAndNestedWritesCountUp) {
     lock.readLock(0);
     lock.writeLock(0);  // own reads do not hold the writer up
     lock.writeLock(0);
-  });
-  {
-    Contender reader([&] { lock.readLock(1); });
+    Contender other = reader(lock, 1);
     lock.writeUnlock(0);
-    EXPECT_TRUE(reader.keptOut()) << "the inner write unlock released the lock";
+    EXPECT_TRUE(other.keptOut()) << "the inner write unlock released the lock";
     lock.writeUnlock(0);
-    ASSERT_TRUE(reader.gotIn());
-    lock.readUnlock(1);
-  }
-  {
+    EXPECT_TRUE(other.gotIn());
+    other.letGo();
+
     // The two read locks are back: a writer waits for both of them.
-    Contender writer([&] { lock.writeLock(1); });
+    Contender otherWriter = writer(lock, 1);
     lock.readUnlock(0);
-    EXPECT_TRUE(writer.keptOut());
+    EXPECT_TRUE(otherWriter.keptOut());
     lock.readUnlock(0);
-    ASSERT_TRUE(writer.gotIn());
-  }
-  lock.writeUnlock(1);
+    EXPECT_TRUE(otherWriter.gotIn());
+  });
 }
 
 TEST(MultiReaderLock, AReadTakenUnderTheWriteLockOutlivesIt) {
@@ -128,11 +132,10 @@ TEST(MultiReaderLock, AReadTakenUnderTheWriteLockOutlivesIt) {
   lock.writeLock(0);
   lock.readLock(0);
   lock.writeUnlock(0);
-  Contender writer([&] { lock.writeLock(1); });
-  EXPECT_TRUE(writer.keptOut());
+  Contender other = writer(lock, 1);
+  EXPECT_TRUE(other.keptOut());
   lock.readUnlock(0);
-  ASSERT_TRUE(writer.gotIn());
-  lock.writeUnlock(1);
+  EXPECT_TRUE(other.gotIn());
 }
 
 TEST(MultiReaderLock, TwoReadersUpgradingAtOnceDoNotDeadlock) {
@@ -177,15 +180,22 @@ TEST(MultiReaderLock, StressKeepsWritersExclusive) {
   auto checkRead = [&] {
     readers.fetch_add(1);
     if (writers.load() != 0) violations.fetch_add(1);
+    const int64_t first = data[0];
+    std::this_thread::yield();  // widen the window in which a wrongly admitted writer shows up
     for (int64_t v : data) {
-      if (v != data[0]) tornReads.fetch_add(1);
+      if (v != first) tornReads.fetch_add(1);
     }
+    if (writers.load() != 0) violations.fetch_add(1);
     readers.fetch_sub(1);
   };
   auto write = [&] {
     if (writers.fetch_add(1) != 0 || readers.load() != 0) violations.fetch_add(1);
-    for (int64_t& v : data) ++v;
+    for (size_t i = 0; i < data.size(); ++i) {
+      ++data[i];
+      if (i == data.size() / 2) std::this_thread::yield();
+    }
     ++writes;
+    if (readers.load() != 0) violations.fetch_add(1);
     writers.fetch_sub(1);
   };
 
