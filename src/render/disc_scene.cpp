@@ -19,7 +19,7 @@ float area(const Patch& p) { return length(cross(p.edgeU, p.edgeV)); }
 
 }  // namespace
 
-std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed) {
+std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed, float radiusScale) {
   const Color white{0.8f, 0.78f, 0.72f}, red{0.75f, 0.15f, 0.12f}, green{0.2f, 0.6f, 0.25f};
   const Color blue{0.2f, 0.3f, 0.8f}, wood{0.55f, 0.35f, 0.18f}, gold{0.9f, 0.7f, 0.2f};
   std::vector<Patch> patches = {
@@ -43,6 +43,7 @@ std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed) {
   const float spacing = std::sqrt(total / static_cast<float>(std::max<uint32_t>(count, 1)));
 
   std::mt19937 random(seed);
+  // Jitter keeps discs of radius below 0.35 spacing apart: centres stay 0.4 spacing apart.
   std::uniform_real_distribution<float> jitter(-0.3f, 0.3f);
   std::uniform_real_distribution<float> shade(0.85f, 1.15f);
   std::vector<Disc> discs;
@@ -57,7 +58,7 @@ std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed) {
         // Light falls off towards the floor and the back of the room.
         const Vector at = p.origin + p.edgeU * u + p.edgeV * v;
         const float light = (0.55f + 0.07f * at.y + 0.03f * at.z) * shade(random);
-        discs.push_back({at, p.normal, spacing * 0.75f, p.colour * light});
+        discs.push_back({at, p.normal, spacing * radiusScale, p.colour * light});
       }
     }
   }
@@ -71,7 +72,7 @@ std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed) {
                         static_cast<float>(around);
       const Vector n{std::sin(theta) * std::cos(phi), std::cos(theta),
                      std::sin(theta) * std::sin(phi)};
-      discs.push_back({ballCentre + n * ballRadius, n, spacing * 0.75f,
+      discs.push_back({ballCentre + n * ballRadius, n, spacing * radiusScale,
                        gold * (0.6f + 0.4f * n.y)});
     }
   }

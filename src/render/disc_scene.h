@@ -21,7 +21,9 @@ struct Disc {
 
 // A closed room 10 x 6 x 10 (floor at y = 0) with a box and a ball, covered by about `count`
 // discs facing into the room (outwards on the furniture); the same seed gives the same scene.
-std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed = 1);
+// Disc radii are `radiusScale` times the spacing of the discs: from about 0.7 on, neighbours
+// overlap and close the surfaces; below 0.35 no two discs touch.
+std::vector<Disc> makeRoomScene(uint32_t count, uint32_t seed = 1, float radiusScale = 0.75f);
 
 // A view from inside the room towards its back wall, for an image of width x height pixels.
 void lookIntoRoom(PinholeCamera& camera, int width, int height);

@@ -102,7 +102,7 @@ void RasterizerSW::resize(int width, int height) {
   const size_t pixels = static_cast<size_t>(width_) * static_cast<size_t>(height_);
   front_.assign(pixels, clearColour_);
   back_.assign(pixels, clearColour_);
-  depth_.assign(pixels, 1.0f);
+  depth_.assign(pixels, swr::quantizeDepth(1.0f));
   viewportWidth_ = width_;
   viewportHeight_ = height_;
   clipMinX_ = 0;
@@ -117,7 +117,7 @@ void RasterizerSW::beginFrame() {
   discardBins();
   std::fill(back_.begin(), back_.end(), clearColour_);
   // The depth buffer clears to its far end (OpenGL clamps the clear depth to 1).
-  std::fill(depth_.begin(), depth_.end(), 1.0f);
+  std::fill(depth_.begin(), depth_.end(), swr::quantizeDepth(1.0f));
   frame_ = cameraFrame(camera_);
   const Matrix4 m = viewProjection(frame_, width_, height_, farDistance_);
   for (int i = 0; i < 16; ++i) mvp_[i] = static_cast<float>(m.m[i]);

@@ -97,7 +97,7 @@ class RasterizerSW final : public Rasterizer3D {
   int height_ = 0;
   std::vector<uint32_t> front_;
   std::vector<uint32_t> back_;
-  std::vector<float> depth_;
+  std::vector<uint32_t> depth_;
   uint32_t clearColour_ = 0xFF000000u;
   int fillMode_ = 1;
   bool depthTest_ = true;

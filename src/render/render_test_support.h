@@ -59,6 +59,23 @@ inline double equalFraction(const std::vector<uint32_t>& a, const std::vector<ui
   return static_cast<double>(equal) / static_cast<double>(a.size());
 }
 
+// Pixels whose channels differ by at most one level (rounding of colours to 8 bits differs
+// between OpenGL implementations).
+inline double nearlyEqualFraction(const std::vector<uint32_t>& a, const std::vector<uint32_t>& b) {
+  if (a.size() != b.size() || a.empty()) return 0.0;
+  size_t equal = 0;
+  for (size_t i = 0; i < a.size(); ++i) {
+    bool near = true;
+    for (int shift = 0; shift < 24; shift += 8) {
+      const int ca = static_cast<int>((a[i] >> shift) & 0xFFu);
+      const int cb = static_cast<int>((b[i] >> shift) & 0xFFu);
+      near &= ca - cb <= 1 && cb - ca <= 1;
+    }
+    equal += near;
+  }
+  return static_cast<double>(equal) / static_cast<double>(a.size());
+}
+
 // Where tests leave pictures for a person to look at.
 inline std::string picturePath(const std::string& name) {
   std::filesystem::create_directories(CACHEVIEW_TEST_TMPDIR);

@@ -12,8 +12,8 @@ inline void plot(const Target& t, int x, int y, float z, uint32_t colour, bool d
   const size_t i = static_cast<size_t>(y) * static_cast<size_t>(t.width) + static_cast<size_t>(x);
   if (!depthTest) {
     t.colour[i] = colour;
-  } else if (z <= t.depth[i]) {
-    t.depth[i] = z;
+  } else if (const uint32_t q = quantizeDepth(z); q <= t.depth[i]) {
+    t.depth[i] = q;
     t.colour[i] = colour;
   }
 }

@@ -35,9 +35,14 @@ struct Prim {
   uint32_t firstVertex = 0;
 };
 
+// Depth is kept as 24-bit fixed point, like the OpenGL back end's depth buffer: coplanar discs
+// then tie the same way in both back ends (the later one wins under the less-or-equal test).
+constexpr float kDepthScale = 16777215.0f;
+inline uint32_t quantizeDepth(float z) { return static_cast<uint32_t>(z * kDepthScale + 0.5f); }
+
 struct Target {
   uint32_t* colour;
-  float* depth;
+  uint32_t* depth;
   int width;
   int height;
 };
