@@ -39,8 +39,9 @@ class Rng {
 
 constexpr uint64_t kPilotStream = 0x5eed0f9110ull;
 constexpr uint32_t kChunkSamples = 8192;  // samples per independently seeded chunk
-constexpr int kTilesX = 32, kTilesY = 24;
-constexpr int kPilotPerTile = 24;
+constexpr int kPilotX = 128, kPilotY = 64;  // harmonic-distance pilot grid
+constexpr int kTilesX = 256, kTilesY = 192;  // tiles of the candidate distribution
+constexpr int kPilotPerTile = 4;
 constexpr int kHemisphereRays = 6;
 constexpr float kEscapeDistance = 100.0f;  // distance counted for a ray that leaves the room
 constexpr float kRayOffset = 1e-4f;
@@ -48,11 +49,52 @@ constexpr float kRayOffset = 1e-4f;
 constexpr float kSpacingFactor = 0.08f;
 // Disc radius for drawing relative to the local mean spacing; 0.8 covers a random
 // (Poisson-like) spread of samples with few gaps and moderate overlap.
-constexpr float kDiscCover = 0.8f;
+constexpr float kDiscCover = 0.85f;
 
 const Color kLightRadiance{9.0f, 8.4f, 7.2f};
 const Color kSkyRadiance{1.5f, 2.1f, 3.1f};
 const Color kBounce{0.10f, 0.09f, 0.075f};
+
+// Walker's alias method: draws index i with probability weight[i] / sum in constant time.
+class AliasTable {
+ public:
+  AliasTable() = default;
+  explicit AliasTable(const std::vector<double>& weights) {
+    const size_t n = weights.size();
+    double sum = 0;
+    for (double w : weights) sum += w;
+    prob_.assign(n, 1.0f);
+    alias_.resize(n);
+    std::vector<double> scaled(n);
+    std::vector<uint32_t> small, large;
+    for (size_t i = 0; i < n; ++i) {
+      alias_[i] = static_cast<uint32_t>(i);
+      scaled[i] = weights[i] * static_cast<double>(n) / sum;
+      (scaled[i] < 1.0 ? small : large).push_back(static_cast<uint32_t>(i));
+    }
+    while (!small.empty() && !large.empty()) {
+      const uint32_t s = small.back(), l = large.back();
+      small.pop_back();
+      prob_[s] = static_cast<float>(scaled[s]);
+      alias_[s] = l;
+      scaled[l] -= 1.0 - scaled[s];
+      if (scaled[l] < 1.0) {
+        large.pop_back();
+        small.push_back(l);
+      }
+    }
+  }
+  int pick(Rng& rng) const {
+    const uint64_t x = uint64_t{rng.next()} * prob_.size();
+    const auto i = static_cast<size_t>(x >> 32);
+    const float f = static_cast<float>(static_cast<uint32_t>(x)) * (1.0f / 4294967296.0f);
+    return static_cast<int>(f < prob_[i] ? i : alias_[i]);
+  }
+
+ private:
+  std::vector<float> prob_;
+  std::vector<uint32_t> alias_;
+};
 
 struct Frame {
   Vector eye, right, up, forward;
@@ -105,11 +147,10 @@ struct Spacing {
 
 struct GeometryProbe {
   float harmonic;  // harmonic-mean distance of the hemisphere rays
-  float openness;  // 0 when every ray meets geometry at once, 1 when all travel far
 };
 
 GeometryProbe probe(const Scene& scene, const Vector& p, const Vector& n, Rng& rng) {
-  float inverseSum = 0, open = 0;
+  float inverseSum = 0;
   const Vector origin = p + n * kRayOffset;
   for (int i = 0; i < kHemisphereRays; ++i) {
     const float r1 = rng.uniform();
@@ -119,9 +160,8 @@ GeometryProbe probe(const Scene& scene, const Vector& p, const Vector& n, Rng& r
                         ? kEscapeDistance
                         : std::max(h.t, kRayOffset);
     inverseSum += 1.0f / d;
-    open += std::min(d, 1.5f) / 1.5f;
   }
-  return {kHemisphereRays / inverseSum, open / kHemisphereRays};
+  return {kHemisphereRays / inverseSum};
 }
 
 // Light arriving at p from a rectangular emitter on a room face, with `rays` shadow rays.
@@ -132,10 +172,14 @@ Color emitterIrradiance(const Scene& scene, const FaceRect& rect, HitKind kind,
   const float inward = rect.face & 1 ? 1.0f : -1.0f;  // emitter faces against this sign
   const float coord = scene.faceCoord(rect.face);
   const Vector origin = p + n * kRayOffset;
+  const int cols = rays >= 4 ? 2 : rays;
+  const int rows = rays / cols;
   float sum = 0;
   for (int i = 0; i < rays; ++i) {
-    const Vector q = rect.pointAt((static_cast<float>(i) + rng.uniform()) / rays, rng.uniform(),
-                                  coord);
+    // Stratified over a cols x rows grid of the rectangle.
+    const float sx = (static_cast<float>(i % cols) + rng.uniform()) / static_cast<float>(cols);
+    const float sy = (static_cast<float>(i / cols) + rng.uniform()) / static_cast<float>(rows);
+    const Vector q = rect.pointAt(sx, sy, coord);
     const Vector w = q - origin;
     const float dist2 = dot(w, w);
     const Vector dir = w * (1.0f / std::sqrt(dist2));
@@ -153,7 +197,7 @@ struct Planner {
   const Scene& scene = Scene::room();
   Frame frame;
   Spacing spacing;
-  std::vector<double> tileCdf;   // cumulative tile weights
+  AliasTable tiles;              // tiles drawn in proportion to their bound
   std::vector<float> tileBound;  // bound of the clearance acceptance per tile
   bool sees = false;
 
@@ -162,43 +206,36 @@ struct Planner {
     spacing.cMin = std::ldexp(1.0f, -p.maxRate);
     spacing.cMax = std::ldexp(1.0f, -p.minRate);
 
-    // Pilot: a few candidates per image tile, with their clearance and harmonic distances.
-    struct Probe {
-      int tile;
-      float ratioClear, ratioHarmonic;
-    };
-    std::vector<Probe> probes;
-    probes.reserve(kTilesX * kTilesY * kPilotPerTile);
+    // Pilot: the harmonic distances seen over a stratified grid of the image decide the
+    // effective pixel size.
+    std::vector<float> ratios;  // a * harmonic distance / t; -1 where no surface is seen
+    ratios.reserve(kPilotX * kPilotY);
     Rng rng(p.seed, kPilotStream);
-    for (int tile = 0; tile < kTilesX * kTilesY; ++tile) {
-      for (int k = 0; k < kPilotPerTile; ++k) {
-        const float u = (static_cast<float>(tile % kTilesX) + rng.uniform()) / kTilesX;
-        const float v = (static_cast<float>(tile / kTilesX) + rng.uniform()) / kTilesY;
-        const Vector dir = LUtils::normalizeNewton(frame.direction(u, v));
-        const Hit h = scene.trace(frame.eye, dir);
-        if (h.kind != HitKind::kSurface) {
-          probes.push_back({tile, -1.0f, -1.0f});
-          continue;
-        }
-        const GeometryProbe g = probe(scene, h.point, h.normal, rng);
-        const float clear = scene.clearance(h.point, h.object, h.face);
-        probes.push_back({tile, kSpacingFactor * clear / h.t, kSpacingFactor * g.harmonic / h.t});
-        sees = true;
+    for (int cell = 0; cell < kPilotX * kPilotY; ++cell) {
+      const float u = (static_cast<float>(cell % kPilotX) + rng.uniform()) / kPilotX;
+      const float v = (static_cast<float>(cell / kPilotX) + rng.uniform()) / kPilotY;
+      const Vector dir = LUtils::normalizeNewton(frame.direction(u, v));
+      const Hit h = scene.trace(frame.eye, dir);
+      if (h.kind != HitKind::kSurface) {
+        ratios.push_back(-1.0f);
+        continue;
       }
+      const GeometryProbe g = probe(scene, h.point, h.normal, rng);
+      ratios.push_back(kSpacingFactor * g.harmonic / h.t);
+      sees = true;
     }
     if (!sees) return;
 
-    // Effective pixel size: the expected count over the image is
+    // The expected count over the image is
     // area / psi^2 * E[(1 / clamp(ratio / psi, cMin, cMax))^2], decreasing in psi.
     auto expected = [&](double psi) {
       double sum = 0;
-      for (const Probe& pr : probes) {
-        if (pr.ratioHarmonic < 0) continue;
-        const double c = std::clamp(pr.ratioHarmonic / psi, double{spacing.cMin},
-                                    double{spacing.cMax});
+      for (const float r : ratios) {
+        if (r < 0) continue;
+        const double c = std::clamp(r / psi, double{spacing.cMin}, double{spacing.cMax});
         sum += 1.0 / (c * c);
       }
-      return frame.imageArea() / (psi * psi) * sum / static_cast<double>(probes.size());
+      return frame.imageArea() / (psi * psi) * sum / static_cast<double>(ratios.size());
     };
     const double want = std::max<double>(p.count, 1);
     double lo = 1e-12, hi = 1e3;
@@ -208,17 +245,24 @@ struct Planner {
     }
     spacing.psi = static_cast<float>(std::sqrt(lo * hi));
 
-    // Tile bounds of the cheap clearance acceptance, widened to the neighbouring tiles and
-    // doubled, so that a thin contact line the pilot missed is still sampled densely enough.
+    // The clearance acceptance (cheap: no rays) over a fine grid of tiles.
     std::vector<float> tileMax(kTilesX * kTilesY, 0.0f);
-    for (const Probe& pr : probes) {
-      if (pr.ratioClear >= 0) {
-        tileMax[pr.tile] = std::max(tileMax[pr.tile], spacing.accept(pr.ratioClear));
+    for (int tile = 0; tile < kTilesX * kTilesY; ++tile) {
+      for (int k = 0; k < kPilotPerTile; ++k) {
+        const float u = (static_cast<float>(tile % kTilesX) + rng.uniform()) / kTilesX;
+        const float v = (static_cast<float>(tile / kTilesX) + rng.uniform()) / kTilesY;
+        const Vector dir = LUtils::normalizeNewton(frame.direction(u, v));
+        const Hit h = scene.trace(frame.eye, dir);
+        if (h.kind != HitKind::kSurface) continue;
+        const float clear = scene.clearance(h.point, h.object, h.face);
+        tileMax[tile] = std::max(tileMax[tile], spacing.accept(kSpacingFactor * clear / h.t));
       }
     }
+
+    // Tile bounds of the cheap clearance acceptance, widened to the neighbouring tiles and
+    // doubled, so that a thin contact line the pilot missed is still sampled densely enough.
     tileBound.assign(tileMax.size(), 0.0f);
-    tileCdf.assign(tileMax.size(), 0.0);
-    double total = 0;
+    std::vector<double> weights(tileMax.size());
     for (int ty = 0; ty < kTilesY; ++ty) {
       for (int tx = 0; tx < kTilesX; ++tx) {
         float m = 0;
@@ -231,18 +275,14 @@ struct Planner {
           }
         }
         const int t = ty * kTilesX + tx;
-        tileBound[t] = std::min(1.0f, 2.0f * m);
-        total += tileBound[t];
-        tileCdf[t] = total;
+        tileBound[t] = std::min(1.0f, 1.5f * m);
+        weights[t] = tileBound[t];
       }
     }
+    tiles = AliasTable(weights);
   }
 
-  int pickTile(Rng& rng) const {
-    const double x = (static_cast<double>(rng.next()) + 0.5) / 4294967296.0 * tileCdf.back();
-    const auto it = std::upper_bound(tileCdf.begin(), tileCdf.end(), x);
-    return static_cast<int>(std::min<ptrdiff_t>(it - tileCdf.begin(), tileCdf.size() - 1));
-  }
+  int pickTile(Rng& rng) const { return tiles.pick(rng); }
 
   // Produces `count` samples of chunk `chunk` into out (cleared first).
   void generateChunk(uint64_t seed, uint64_t chunk, uint32_t count,
@@ -282,11 +322,12 @@ struct Planner {
       s.flags = (c >= spacing.cMax ? 3u : 4u) << IrradSample::kReasonShift;
       s.renderId = h.object;
 
-      Color e = kBounce * (0.25f + 0.75f * g.openness);
+      // Bounce light fades where nearby geometry hems the point in.
+      Color e = kBounce * (0.3f + 0.7f * g.harmonic / (g.harmonic + 0.4f));
       e += emitterIrradiance(scene, scene.light(), HitKind::kLight, kLightRadiance, h.point,
-                             h.normal, 2, rng);
+                             h.normal, 4, rng);
       e += emitterIrradiance(scene, scene.window(), HitKind::kSky, kSkyRadiance, h.point,
-                             h.normal, 1, rng);
+                             h.normal, 2, rng);
       encodeColour(e, s);
       out.push_back(s);
     }

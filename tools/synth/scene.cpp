@@ -62,47 +62,59 @@ const Scene& Scene::room() {
 
 Hit Scene::trace(const Vector& o, const Vector& d, float tMin) const {
   Hit hit;
+  const float org[3] = {o.x, o.y, o.z};
+  const float inv[3] = {1.0f / d.x, 1.0f / d.y, 1.0f / d.z};
+  const float lo[3] = {bounds_.lo.x, bounds_.lo.y, bounds_.lo.z};
+  const float hi[3] = {bounds_.hi.x, bounds_.hi.y, bounds_.hi.z};
   for (int i = 0; i < 3; ++i) {
-    if (!(o[i] >= bounds_.lo[i] && o[i] <= bounds_.hi[i])) return hit;
+    if (!(org[i] >= lo[i] && org[i] <= hi[i])) return hit;
   }
 
   // The room is seen from inside: the ray leaves it through the nearest face in its direction.
   float tBest = kInf;
   int face = -1;
   for (int i = 0; i < 3; ++i) {
-    if (d[i] == 0.0f) continue;
-    const bool up = d[i] > 0.0f;
-    const float t = ((up ? bounds_.hi[i] : bounds_.lo[i]) - o[i]) / d[i];
-    if (t < tBest) {
+    const bool up = inv[i] > 0.0f;
+    const float t = ((up ? hi[i] : lo[i]) - org[i]) * inv[i];
+    if (t < tBest) {  // false for a zero direction component (NaN or infinity)
       tBest = t;
       face = 2 * i + (up ? 1 : 0);
     }
   }
   if (face < 0) return hit;
-  hit.kind = HitKind::kSurface;
-  hit.object = bounds_.object;
-  hit.face = face;
-  hit.normal = axisVector(face >> 1, face & 1 ? -1.0f : 1.0f);
 
-  for (const Box& b : boxes_) {
-    float t0 = tMin, t1 = tBest;
-    int axis = -1;
+  // Boxes, seen from outside: the slab test, keeping the nearest entry.
+  int boxHit = -1;
+  for (size_t k = 0; k < boxes_.size(); ++k) {
+    const Box& b = boxes_[k];
+    const float ax = (b.lo.x - org[0]) * inv[0], bx = (b.hi.x - org[0]) * inv[0];
+    const float ay = (b.lo.y - org[1]) * inv[1], by = (b.hi.y - org[1]) * inv[1];
+    const float az = (b.lo.z - org[2]) * inv[2], bz = (b.hi.z - org[2]) * inv[2];
+    const float tNear = std::max({std::min(ax, bx), std::min(ay, by), std::min(az, bz)});
+    const float tFar = std::min({std::max(ax, bx), std::max(ay, by), std::max(az, bz)});
+    if (tNear > tMin && tNear <= tFar && tNear < tBest) {
+      tBest = tNear;
+      boxHit = static_cast<int>(k);
+    }
+  }
+
+  int32_t object = bounds_.object;
+  Vector normal = axisVector(face >> 1, face & 1 ? -1.0f : 1.0f);
+  if (boxHit >= 0) {
+    const Box& b = boxes_[boxHit];
+    object = b.object;
+    face = -1;
+    // The entry face is the slab whose near distance is the entry distance.
+    int axis = 0;
+    float best = -kInf;
     for (int i = 0; i < 3; ++i) {
-      const float inv = 1.0f / d[i];
-      float ta = (b.lo[i] - o[i]) * inv;
-      float tb = (b.hi[i] - o[i]) * inv;
-      if (ta > tb) std::swap(ta, tb);
-      if (ta > t0) {
-        t0 = ta;
+      const float t = ((inv[i] > 0.0f ? b.lo[i] : b.hi[i]) - org[i]) * inv[i];
+      if (t > best) {
+        best = t;
         axis = i;
       }
-      if (tb < t1) t1 = tb;
     }
-    if (axis < 0 || t0 > t1 || !(t0 < tBest)) continue;
-    tBest = t0;
-    hit.object = b.object;
-    hit.face = -1;
-    hit.normal = axisVector(axis, d[axis] > 0.0f ? -1.0f : 1.0f);
+    normal = axisVector(axis, inv[axis] > 0.0f ? -1.0f : 1.0f);
   }
 
   {
@@ -115,20 +127,24 @@ Hit Scene::trace(const Vector& o, const Vector& d, float tMin) const {
       const float t = (-bq - std::sqrt(disc)) / a;
       if (t > tMin && t < tBest) {
         tBest = t;
-        hit.object = ball_.object;
-        hit.face = -1;
-        hit.normal = (o + d * t - ball_.centre) * (1.0f / ball_.radius);
+        object = ball_.object;
+        face = -1;
+        normal = (o + d * t - ball_.centre) * (1.0f / ball_.radius);
       }
     }
   }
 
+  hit.kind = HitKind::kSurface;
   hit.t = tBest;
   hit.point = o + d * tBest;
-  if (hit.face >= 0) {
-    hit.point[hit.face >> 1] = faceCoord(hit.face);  // exactly on the wall
-    if (hit.face == window_.face && window_.contains(hit.point)) {
+  hit.normal = normal;
+  hit.object = object;
+  hit.face = face;
+  if (face >= 0) {
+    hit.point[face >> 1] = faceCoord(face);  // exactly on the wall
+    if (face == window_.face && window_.contains(hit.point)) {
       hit.kind = HitKind::kSky;
-    } else if (hit.face == light_.face && light_.contains(hit.point)) {
+    } else if (face == light_.face && light_.contains(hit.point)) {
       hit.kind = HitKind::kLight;
     }
   }
