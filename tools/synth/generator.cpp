@@ -259,8 +259,9 @@ struct Planner {
       }
     }
 
-    // Tile bounds of the cheap clearance acceptance, widened to the neighbouring tiles and
-    // doubled, so that a thin contact line the pilot missed is still sampled densely enough.
+    // Tile bounds of the clearance acceptance: the largest the pilot saw in the tile and its
+    // neighbours, with a margin, so that a thin contact line the pilot missed is still sampled
+    // densely enough. Should the pilot have missed every surface, all tiles are drawn alike.
     tileBound.assign(tileMax.size(), 0.0f);
     std::vector<double> weights(tileMax.size());
     for (int ty = 0; ty < kTilesY; ++ty) {
@@ -278,6 +279,10 @@ struct Planner {
         tileBound[t] = std::min(1.0f, 1.5f * m);
         weights[t] = tileBound[t];
       }
+    }
+    if (*std::max_element(tileBound.begin(), tileBound.end()) <= 0.0f) {
+      std::fill(tileBound.begin(), tileBound.end(), 1.0f);
+      std::fill(weights.begin(), weights.end(), 1.0);
     }
     tiles = AliasTable(weights);
   }

@@ -76,7 +76,8 @@ IrradianceMapHeader makeHeader(const Params& params);
 // channels are clamped to 0. Returns false when a channel is not finite.
 bool encodeColour(const LUtils::Color& c, LUtils::IrradSample& s);
 
-// Statistics of the last plan, for the command line's report.
+// The effective resolution a generation with these parameters uses, for the command line's
+// report (zeros when the parameters are rejected).
 struct Plan {
   double pixelAngle = 0;  // effective pixel size at unit distance
   int effectiveWidth = 0, effectiveHeight = 0;
