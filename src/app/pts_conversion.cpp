@@ -52,6 +52,53 @@ char* writeUnsigned(char* out, uint64_t value) {
   return end;
 }
 
+// Writes 1 to 4 digits of a value below 10000.
+inline char* writeBelow10000(char* out, uint32_t value) {
+  if (value < 10) {
+    *out = static_cast<char>('0' + value);
+    return out + 1;
+  }
+  if (value < 100) {
+    std::memcpy(out, kDigitPairs + value * 2, 2);
+    return out + 2;
+  }
+  const uint32_t high = value / 100, low = value % 100;
+  if (value < 1000) {
+    *out = static_cast<char>('0' + high);
+    std::memcpy(out + 1, kDigitPairs + low * 2, 2);
+    return out + 3;
+  }
+  std::memcpy(out, kDigitPairs + high * 2, 2);
+  std::memcpy(out + 2, kDigitPairs + low * 2, 2);
+  return out + 4;
+}
+
+// " %d" of every signed byte, padded to eight bytes so that it is copied in one move.
+struct ByteText {
+  char text[7];
+  uint8_t length;
+};
+struct ByteTexts {
+  ByteText entries[256];
+};
+constexpr ByteTexts makeByteTexts() {
+  ByteTexts table{};
+  for (int byte = 0; byte < 256; ++byte) {
+    const int value = byte < 128 ? byte : byte - 256;
+    ByteText& entry = table.entries[byte];
+    int n = 0;
+    entry.text[n++] = ' ';
+    if (value < 0) entry.text[n++] = '-';
+    const int magnitude = value < 0 ? -value : value;
+    if (magnitude >= 100) entry.text[n++] = static_cast<char>('0' + magnitude / 100);
+    if (magnitude >= 10) entry.text[n++] = static_cast<char>('0' + magnitude / 10 % 10);
+    entry.text[n++] = static_cast<char>('0' + magnitude % 10);
+    entry.length = static_cast<uint8_t>(n);
+  }
+  return table;
+}
+constexpr ByteTexts kByteTexts = makeByteTexts();
+
 // Values below this magnitude take the integer path: scaled by 10000 they stay below 2^52.
 constexpr double kIntegerPathLimit = 1.0e11;
 constexpr double kTwoPow52 = 4503599627370496.0;
@@ -74,9 +121,17 @@ char* formatFixed4(char* out, float single) {
     const double scaled = magnitude * 10000.0;
     const uint64_t units = static_cast<uint64_t>((scaled + kTwoPow52) - kTwoPow52);
     if (std::signbit(value)) *out++ = '-';
-    out = writeUnsigned(out, units / 10000);
+    uint32_t fraction;
+    if (units < 100000000u) {  // below 10000: 32-bit arithmetic, at most four integer digits
+      const uint32_t small = static_cast<uint32_t>(units);
+      const uint32_t whole = small / 10000;
+      fraction = small - whole * 10000;
+      out = writeBelow10000(out, whole);
+    } else {
+      fraction = static_cast<uint32_t>(units % 10000);
+      out = writeUnsigned(out, units / 10000);
+    }
     *out++ = '.';
-    const unsigned fraction = static_cast<unsigned>(units % 10000);
     std::memcpy(out, kDigitPairs + (fraction / 100) * 2, 2);
     std::memcpy(out + 2, kDigitPairs + (fraction % 100) * 2, 2);
     return out + 4;
@@ -103,8 +158,9 @@ char* formatLine(char* out, const LUtils::IrradSample& sample, int mode) {
   if (mode == kPtsPositionsAndColours) {
     // The colour mantissas are signed bytes: 255 prints as -1, on purpose.
     for (int channel = 0; channel < 3; ++channel) {
-      *out++ = ' ';
-      out = formatInt(out, static_cast<int8_t>(sample.colour[channel]));
+      const ByteText& text = kByteTexts.entries[static_cast<uint8_t>(sample.colour[channel])];
+      std::memcpy(out, text.text, sizeof text.text);
+      out += text.length;
     }
   }
   *out++ = '\r';

@@ -117,6 +117,15 @@ TEST(PtsFormat, Lines) {
   EXPECT_EQ(line(s, kPtsPositions), "v 1.0000 2.5000 -3.0000\r\n");
   EXPECT_EQ(line(s, kPtsPositionsAndColours), "v 1.0000 2.5000 -3.0000 -1 -128 0\r\n");
   EXPECT_EQ(line(s, 0), "");
+  for (int byte = 0; byte < 256; ++byte) {
+    const auto b = static_cast<uint8_t>(byte);
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "v 0.0000 0.0000 0.0000 %d %d %d\r\n",
+                  static_cast<int8_t>(b), static_cast<int8_t>(255 - byte), 0);
+    EXPECT_EQ(line(cvtest::makeSample({}, b, static_cast<uint8_t>(255 - byte), 0),
+                   kPtsPositionsAndColours),
+              expected);
+  }
   EXPECT_EQ(line(s, 3), "");
 
   // The longest line fits its buffer.
