@@ -261,6 +261,31 @@ int RasterizerGL::endSelection(SelectionCb& callback) {
 
 void RasterizerGL::loadName(uint32_t name) { glLoadName(name); }
 
+uint32_t RasterizerGL::beginList() {
+  const GLuint list = glGenLists(1);
+  if (list != 0) glNewList(list, GL_COMPILE);
+  return list;
+}
+
+void RasterizerGL::endList() { glEndList(); }
+
+void RasterizerGL::callList(uint32_t list) { glCallList(list); }
+
+void RasterizerGL::deleteList(uint32_t list) {
+  if (list != 0) glDeleteLists(list, 1);
+}
+
+void RasterizerGL::setLineWidth(float width) { glLineWidth(width); }
+
+void RasterizerGL::setLineOffset(bool on) {
+  if (on) {
+    glEnable(GL_POLYGON_OFFSET_LINE);
+    glPolygonOffset(0.0f, -200.0f);
+  } else {
+    glDisable(GL_POLYGON_OFFSET_LINE);
+  }
+}
+
 void RasterizerGL::drawLine(const Vector& a, const Vector& b, const Color& color) {
   glDisable(GL_LIGHTING);
   glColor3f(color.r, color.g, color.b);

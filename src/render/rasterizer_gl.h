@@ -70,6 +70,16 @@ class RasterizerGL final : public Rasterizer3D {
   // Loads the GL selection name of the primitives that follow (a sample's index).
   void loadName(uint32_t name);
 
+  // Display lists: a new list compiled from the calls that follow until endList (0 when none
+  // could be made), calling one, deleting one (0 is ignored).
+  uint32_t beginList();
+  void endList();
+  void callList(uint32_t list);
+  void deleteList(uint32_t list);
+  void setLineWidth(float width);
+  // Pulls outlines towards the eye so that wire boxes stay visible over the discs they enclose.
+  void setLineOffset(bool on);
+
   // The raw selection buffer (null before the first pick through the buffer).
   const uint32_t* selectBuffer() const { return selectBuffer_.get(); }
 
