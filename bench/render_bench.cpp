@@ -1,0 +1,207 @@
+// One frame of a synthesised room of one million irradiance samples at 800 x 600, 8-sided discs:
+// OpenGL immediate mode and display-list replay (off-screen context) against a bare
+// glBegin/glEnd loop of the same discs, and the software rasterizer on one thread and on all
+// threads. Ratios against the references of the same run are printed after the table.
+#include <GL/gl.h>
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "irradiance/def_irradiance_map.h"
+#include "render/camera.h"
+#include "render/rasterizer_gl.h"
+#include "render/rasterizer_sw.h"
+#include "render/sample_drawing.h"
+#include "synth/generator.h"
+
+namespace {
+
+using namespace LUtils;
+
+constexpr int kWidth = 800;
+constexpr int kHeight = 600;
+
+struct Scene {
+  DefIrradianceMap map;
+  PinholeCamera camera;
+  float farDistance = 1000.0f;
+  DefThreadManager threads;
+  DrawSettings settings;
+
+  Scene() {
+    synth::Params params;
+    params.count = 1000000;
+    std::vector<IrradSample> samples;
+    synth::generate(params, samples);
+    for (const IrradSample& s : samples) map.appendSample(s);
+    map.setHeader(synth::makeHeader(params));
+    Vector lo, hi;
+    sceneBounds({&map, nullptr}, lo, hi);
+    setCameraFromStoredView(camera, storedViewOf(*map.header()), kWidth, kHeight,
+                            (lo + hi) * 0.5f);
+    farDistance = 4.0f * length(hi - lo);
+    automaticBrightness({&map, nullptr}, settings);
+    settings.segmentsPerDisc = 8;
+  }
+};
+
+Scene& scene() {
+  static Scene s;
+  return s;
+}
+
+RasterizerGL* offscreenGL() {
+  static std::unique_ptr<RasterizerGL> gl = [] {
+    auto r = std::make_unique<RasterizerGL>();
+    r->resize(kWidth, kHeight);
+    r->setCamera(&scene().camera);
+    r->setFarDistance(scene().farDistance);
+    return r;
+  }();
+  return gl->hasOffscreenContext() ? gl.get() : nullptr;
+}
+
+// The reference: the same discs straight into OpenGL, nothing around them.
+class BareDiscs final : public EnumIrradianceSamplesCallback {
+ public:
+  explicit BareDiscs(float brightness) : brightness_(brightness) {
+    for (int i = 0; i < 8; ++i) {
+      const float a = 2.0f * static_cast<float>(i) * 3.1415927f / 8.0f;
+      cosines_[i] = std::cos(a);
+      sines_[i] = std::sin(a);
+    }
+  }
+  int process(IrradSample& s) override {
+    const Vector& n = s.normal;
+    const Vector u = n.x * n.x + n.z * n.z <= n.x * n.x + n.y * n.y
+                         ? Vector{n.y, -n.x, 0} * rsqrtNewton(n.x * n.x + n.y * n.y)
+                         : Vector{-n.z, 0, n.x} * rsqrtNewton(n.x * n.x + n.z * n.z);
+    const Vector v = cross(n, u);
+    const float r = 0.2f * std::sqrt(s.drawRadius2);
+    const Color c = s.decodedColour() * brightness_;
+    glColor3f(c.r, c.g, c.b);
+    glBegin(GL_TRIANGLE_FAN);
+    for (int i = 0; i < 8; ++i) {
+      const Vector p = s.position + u * (r * cosines_[i]) + v * (r * sines_[i]);
+      glVertex3f(p.x, p.y, p.z);
+    }
+    glEnd();
+    return 1;
+  }
+
+ private:
+  float brightness_;
+  float cosines_[8], sines_[8];
+};
+
+void BM_GLBareLoop(benchmark::State& state) {
+  RasterizerGL* gl = offscreenGL();
+  if (gl == nullptr) return state.SkipWithError("no off-screen OpenGL context");
+  Scene& s = scene();
+  for (auto _ : state) {
+    gl->setClearColor({0.25f, 0.25f, 0.25f});
+    gl->beginFrame();
+    glDisable(GL_LIGHTING);
+    BareDiscs bare(s.settings.brightness);
+    s.map.enumerateSamples(0, &bare);
+    glFinish();
+  }
+}
+BENCHMARK(BM_GLBareLoop)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+
+void BM_GLImmediate(benchmark::State& state) {
+  RasterizerGL* gl = offscreenGL();
+  if (gl == nullptr) return state.SkipWithError("no off-screen OpenGL context");
+  Scene& s = scene();
+  s.settings.useDisplayLists = false;
+  invalidateDisplayLists(gl, s.settings);
+  for (auto _ : state) {
+    drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);
+    glFinish();
+  }
+}
+BENCHMARK(BM_GLImmediate)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+
+void BM_GLDisplayList(benchmark::State& state) {
+  RasterizerGL* gl = offscreenGL();
+  if (gl == nullptr) return state.SkipWithError("no off-screen OpenGL context");
+  Scene& s = scene();
+  s.settings.useDisplayLists = true;
+  drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);  // compiles the list
+  for (auto _ : state) {
+    drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);
+    glFinish();
+  }
+  invalidateDisplayLists(gl, s.settings);
+  s.settings.useDisplayLists = false;
+}
+BENCHMARK(BM_GLDisplayList)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+
+void softwareFrames(benchmark::State& state, bool threaded) {
+  Scene& s = scene();
+  RasterizerSW sw;
+  sw.resize(kWidth, kHeight);
+  sw.setCamera(&s.camera);
+  sw.setFarDistance(s.farDistance);
+  s.settings.multiThreadedSoftware = threaded;
+  drawFrame(sw, {&s.map, nullptr}, &s.threads, s.settings);  // warm the bins and the workers
+  for (auto _ : state) drawFrame(sw, {&s.map, nullptr}, &s.threads, s.settings);
+  state.counters["threads"] = threaded ? defaultThreadCount() : 1;
+}
+
+void BM_SoftwareOneThread(benchmark::State& state) { softwareFrames(state, false); }
+BENCHMARK(BM_SoftwareOneThread)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+void BM_SoftwareAllThreads(benchmark::State& state) { softwareFrames(state, true); }
+BENCHMARK(BM_SoftwareAllThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+// Keeps every run's time per iteration so that the ratios can be printed at the end.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
+        times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+      }
+    }
+  }
+  void printRatio(const char* what, const std::string& ours, const std::string& reference,
+                  const char* target) {
+    const auto a = times_.find(ours);
+    const auto b = times_.find(reference);
+    if (a == times_.end() || b == times_.end() || b->second <= 0) return;
+    std::printf("%-44s %.3f  (%s)\n", what, a->second / b->second, target);
+  }
+  double time(const std::string& name) const {
+    const auto it = times_.find(name);
+    return it == times_.end() ? -1.0 : it->second;
+  }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  std::printf("\nRatios (time per frame):\n");
+  reporter.printRatio("OpenGL immediate / bare glBegin loop", "BM_GLImmediate", "BM_GLBareLoop",
+                      "target <= 1.15");
+  reporter.printRatio("OpenGL display list / bare glBegin loop", "BM_GLDisplayList",
+                      "BM_GLBareLoop", "for information");
+  reporter.printRatio("software one thread / all threads", "BM_SoftwareOneThread",
+                      "BM_SoftwareAllThreads", "target >= 1.3 on two cores");
+  std::printf("software one thread: %.0f ms per frame (target <= 250 ms)\n",
+              reporter.time("BM_SoftwareOneThread"));
+  benchmark::Shutdown();
+  return 0;
+}
