@@ -1,6 +1,5 @@
 #include "threads/multi_reader_lock.h"
 
-#include <cassert>
 #include <mutex>
 #include <thread>
 
@@ -8,23 +7,6 @@ namespace LUtils {
 
 MultiReaderLock::MultiReaderLock(uint32_t threadSlots)
     : slotCount_(threadSlots ? threadSlots : 1), slots_(new Slot[slotCount_]) {}
-
-MultiReaderLock::Slot& MultiReaderLock::slot(uint32_t thread) {
-  assert(thread < slotCount_ && "thread index beyond the lock's slots");
-  return slots_[thread];
-}
-
-void MultiReaderLock::readLock(uint32_t thread) {
-  Slot& own = slot(thread);
-  std::lock_guard<SpinningMutex> guard(own.mutex);
-  ++own.readers;
-}
-
-void MultiReaderLock::readUnlock(uint32_t thread) {
-  Slot& own = slot(thread);
-  std::lock_guard<SpinningMutex> guard(own.mutex);
-  --own.readers;
-}
 
 void MultiReaderLock::writeLock(uint32_t thread) {
   // Only this thread ever stores its own index as the owner, so the test needs no lock.

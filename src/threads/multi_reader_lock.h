@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <memory>
 
@@ -24,8 +25,19 @@ class MultiReaderLock {
   MultiReaderLock(const MultiReaderLock&) = delete;
   MultiReaderLock& operator=(const MultiReaderLock&) = delete;
 
-  void readLock(uint32_t thread);
-  void readUnlock(uint32_t thread);
+  // The read side is inline: it is taken once per lookup on the hot paths.
+  void readLock(uint32_t thread) {
+    Slot& own = slot(thread);
+    own.mutex.lock();
+    ++own.readers;
+    own.mutex.unlock();
+  }
+  void readUnlock(uint32_t thread) {
+    Slot& own = slot(thread);
+    own.mutex.lock();
+    --own.readers;
+    own.mutex.unlock();
+  }
   void writeLock(uint32_t thread);
   void writeUnlock(uint32_t thread);
 
@@ -41,7 +53,10 @@ class MultiReaderLock {
   };
   static_assert(sizeof(Slot) == 64, "one thread slot per cache line");
 
-  Slot& slot(uint32_t thread);
+  Slot& slot(uint32_t thread) {
+    assert(thread < slotCount_ && "thread index beyond the lock's slots");
+    return slots_[thread];
+  }
 
   SpinningMutex master_;
   int32_t recursion_ = 0;                 // written only by the owner

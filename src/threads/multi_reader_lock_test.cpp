@@ -89,15 +89,20 @@ TEST(MultiReaderLock, AWriterWaitsForReadersAndKeepsEveryoneOut) {
   ASSERT_TRUE(first.gotIn());
 
   Contender blockedReader = reader(lock, 2);
-  Contender second = writer(lock, 1);
   EXPECT_TRUE(blockedReader.keptOut());
-  EXPECT_TRUE(second.keptOut());
   first.letGo();
   ASSERT_TRUE(blockedReader.gotIn());
+
+  Contender second = writer(lock, 1);
   EXPECT_TRUE(second.keptOut());
   blockedReader.letGo();
   ASSERT_TRUE(second.gotIn());
+
+  Contender third = writer(lock, 0);
+  EXPECT_TRUE(third.keptOut());
   second.letGo();
+  ASSERT_TRUE(third.gotIn());
+  third.letGo();
   runBounded("lock after use", [&] {
     lock.writeLock(2);
     lock.writeUnlock(2);
