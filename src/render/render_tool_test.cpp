@@ -157,7 +157,7 @@ TEST_F(RenderTool, MapsWithoutAStoredViewAreFramedWhole) {
     ASSERT_NE(s, nullptr);
     s->position = {static_cast<float>(i % 20), 0.0f, static_cast<float>(i / 20)};
     s->normal = {0, 1, 0};
-    s->radiusSquared = 0.36f;
+    s->radiusSquared = 1.0f;  // neighbours overlap: no gaps
     s->valueA[0] = std::bit_cast<uint32_t>(0.8f);
     s->valueA[1] = std::bit_cast<uint32_t>(0.4f);
     s->valueA[2] = std::bit_cast<uint32_t>(0.1f);
