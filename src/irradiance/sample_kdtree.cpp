@@ -56,11 +56,17 @@ void SampleKdTree::insert(IrradSample& sample) {
   if (!makeEntry(sample, e)) return;
   buffer_.push_back(e);
   if (buffer_.size() < kBufferSize) return;
-  // The full buffer becomes a tree; every smaller tree is folded into it first, so that the
-  // trees keep roughly doubling in size and a query visits only logarithmically many of them.
+  // The full buffer becomes a tree, and absorbs every smaller tree that is less than
+  // kMergeRatio times its size: the trees then shrink by that ratio or more from the largest on,
+  // so a query visits only log(n) / log(kMergeRatio) of them, while each entry is rebuilt about
+  // kMergeRatio times per level. The largest tree (usually the one the map was prepared with)
+  // is absorbed only by a tree at least its size.
   std::vector<Entry> merged;
   merged.swap(buffer_);
-  while (!trees_.empty() && trees_.back().entries.size() <= merged.size()) {
+  while (!trees_.empty()) {
+    const size_t last = trees_.back().entries.size();
+    const bool largest = trees_.size() == 1;
+    if (largest ? last > merged.size() : last > kMergeRatio * merged.size()) break;
     std::vector<Entry>& smaller = trees_.back().entries;
     merged.insert(merged.end(), smaller.begin(), smaller.end());
     trees_.pop_back();
@@ -91,20 +97,17 @@ void SampleKdTree::addTree(std::vector<Entry>&& entries) {
 void SampleKdTree::buildTree(Tree& tree) {
   const size_t n = tree.entries.size();
   tree.nodes.clear();
-  tree.nodes.reserve(n / (kLeafSize / 2) * 2 + 1);
-  buildNode(tree, 0, static_cast<uint32_t>(n), 0);
+  tree.nodes.reserve(n / (kLeafSize / 2) + 1);
+  tree.root = buildChild(tree, 0, static_cast<uint32_t>(n), 0);
 }
 
-// Builds the subtree over entries [begin, end) in preorder and returns its node index. Splits at
-// the median of the positions along the widest axis of the positions, so the depth is
-// log2(n / kLeafSize) whatever the data (many samples at one point included).
-uint32_t SampleKdTree::buildNode(Tree& tree, uint32_t begin, uint32_t end, int depth) {
-  const uint32_t index = static_cast<uint32_t>(tree.nodes.size());
-  tree.nodes.emplace_back();
-
+// Builds the subtree over entries [begin, end), inner nodes in preorder. Splits at the median of
+// the positions along the widest axis of the positions, so the depth is log2(n / kLeafSize)
+// whatever the data (many samples at one point included).
+SampleKdTree::Child SampleKdTree::buildChild(Tree& tree, uint32_t begin, uint32_t end, int depth) {
   constexpr float inf = std::numeric_limits<float>::infinity();
+  Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
   float plo[3] = {inf, inf, inf}, phi[3] = {-inf, -inf, -inf};
-  float blo[3] = {inf, inf, inf}, bhi[3] = {-inf, -inf, -inf};
   for (uint32_t i = begin; i < end; ++i) {
     const Entry& e = tree.entries[i];
     // Widened a little so that rounding in the box never drops a point the sphere test accepts.
@@ -114,24 +117,12 @@ uint32_t SampleKdTree::buildNode(Tree& tree, uint32_t begin, uint32_t end, int d
       plo[a] = std::min(plo[a], c[a]);
       phi[a] = std::max(phi[a], c[a]);
       const float pad = r + std::abs(c[a]) * 1e-6f;
-      blo[a] = std::min(blo[a], c[a] - pad);
-      bhi[a] = std::max(bhi[a], c[a] + pad);
+      child.lo[a] = std::min(child.lo[a], c[a] - pad);
+      child.hi[a] = std::max(child.hi[a], c[a] + pad);
     }
   }
-  {
-    Node& node = tree.nodes[index];
-    for (int a = 0; a < 3; ++a) {
-      node.lo[a] = blo[a];
-      node.hi[a] = bhi[a];
-    }
-  }
-
   const uint32_t count = end - begin;
-  if (count <= kLeafSize || depth >= 60) {
-    tree.nodes[index].first = begin;
-    tree.nodes[index].count = count;
-    return index;
-  }
+  if (count <= kLeafSize || depth >= 60) return child;
 
   int axis = 0;
   for (int a = 1; a < 3; ++a) {
@@ -143,11 +134,22 @@ uint32_t SampleKdTree::buildNode(Tree& tree, uint32_t begin, uint32_t end, int d
                    tree.entries.begin() + end,
                    [&](const Entry& a, const Entry& b) { return key(a) < key(b); });
 
-  buildNode(tree, begin, mid, depth + 1);
-  const uint32_t right = buildNode(tree, mid, end, depth + 1);
-  tree.nodes[index].first = right;
-  tree.nodes[index].count = 0;
-  return index;
+  const uint32_t index = static_cast<uint32_t>(tree.nodes.size());
+  tree.nodes.emplace_back();
+  const Child halves[2] = {buildChild(tree, begin, mid, depth + 1),
+                           buildChild(tree, mid, end, depth + 1)};
+  Node& node = tree.nodes[index];
+  for (int k = 0; k < 2; ++k) {
+    for (int a = 0; a < 3; ++a) {
+      node.lo[k][a] = halves[k].lo[a];
+      node.hi[k][a] = halves[k].hi[a];
+    }
+    node.first[k] = halves[k].first;
+    node.count[k] = halves[k].count;
+  }
+  child.first = index;
+  child.count = 0;
+  return child;
 }
 
 }  // namespace LUtils

@@ -28,6 +28,8 @@ class SampleKdTree {
   // become a tree of their own.
   static constexpr uint32_t kLeafSize = 8;
   static constexpr size_t kBufferSize = 32;
+  // Size ratio between successive trees of the insertion set (see insert()).
+  static constexpr size_t kMergeRatio = 8;
 
   // Drops every entry.
   void clear();
@@ -57,19 +59,28 @@ class SampleKdTree {
     float x, y, z, r2;  // bounding sphere when built
     IrradSample* sample;
   };
-  struct Node {
-    float lo[3], hi[3];  // box around every bounding sphere below
-    uint32_t first;      // leaf: first entry; inner: index of the right child (left is next)
-    uint32_t count;      // leaf: number of entries; 0 for an inner node
+  // A box around bounding spheres and what it holds: `count` entries from `first`, or, when
+  // `count` is 0, the inner node `first`.
+  struct Child {
+    float lo[3], hi[3];
+    uint32_t first, count;
   };
+  // An inner node holds both children's boxes, so a query tests them without touching the
+  // children: one cache line per node visited.
+  struct alignas(64) Node {
+    float lo[2][3], hi[2][3];
+    uint32_t first[2], count[2];
+  };
+  static_assert(sizeof(Node) == 64);
   struct Tree {
+    Child root{};
     std::vector<Node> nodes;
     std::vector<Entry> entries;
   };
 
   static bool makeEntry(IrradSample& s, Entry& out);
   static void buildTree(Tree& tree);
-  static uint32_t buildNode(Tree& tree, uint32_t begin, uint32_t end, int depth);
+  static Child buildChild(Tree& tree, uint32_t begin, uint32_t end, int depth);
   void addTree(std::vector<Entry>&& entries);
 
   template <class F>
@@ -80,12 +91,12 @@ class SampleKdTree {
       if (d2 < e[i].r2 && d2 < e[i].sample->validRadius2) f(*e[i].sample);
     }
   }
-  static bool inside(const Vector& p, const Node& n) {
-    return p.x >= n.lo[0] && p.x <= n.hi[0] && p.y >= n.lo[1] && p.y <= n.hi[1] &&
-           p.z >= n.lo[2] && p.z <= n.hi[2];
+  static bool inside(const Vector& p, const float* lo, const float* hi) {
+    return p.x >= lo[0] && p.x <= hi[0] && p.y >= lo[1] && p.y <= hi[1] && p.z >= lo[2] &&
+           p.z <= hi[2];
   }
 
-  // Sorted by size, largest first; each is larger than all that follow together, roughly.
+  // Sorted by size, largest first.
   std::vector<Tree> trees_;
   std::vector<Entry> buffer_;
 };
@@ -93,21 +104,26 @@ class SampleKdTree {
 template <class F>
 void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
   for (const Tree& tree : trees_) {
-    if (tree.nodes.empty()) continue;
+    if (!inside(p, tree.root.lo, tree.root.hi)) continue;
+    const Entry* entries = tree.entries.data();
+    if (tree.root.count) {
+      scan(entries + tree.root.first, tree.root.count, p, f);
+      continue;
+    }
+    const Node* nodes = tree.nodes.data();
     uint32_t stack[64];
     int top = 0;
-    stack[top++] = 0;
-    const Node* nodes = tree.nodes.data();
-    const Entry* entries = tree.entries.data();
+    stack[top++] = tree.root.first;
     while (top > 0) {
-      const uint32_t i = stack[--top];
-      const Node& n = nodes[i];
-      if (!inside(p, n)) continue;
-      if (n.count) {
-        scan(entries + n.first, n.count, p, f);
-      } else {
-        stack[top++] = n.first;
-        stack[top++] = i + 1;
+      const Node& n = nodes[stack[--top]];
+      for (int k = 1; k >= 0; --k) {
+        if (!inside(p, n.lo[k], n.hi[k])) continue;
+        if (n.count[k]) {
+          scan(entries + n.first[k], n.count[k], p, f);
+        } else {
+          __builtin_prefetch(nodes + n.first[k]);
+          stack[top++] = n.first[k];
+        }
       }
     }
   }
