@@ -137,31 +137,6 @@ TEST(MultiReaderLock, AReadTakenUnderTheWriteLockOutlivesIt) {
   EXPECT_TRUE(other.gotIn());
 }
 
-TEST(MultiReaderLock, TwoReadersUpgradingAtOnceDoNotDeadlock) {
-  MultiReaderLock lock(2);
-  int shared = 0;
-  runBounded("simultaneous upgrades", [&] {
-    std::atomic<int> reading{0};
-    std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < 2; ++t) {
-      threads.emplace_back([&, t] {
-        for (int i = 0; i < 200; ++i) {
-          lock.readLock(t);
-          reading.fetch_add(1);
-          waitUntil([&] { return reading.load() >= 2; }, milliseconds(5));
-          lock.writeLock(t);
-          ++shared;
-          lock.writeUnlock(t);
-          reading.fetch_sub(1);
-          lock.readUnlock(t);
-        }
-      });
-    }
-    for (auto& th : threads) th.join();
-  });
-  EXPECT_EQ(shared, 400);
-}
-
 // Mixed readers, writers, upgrades and nested writes. Writers rewrite a plain array so that a
 // torn write is visible to readers; the counters check that a writer is alone and that readers
 // never overlap one.
