@@ -23,7 +23,7 @@ constexpr float kGuardBand = 4.0f;
 uint8_t toByte(float c) {
   if (!(c > 0.0f)) return 0;
   if (c >= 1.0f) return 255;
-  return static_cast<uint8_t>(std::lrint(c * 255.0f));
+  return static_cast<uint8_t>(swr::roundToInt(c * 255.0f));
 }
 
 uint32_t packColour(const Color& c) {
@@ -50,24 +50,18 @@ inline float planeDistance(const float* v, int plane) {
   }
 }
 
-// Outside bits of the view volume itself (for trivial rejection) and of the clip planes.
+// Outside bits of the view volume itself (for trivial rejection) and of the clip planes,
+// computed without branches: most discs need no clipping and are decided by these.
 inline unsigned viewOutcode(const float* v) {
-  unsigned code = 0;
-  if (v[0] > v[3]) code |= 1;
-  if (v[0] < -v[3]) code |= 2;
-  if (v[1] > v[3]) code |= 4;
-  if (v[1] < -v[3]) code |= 8;
-  if (v[2] > v[3]) code |= 16;
-  if (v[2] < -v[3]) code |= 32;
-  return code;
+  const float x = v[0], y = v[1], z = v[2], w = v[3];
+  return unsigned{x > w} | unsigned{x < -w} << 1 | unsigned{y > w} << 2 | unsigned{y < -w} << 3 |
+         unsigned{z > w} << 4 | unsigned{z < -w} << 5;
 }
 
 inline unsigned clipOutcode(const float* v) {
-  unsigned code = 0;
-  for (int p = 0; p < kPlaneCount; ++p) {
-    if (planeDistance(v, p) < 0.0f) code |= 1u << p;
-  }
-  return code;
+  const float x = v[0], y = v[1], z = v[2], gw = kGuardBand * v[3];
+  return unsigned{z + v[3] < 0.0f} | unsigned{v[3] - z < 0.0f} << 1 | unsigned{gw - x < 0.0f} << 2 |
+         unsigned{gw + x < 0.0f} << 3 | unsigned{gw - y < 0.0f} << 4 | unsigned{gw + y < 0.0f} << 5;
 }
 
 template <typename V>
@@ -78,13 +72,25 @@ V lerp(const V& a, const V& b, float t) {
 
 }  // namespace
 
+// One drawing thread's primitives: their window vertices, and for each replay part the
+// primitives that touch its rows, in submission order.
 struct alignas(64) RasterizerSW::Bin {
-  std::vector<Prim> prims;
   std::vector<FixedVertex> vertices;
+  std::vector<Prim> parts[kMaxReplayThreads];
+
+  void clear(unsigned partCount) {
+    vertices.clear();
+    for (unsigned p = 0; p < partCount; ++p) parts[p].clear();
+  }
 };
 
 RasterizerSW::RasterizerSW() : bins_(std::make_unique<Bin[]>(kMaxBins)) {
-  replayThreads_ = std::max(1u, std::thread::hardware_concurrency());
+  replayThreads_ = std::clamp(std::thread::hardware_concurrency(), 1u, kMaxReplayThreads);
+}
+
+void RasterizerSW::setReplayThreads(unsigned threads) {
+  flush();
+  replayThreads_ = std::clamp(threads, 1u, kMaxReplayThreads);
 }
 
 RasterizerSW::~RasterizerSW() = default;
@@ -159,7 +165,8 @@ const uint32_t* RasterizerSW::colourBuffer() {
   return back_.data();
 }
 
-RasterizerSW::ClipVertex RasterizerSW::transform(const Vector& p) const {
+[[gnu::always_inline]] inline RasterizerSW::ClipVertex RasterizerSW::transform(
+    const Vector& p) const {
   const float* m = mvp_;
   return {m[0] * p.x + m[4] * p.y + m[8] * p.z + m[12],
           m[1] * p.x + m[5] * p.y + m[9] * p.z + m[13],
@@ -167,13 +174,13 @@ RasterizerSW::ClipVertex RasterizerSW::transform(const Vector& p) const {
           m[3] * p.x + m[7] * p.y + m[11] * p.z + m[15]};
 }
 
-FixedVertex RasterizerSW::toWindow(const ClipVertex& c) const {
+[[gnu::always_inline]] inline FixedVertex RasterizerSW::toWindow(const ClipVertex& c) const {
   const float inv = 1.0f / c.w;
   const float wx = (c.x * inv + 1.0f) * 0.5f * static_cast<float>(width_);
   const float wy = static_cast<float>(height_) - (c.y * inv + 1.0f) * 0.5f * static_cast<float>(height_);
   const float wz = c.z * inv * 0.5f + 0.5f;
-  return {static_cast<int32_t>(std::lrint(wx * swr::kSubpixel)),
-          static_cast<int32_t>(std::lrint(wy * swr::kSubpixel)), std::clamp(wz, 0.0f, 1.0f)};
+  return {swr::roundToInt(wx * swr::kSubpixel), swr::roundToInt(wy * swr::kSubpixel),
+          std::clamp(wz, 0.0f, 1.0f)};
 }
 
 void RasterizerSW::submitPolygon(const Vector* points, unsigned count, uint32_t colour) {
@@ -340,7 +347,19 @@ void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
   Bin& b = bins_[bin];
   prim.firstVertex = static_cast<uint32_t>(b.vertices.size());
   b.vertices.insert(b.vertices.end(), vertices, vertices + prim.count);
-  b.prims.push_back(prim);
+  // The parts owning the bands of rows the primitive spans.
+  const unsigned parts = replayThreads_;
+  const int firstBand = prim.minY >> swr::RowBands::kBandShift;
+  const int lastBand = prim.maxY >> swr::RowBands::kBandShift;
+  if (parts == 1) {
+    b.parts[0].push_back(prim);
+  } else if (static_cast<unsigned>(lastBand - firstBand) + 1 >= parts) {
+    for (unsigned p = 0; p < parts; ++p) b.parts[p].push_back(prim);
+  } else {
+    for (int band = firstBand; band <= lastBand; ++band) {
+      b.parts[static_cast<unsigned>(band) % parts].push_back(prim);
+    }
+  }
   uint32_t used = binsUsed_.load(std::memory_order_relaxed);
   while (used < bin + 1 &&
          !binsUsed_.compare_exchange_weak(used, bin + 1, std::memory_order_relaxed)) {
@@ -353,41 +372,38 @@ void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
 void RasterizerSW::flush() {
   if (!binsPending_.exchange(false, std::memory_order_acq_rel)) return;
   const uint32_t used = binsUsed_.exchange(0, std::memory_order_acq_rel);
+  const unsigned parts = replayThreads_;
   size_t total = 0;
-  for (uint32_t i = 0; i < used; ++i) total += bins_[i].prims.size();
+  for (uint32_t i = 0; i < used; ++i) {
+    for (unsigned p = 0; p < parts; ++p) total += bins_[i].parts[p].size();
+  }
 
   const swr::Target target{back_.data(), depth_.data(), width_, height_};
-  const int bands = (height_ + (1 << swr::RowBands::kBandShift) - 1) >> swr::RowBands::kBandShift;
-  int parts = static_cast<int>(std::min<unsigned>(replayThreads_, static_cast<unsigned>(bands)));
-  if (total < 256) parts = 1;
-  parts = std::max(parts, 1);
-
-  auto replay = [&](int part) {
-    const swr::RowBands rows{parts, part};
-    for (uint32_t i = 0; i < used; ++i) {
-      const Bin& b = bins_[i];
-      for (const Prim& prim : b.prims) swr::rasterize(target, prim, b.vertices.data(), rows);
+  // A few primitives are not worth starting threads for: one thread then draws every part
+  // (the parts own disjoint rows, so their order does not matter).
+  const unsigned threads = total < 256 ? 1 : parts;
+  auto replay = [&](unsigned first) {
+    for (unsigned p = first; p < parts; p += threads) {
+      const swr::RowBands rows{static_cast<int>(parts), static_cast<int>(p)};
+      for (uint32_t i = 0; i < used; ++i) {
+        const Bin& b = bins_[i];
+        for (const Prim& prim : b.parts[p]) swr::rasterize(target, prim, b.vertices.data(), rows);
+      }
     }
   };
   std::vector<std::thread> helpers;
-  helpers.reserve(static_cast<size_t>(parts - 1));
-  for (int part = 1; part < parts; ++part) helpers.emplace_back(replay, part);
+  helpers.reserve(threads - 1);
+  for (unsigned t = 1; t < threads; ++t) helpers.emplace_back(replay, t);
   replay(0);
   for (std::thread& t : helpers) t.join();
 
-  for (uint32_t i = 0; i < used; ++i) {
-    bins_[i].prims.clear();
-    bins_[i].vertices.clear();
-  }
+  for (uint32_t i = 0; i < used; ++i) bins_[i].clear(parts);
 }
 
 void RasterizerSW::discardBins() {
   binsPending_.store(false, std::memory_order_relaxed);
   const uint32_t used = binsUsed_.exchange(0, std::memory_order_relaxed);
-  for (uint32_t i = 0; i < used; ++i) {
-    bins_[i].prims.clear();
-    bins_[i].vertices.clear();
-  }
+  for (uint32_t i = 0; i < used; ++i) bins_[i].clear(replayThreads_);
 }
 
 Color RasterizerSW::litColour(const Color& colour, const Vector& position,

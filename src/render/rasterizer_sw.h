@@ -3,9 +3,11 @@
 //
 // Several threads may draw into one frame at once. Each drawing thread appends its set-up
 // primitives to its own bin (the bin index comes from a hook, normally the thread manager's
-// current thread index); the bins are replayed in bin order, which is the order one thread would
-// have drawn them in, by as many threads as the machine has, each owning interleaved bands of
-// rows. The picture is therefore exactly the one a single thread draws.
+// current thread index). The rows of the frame are dealt in bands of eight to as many parts as
+// there are replay threads, and a bin keeps one list per part holding the primitives that touch
+// that part's rows. Each replay thread then draws its part from every bin's list in bin order,
+// which is the order one thread would have drawn them in: the picture is exactly the one a
+// single thread draws, and each primitive is set up by about one replay thread only.
 #pragma once
 
 #include <atomic>
@@ -25,6 +27,7 @@ class RasterizerSW final : public Rasterizer3D {
   // The hook's answer for a thread that draws straight into the frame (not a bin).
   static constexpr uint32_t kDirect = 0xFFFFFFFFu;
   static constexpr uint32_t kMaxBins = 256;
+  static constexpr unsigned kMaxReplayThreads = 16;
   using BinIndexSource = std::function<uint32_t()>;
 
   RasterizerSW();
@@ -63,8 +66,9 @@ class RasterizerSW final : public Rasterizer3D {
   // Where a drawing thread's primitives go: kDirect, or a bin index below kMaxBins. Without a
   // hook every thread draws directly, which is right only for one drawing thread at a time.
   void setBinIndexSource(BinIndexSource source) { binIndexSource_ = std::move(source); }
-  // Threads that replay the bins (default: the machine's hardware threads).
-  void setReplayThreads(unsigned threads) { replayThreads_ = threads < 1 ? 1 : threads; }
+  // Threads that replay the bins, 1 to kMaxReplayThreads (default: the machine's hardware
+  // threads). Primitives binned before the call are drawn first.
+  void setReplayThreads(unsigned threads);
 
   int width() const { return width_; }
   int height() const { return height_; }

@@ -1,6 +1,7 @@
 #include "render/sample_drawing.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <functional>
@@ -23,6 +24,23 @@ namespace {
 constexpr uint32_t kMinThreadedSamples = 100;
 
 float irradianceRadius(const IrradSample& s) { return 0.2f * std::sqrt(s.drawRadius2); }
+
+// 2^(e - 135) for every exponent byte: the colour decode without a call to ldexp per channel
+// (the product of a mantissa and an exact power of two rounds as ldexp does).
+const std::array<float, 256>& exponentScales() {
+  static const std::array<float, 256> scales = [] {
+    std::array<float, 256> t{};
+    for (int e = 0; e < 256; ++e) t[static_cast<size_t>(e)] = std::ldexp(1.0f, e - 135);
+    return t;
+  }();
+  return scales;
+}
+
+Color sampleColour(const IrradSample& s) {
+  const float scale = exponentScales()[s.exponent];
+  return {static_cast<float>(s.colour[0]) * scale, static_cast<float>(s.colour[1]) * scale,
+          static_cast<float>(s.colour[2]) * scale};
+}
 
 Vector diameterCorner(const Vector& lo, const Vector& hi, int corner) {
   return {(corner & 1) != 0 ? hi.x : lo.x, (corner & 2) != 0 ? hi.y : lo.y,
@@ -198,7 +216,7 @@ int DrawSamplesCb<b>::process(IrradSample& s) {
   if (!testSampleBit(pass->settings->deletedSamples, index)) {
     const float r = irradianceRadius(s);
     if (!pass->frustumTest || pass->insideFrustum(s.position, r)) {
-      pass->drawDisc(s.position, s.normal, r, s.decodedColour(), index, b);
+      pass->drawDisc(s.position, s.normal, r, sampleColour(s), index, b);
     }
   }
   return count < limit ? 1 : 0;

@@ -5,9 +5,23 @@
 // threads gives exactly the picture of one thread.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
+#if defined(__SSE__) || defined(_M_X64)
+#include <xmmintrin.h>
+#endif
 
 namespace LUtils::swr {
+
+// std::lrint without the library call: rounds to nearest, ties to even, under the default
+// rounding mode. The argument must fit in 32 bits.
+inline int32_t roundToInt(float x) {
+#if defined(__SSE__) || defined(_M_X64)
+  return _mm_cvtss_si32(_mm_set_ss(x));
+#else
+  return static_cast<int32_t>(std::lrint(x));
+#endif
+}
 
 constexpr int kSubpixelBits = 8;
 constexpr int kSubpixel = 1 << kSubpixelBits;
