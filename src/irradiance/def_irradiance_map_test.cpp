@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "io/test_files.h"
 #include "threads/progress_callback.h"
 
 namespace LUtils {
@@ -198,14 +199,16 @@ TEST(DefIrradianceMap, LockedModeAppendsFromSeveralThreads) {
   EXPECT_EQ(map.numSamples(), 80000);
 }
 
-TEST(DefIrradianceMap, LoadAndAddKeepsWhatIsThere) {
+using DefIrradianceMapFile = testing::TempDirTest;
+
+TEST_F(DefIrradianceMapFile, LoadAndAddKeepsWhatIsThere) {
   DefIrradianceMap map;
   map.appendSample(sampleAt(1, 2, 3));
   EXPECT_EQ(map.loadAndAddFromFile(nullptr, 0.0f, nullptr, 0), -1);
   EXPECT_EQ(map.loadAndAddFromFile("/nonexistent/map.lumap", 0.0f, nullptr, 0), -2);
   EXPECT_EQ(map.numSamples(), 1);
   // The source is read with the time offset, then appended after the existing sample.
-  const std::string path = std::string(CACHEVIEW_TEST_TMPDIR) + "/def_map_add.lumap";
+  const std::string path = this->path("add.lumap");
   DefIrradianceMap source;
   source.appendSample(sampleAt(4, 5, 6));
   ASSERT_EQ(source.saveToFile(path.c_str(), nullptr), 0);
@@ -214,17 +217,6 @@ TEST(DefIrradianceMap, LoadAndAddKeepsWhatIsThere) {
   EXPECT_EQ(map.samples()[1].position, Vector(4, 5, 6));
   EXPECT_EQ(map.samples()[1].time, 1.25f);
   EXPECT_EQ(map.formatVersion(), 0u);  // the target was never loaded itself
-}
-
-TEST(DefIrradianceMap, FactoryAndErrorTexts) {
-  IrradianceMap* map = newIrradianceMap();
-  ASSERT_NE(map, nullptr);
-  EXPECT_EQ(map->numSamples(), 0);
-  EXPECT_STREQ(map->errorText(0), "No error");
-  EXPECT_STREQ(map->errorText(-4), "File read error");
-  EXPECT_STREQ(map->errorText(7), "Unknown error");
-  deleteIrradianceMap(map);
-  deleteIrradianceMap(nullptr);
 }
 
 TEST(IrradianceMapHeader, RateScales) {
