@@ -1,7 +1,9 @@
 #include "render/rasterizer_sw.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <thread>
 
 namespace LUtils {
@@ -224,8 +226,26 @@ void RasterizerSW::submitPolygon(const Vector* points, unsigned count, uint32_t 
   }
 
   FixedVertex v[kMaxClipped];
+  int32_t minX = INT32_MAX, maxX = INT32_MIN, minY = INT32_MAX, maxY = INT32_MIN;
+  for (int i = 0; i < n; ++i) {
+    v[i] = toWindow(poly[i]);
+    minX = std::min(minX, v[i].x);
+    maxX = std::max(maxX, v[i].x);
+    minY = std::min(minY, v[i].y);
+    maxY = std::max(maxY, v[i].y);
+  }
+  // Pixels whose centres (k * 256 + 128) lie within the bounds. Most small discs of a dense map
+  // cover no pixel centre at all and end here.
+  constexpr int64_t half = swr::kSubpixel / 2;
+  Prim prim;
+  prim.kind = PrimKind::kPolygon;
+  prim.minX = static_cast<int32_t>(std::max<int64_t>(clipMinX_, -floorDiv(half - minX, swr::kSubpixel)));
+  prim.minY = static_cast<int32_t>(std::max<int64_t>(clipMinY_, -floorDiv(half - minY, swr::kSubpixel)));
+  prim.maxX = static_cast<int32_t>(std::min<int64_t>(clipMaxX_, floorDiv(maxX - half, swr::kSubpixel)));
+  prim.maxY = static_cast<int32_t>(std::min<int64_t>(clipMaxY_, floorDiv(maxY - half, swr::kSubpixel)));
+  if (fillMode_ != 0 && (prim.minX > prim.maxX || prim.minY > prim.maxY)) return;
+
   int64_t area2 = 0;
-  for (int i = 0; i < n; ++i) v[i] = toWindow(poly[i]);
   for (int i = 0; i < n; ++i) {
     const FixedVertex& a = v[i];
     const FixedVertex& b = v[i + 1 == n ? 0 : i + 1];
@@ -241,29 +261,13 @@ void RasterizerSW::submitPolygon(const Vector* points, unsigned count, uint32_t 
   }
   if (area2 < 0) std::reverse(v, v + n);
 
-  int32_t minX = v[0].x, maxX = v[0].x, minY = v[0].y, maxY = v[0].y;
-  for (int i = 1; i < n; ++i) {
-    minX = std::min(minX, v[i].x);
-    maxX = std::max(maxX, v[i].x);
-    minY = std::min(minY, v[i].y);
-    maxY = std::max(maxY, v[i].y);
-  }
-  // Pixels whose centres (k * 256 + 128) lie within the bounds.
-  constexpr int64_t half = swr::kSubpixel / 2;
-  Prim prim;
-  prim.kind = PrimKind::kPolygon;
-  prim.minX = static_cast<int32_t>(std::max<int64_t>(clipMinX_, -floorDiv(half - minX, swr::kSubpixel)));
-  prim.minY = static_cast<int32_t>(std::max<int64_t>(clipMinY_, -floorDiv(half - minY, swr::kSubpixel)));
-  prim.maxX = static_cast<int32_t>(std::min<int64_t>(clipMaxX_, floorDiv(maxX - half, swr::kSubpixel)));
-  prim.maxY = static_cast<int32_t>(std::min<int64_t>(clipMaxY_, floorDiv(maxY - half, swr::kSubpixel)));
-  if (prim.minX > prim.maxX || prim.minY > prim.maxY) return;
-
   // The depth plane through the largest triangle of the fan, relative to its first vertex.
-  double best = 0.0;
+  int64_t best = 0;
   int bi = 1;
   for (int i = 1; i + 1 < n; ++i) {
-    const double d = std::fabs(static_cast<double>(v[i].x - v[0].x) * (v[i + 1].y - v[0].y) -
-                               static_cast<double>(v[i + 1].x - v[0].x) * (v[i].y - v[0].y));
+    // Exact doubled areas of the fan's triangles.
+    const int64_t d = std::llabs((int64_t{v[i].x} - v[0].x) * (int64_t{v[i + 1].y} - v[0].y) -
+                                 (int64_t{v[i + 1].x} - v[0].x) * (int64_t{v[i].y} - v[0].y));
     if (d > best) {
       best = d;
       bi = i;
