@@ -239,17 +239,6 @@ TEST_F(LightMapFile, AFailedWriteKeepsTheOldFile) {
   EXPECT_EQ(readBytes(p), before);
 }
 
-TEST(LightMapSampleTest, ColourAndRadius) {
-  LightMapSample s{};
-  const float rgb[3] = {0.5f, 2.0f, -1.0f};
-  std::memcpy(s.valueA, rgb, sizeof rgb);
-  s.radiusSquared = 6.25f;
-  EXPECT_EQ(s.colour(), LUtils::Color(0.5f, 2.0f, -1.0f));
-  EXPECT_EQ(s.radius(), 2.5f);
-  s.radiusSquared = -1.0f;
-  EXPECT_EQ(s.radius(), 0.0f);
-}
-
 TEST(LightMapFilters, SampleFilterRejectsBackFacing) {
   LightMapSample s{};
   s.normal = {0.0f, 0.0f, 1.0f};

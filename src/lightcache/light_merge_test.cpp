@@ -1,6 +1,5 @@
 #include "lightcache/light_merge.h"
 
-#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -34,49 +33,39 @@ TEST(LightMerge, PlainAddsEverySampleInOrder) {
   EXPECT_FALSE(target.needsRebuild());
 }
 
-TEST(LightMerge, IncrementalWithItselfAddsNothing) {
-  LightMap target;
-  addPlaneSamples(target, 5000, 0.0f, 1.0f, 0.02f, 2);
-  LightMergeCounts counts;
-  // The target's tree is built by the merge itself, as after insertions.
-  EXPECT_EQ(mergeLightMaps(target, planeCache(5000, 0.0f, 1.0f, 0.02f, 2), 1, &counts), 0);
-  EXPECT_EQ(counts.added, 0u);
-  EXPECT_EQ(counts.skipped, 5000u);
-  EXPECT_EQ(target.sampleCount(), 5000u);
-}
+struct OverlapCase {
+  const char* what;
+  float sourceX0, sourceRadius;
+  uint32_t sourceSeed;
+  double added, tolerance;
+};
 
-TEST(LightMerge, IncrementalWithADisjointCacheAddsEverything) {
-  LightMap target;
-  addPlaneSamples(target, 5000, 0.0f, 1.0f, 0.02f, 3);
-  target.rebuildTree();
-  LightMergeCounts counts;
-  // Densely overlapping within itself, but nowhere near the target.
-  EXPECT_EQ(mergeLightMaps(target, planeCache(5000, 2.0f, 3.0f, 0.05f, 4), 1, &counts), 0);
-  EXPECT_EQ(counts.added, 5000u);
-  EXPECT_EQ(counts.skipped, 0u);
-  ASSERT_EQ(target.sampleCount(), 10000u);
-
-  // The rebuilt tree covers the added samples.
-  struct Any : LightMapStoreCb {
-    int n = 0;
-    int store(LightMapSample&) override { return ++n, 0; }
-  } any;
-  target.query(target.samples()[9999].position, nullptr, any);
-  EXPECT_EQ(any.n, 1);
-}
-
-TEST(LightMerge, IncrementalWithAHalfOverlappingCacheAddsTheUncoveredHalf) {
-  LightMap target;
-  addPlaneSamples(target, 20000, 0.0f, 1.0f, 0.02f, 5);
-  target.rebuildTree();
-  LightMergeCounts counts;
-  EXPECT_EQ(mergeLightMaps(target, planeCache(20000, 0.5f, 1.5f, 0.02f, 6), 1, &counts), 0);
-  std::printf("half-overlapping merge: %zu added, %zu skipped of 20000\n", counts.added,
-              counts.skipped);
-  EXPECT_EQ(counts.added + counts.skipped, 20000u);
-  // Source samples with x up to 1 lie in the target's area (plus a rim of one radius).
-  EXPECT_NEAR(double(counts.added), 10000.0, 500.0);
-  EXPECT_EQ(target.sampleCount(), 20000u + counts.added);
+// Against a target of 5000 samples over [0, 1] x [0, 1]: the same samples add nothing, a cache
+// that lies elsewhere (dense within itself) adds everything, one that covers half the target's
+// area adds about half (plus a rim of one radius).
+TEST(LightMerge, IncrementalAddsOnlyUncoveredSamples) {
+  const OverlapCase cases[] = {{"itself", 0.0f, 0.02f, 2, 0.0, 0.0},
+                               {"disjoint", 2.0f, 0.05f, 4, 5000.0, 0.0},
+                               {"half overlapping", 0.5f, 0.02f, 6, 2500.0, 250.0}};
+  for (const OverlapCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    LightMap target;
+    addPlaneSamples(target, 5000, 0.0f, 1.0f, 0.02f, 2);
+    LightMergeCounts counts;
+    // The target's tree is built by the merge itself, as after insertions.
+    LightMap* source = planeCache(5000, c.sourceX0, c.sourceX0 + 1.0f, c.sourceRadius, c.sourceSeed);
+    EXPECT_EQ(mergeLightMaps(target, source, 1, &counts), 0);
+    EXPECT_EQ(counts.added + counts.skipped, 5000u);
+    EXPECT_NEAR(double(counts.added), c.added, c.tolerance);
+    ASSERT_EQ(target.sampleCount(), 5000u + counts.added);
+    // The rebuilt tree covers the added samples.
+    struct Any : LightMapStoreCb {
+      int n = 0;
+      int store(LightMapSample&) override { return ++n, 0; }
+    } any;
+    target.query(target.samples()[target.sampleCount() - 1].position, nullptr, any);
+    EXPECT_EQ(any.n, 1);
+  }
 }
 
 TEST(LightMerge, CoverageNeedsTheSameIdAndFacing) {

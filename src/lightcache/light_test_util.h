@@ -3,49 +3,28 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "io/test_files.h"
 #include "lightcache/light_map.h"
 
 namespace lighttest {
 
-class ScratchDir : public ::testing::Test {
+class ScratchDir : public LUtils::testing::TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/cacheview-light-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
   static void writeWords(const std::string& p, const std::vector<uint32_t>& words,
                          size_t cutBytes = 0) {
     std::string bytes(reinterpret_cast<const char*>(words.data()), words.size() * 4);
     bytes.resize(bytes.size() - cutBytes);
     std::ofstream(p, std::ios::binary) << bytes;
   }
-  static std::string readBytes(const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  }
-  static bool exists(const std::string& p) {
-    FILE* f = std::fopen(p.c_str(), "rb");
-    if (f) std::fclose(f);
-    return f != nullptr;
-  }
-
-  std::string dir_;
+  static std::string readBytes(const std::string& p) { return LUtils::testing::readWholeFile(p); }
 };
 
 inline std::vector<uint32_t> words(const LightMapSample& s) {
