@@ -47,29 +47,14 @@ const char* const kAdding30 =
 class Batch : public CliTest {};
 
 TEST_F(Batch, UsageBanner) {
-  RunResult r = run({"-help"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, kBanner);
-
-  // With more than one argument -help is just an unknown option.
-  r = run({"-help", "extra"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, kBanner);
-
-  // Matching is exact: no other case, no "--" forms, and the banner's "-noDisplay" is unknown.
-  for (const char* unknown : {"-HELP", "--nodisplay", "-noDisplay", "-Load", "x.lumap"}) {
-    r = run({"-nodisplay", unknown});
-    EXPECT_EQ(r.status, 1) << unknown;
-    EXPECT_EQ(r.out, kBanner) << unknown;
+  // With more than one argument -help is just an unknown option. Matching is exact: no other
+  // case, no "--" forms, and the banner's "-noDisplay" is unknown. -load and -save need a name.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"-help"}, {"-help", "extra"}, {"-nodisplay", "-HELP"},
+        {"-nodisplay", "--nodisplay"}, {"-nodisplay", "-noDisplay"}, {"-nodisplay", "-Load"},
+        {"-nodisplay", "x.lumap"}, {"-nodisplay", "-load"}, {"-nodisplay", "-save"}}) {
+    expectRun(args, 1, kBanner);
   }
-
-  // -load and -save need a name after them.
-  r = run({"-nodisplay", "-load"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, kBanner);
-  r = run({"-nodisplay", "-save"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, kBanner);
 }
 
 TEST_F(Batch, MergeOfTwoMapsWithItsProgress) {
@@ -78,9 +63,8 @@ TEST_F(Batch, MergeOfTwoMapsWithItsProgress) {
   writeMap("a.lumap", a);
   writeMap("b.lumap", b);
 
-  RunResult r = run({"-load", "a.lumap", "-load", "b.lumap", "-save", "c.lumap", "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, std::string("Loaded irradiance map file \"a.lumap\"\n"
+  expectRun({"-load", "a.lumap", "-load", "b.lumap", "-save", "c.lumap", "-nodisplay"}, 0,
+            std::string("Loaded irradiance map file \"a.lumap\"\n"
                                "Loaded irradiance map file \"b.lumap\"\n") +
                        kAdding30 + "Saved irradiance map file \"c.lumap\"\n");
 
@@ -97,9 +81,7 @@ TEST_F(Batch, MergeOfTwoMapsWithItsProgress) {
 TEST_F(Batch, MergingAnEmptyMapPrintsNoProgress) {
   writeMap("a.lumap", samplesFrom(0, 3));
   writeMap("empty.lumap", {});
-  RunResult r = run({"-nodisplay", "-load", "a.lumap", "-load", "empty.lumap", "-save", "c.lumap"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-nodisplay", "-load", "a.lumap", "-load", "empty.lumap", "-save", "c.lumap"}, 0,
             "Loaded irradiance map file \"a.lumap\"\n"
             "Loaded irradiance map file \"empty.lumap\"\n"
             "Saved irradiance map file \"c.lumap\"\n");
@@ -109,10 +91,8 @@ TEST_F(Batch, MergingAnEmptyMapPrintsNoProgress) {
 TEST_F(Batch, EachSaveWritesTheStateReachedSoFar) {
   writeMap("a.lumap", samplesFrom(0, 4));
   writeMap("b.lumap", samplesFrom(10, 1));
-  RunResult r = run({"-load", "a.lumap", "-save", "s1.lumap", "-load", "b.lumap", "-save", "s2.lumap",
-               "-save", "s3.lumap", "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-load", "a.lumap", "-save", "s1.lumap", "-load", "b.lumap", "-save", "s2.lumap",
+               "-save", "s3.lumap", "-nodisplay"}, 0,
             "Loaded irradiance map file \"a.lumap\"\n"
             "Saved irradiance map file \"s1.lumap\"\n"
             "Loaded irradiance map file \"b.lumap\"\n"
@@ -126,9 +106,8 @@ TEST_F(Batch, EachSaveWritesTheStateReachedSoFar) {
 
 TEST_F(Batch, AnUnknownOptionAfterASaveKeepsTheSavedFile) {
   writeMap("a.lumap", samplesFrom(0, 2));
-  RunResult r = run({"-load", "a.lumap", "-save", "s.lumap", "-bogus", "-save", "never.lumap"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, std::string("Loaded irradiance map file \"a.lumap\"\n"
+  expectRun({"-load", "a.lumap", "-save", "s.lumap", "-bogus", "-save", "never.lumap"}, 1,
+            std::string("Loaded irradiance map file \"a.lumap\"\n"
                                "Saved irradiance map file \"s.lumap\"\n") +
                        kBanner);
   EXPECT_EQ(readMap("s.lumap").size(), 2u);
@@ -154,9 +133,7 @@ TEST_F(Batch, InfoForEveryKindOfMap) {
   settings.maxRate = 0;
   settings.calcPassInterpSamples = 10;
   writeMap("current.lumap", samplesFrom(0, 812), IrradFormat::kVersionCurrent, settings);
-  RunResult r = run({"-load", "current.lumap", "-info", "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-load", "current.lumap", "-info", "-nodisplay"}, 0,
             "Loaded irradiance map file \"current.lumap\"\n"
             "Irradiance map information:\n"
             "Sample size (bytes): 84\n"
@@ -179,9 +156,7 @@ TEST_F(Batch, InfoForEveryKindOfMap) {
   camera.cameraTarget = 3.0f;
   camera.containsRenderIds = 1;
   writeMap("camera.lumap", samplesFrom(0, 2), IrradFormat::kVersionCurrent, camera);
-  r = run({"-nodisplay", "-load", "camera.lumap", "-info"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-nodisplay", "-load", "camera.lumap", "-info"}, 0,
             "Loaded irradiance map file \"camera.lumap\"\n"
             "Irradiance map information:\n"
             "Sample size (bytes): 84\n"
@@ -205,16 +180,14 @@ TEST_F(Batch, InfoForEveryKindOfMap) {
 
   // Version 0xB0000 stores no camera block: its camera information is always none.
   writeMap("b.lumap", samplesFrom(0, 1), IrradFormat::kVersionHeader, camera);
-  r = run({"-nodisplay", "-load", "b.lumap", "-info"});
+  RunResult r = run({"-nodisplay", "-load", "b.lumap", "-info"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("Format version: 11 (0xB0000)\nTime dependent: yes\n"), std::string::npos);
   EXPECT_NE(r.out.find("Camera information: none\n"), std::string::npos);
 
   // An old map has no settings to show.
   writeMap("old.lumap", samplesFrom(0, 7), 0x50000);
-  r = run({"-nodisplay", "-info", "-load", "old.lumap", "-info"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-nodisplay", "-info", "-load", "old.lumap", "-info"}, 0,
             "No irradiance map to print info about\n"
             "Loaded irradiance map file \"old.lumap\"\n"
             "Irradiance map information:\n"
@@ -228,45 +201,28 @@ TEST_F(Batch, InfoForEveryKindOfMap) {
 }
 
 TEST_F(Batch, LoadAndSaveFailures) {
-  RunResult r = run({"-nodisplay", "-load", "missing.lumap", "-save", "never.lumap"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.out, "Error loading file \"missing.lumap\"\n");
-  EXPECT_FALSE(exists("never.lumap"));
-
+  expectRun({"-nodisplay", "-load", "missing.lumap", "-save", "never.lumap"}, 2,
+            "Error loading file \"missing.lumap\"\n");
   writeFile("garbage.dat", std::string(3, '\x7f'));
-  r = run({"-nodisplay", "-load", "garbage.dat"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.out, "Error loading file \"garbage.dat\"\n");
-
+  expectRun({"-nodisplay", "-load", "garbage.dat"}, 2, "Error loading file \"garbage.dat\"\n");
   // A .lulmap file is a light cache, whatever it holds.
   writeMap("map.lulmap", samplesFrom(0, 2));
-  r = run({"-nodisplay", "-load", "map.lulmap"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.out, "Error loading file \"map.lulmap\"\n");
-
-  // Saving with nothing in memory is a failed save; nothing is written.
-  r = run({"-nodisplay", "-save", "x.lumap"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error saving irradiance map file \"x.lumap\"\n");
-  EXPECT_FALSE(exists("x.lumap"));
-
+  expectRun({"-nodisplay", "-load", "map.lulmap"}, 2, "Error loading file \"map.lulmap\"\n");
+  // Saving with nothing in memory is a failed save.
+  expectRun({"-nodisplay", "-save", "x.lumap"}, 3, "Error saving irradiance map file \"x.lumap\"\n");
   // The first failure ends the run: later options are never reached.
   writeMap("a.lumap", samplesFrom(0, 2));
-  r = run({"-load", "a.lumap", "-save", "no/such/dir/x.lumap", "-save", "later.lumap"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out,
+  expectRun({"-load", "a.lumap", "-save", "no/such/dir/x.lumap", "-save", "later.lumap"}, 3,
             "Loaded irradiance map file \"a.lumap\"\n"
             "Error saving irradiance map file \"no/such/dir/x.lumap\"\n");
-  EXPECT_FALSE(exists("later.lumap"));
+  EXPECT_EQ(listing(), (std::set<std::string>{"a.lumap", "garbage.dat", "map.lulmap"}));
 }
 
 TEST_F(Batch, LightCaches) {
   writeLightCache("a.lulmap", 3);
   writeLightCache("b.lulmap", 2, 100.0f);
-  RunResult r = run({"-load", "a.lulmap", "-load", "b.lulmap", "-info", "-save", "c.lulmap",
-               "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-load", "a.lulmap", "-load", "b.lulmap", "-info", "-save", "c.lulmap",
+               "-nodisplay"}, 0,
             "Loaded light cache file \"a.lulmap\"\n"
             "Loaded light cache file \"b.lulmap\"\n"
             "No irradiance map to print info about\n"
@@ -277,7 +233,7 @@ TEST_F(Batch, LightCaches) {
   // both kinds in memory, -save writes the light cache and -info reports the irradiance map.
   writeLightCache("light.dat", 4);
   writeMap("m.lumap", samplesFrom(0, 6));
-  r = run({"-nodisplay", "-load", "light.dat", "-load", "m.lumap", "-save", "both.out", "-info"});
+  const RunResult r = run({"-nodisplay", "-load", "light.dat", "-load", "m.lumap", "-save", "both.out", "-info"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.substr(0, r.out.find("Sample size")),
             "Loaded light cache file \"light.dat\"\n"
@@ -286,32 +242,15 @@ TEST_F(Batch, LightCaches) {
             "Irradiance map information:\n");
   EXPECT_EQ(lightCacheSamples("both.out"), 4u);
 
-  r = run({"-nodisplay", "-load", "a.lulmap", "-save", "no/such/dir/c.lulmap"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out,
+  expectRun({"-nodisplay", "-load", "a.lulmap", "-save", "no/such/dir/c.lulmap"}, 3,
             "Loaded light cache file \"a.lulmap\"\n"
             "Error saving light cache file \"no/such/dir/c.lulmap\"\n");
 }
 
-TEST_F(Batch, IncrementalFlag) {
+TEST_F(Batch, IncrementalFlagAffectsOnlyTheLoadsAfterIt) {
   writeMap("a.lumap", samplesFrom(0, 2));
   writeMap("old.lumap", samplesFrom(50, 1), 0xA0000);
-
-  // An old source is added plainly, after the warning.
-  RunResult r = run({"-incremental", "-load", "a.lumap", "-load", "old.lumap", "-save", "c.lumap",
-               "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
-            "Loaded irradiance map file \"a.lumap\"\n"
-            "Loaded irradiance map file \"old.lumap\"\n"
-            "Warning: This irradiance map does not support incremental add, will add all "
-            "samples\n"
-            "Adding samples...\rAdding samples...100.00\rAdding samples...done      \n"
-            "Saved irradiance map file \"c.lumap\"\n");
-  EXPECT_EQ(readMap("c.lumap").size(), 3u);
-
-  // The flag affects only the loads after it.
-  r = run({"-load", "a.lumap", "-load", "old.lumap", "-incremental", "-save", "d.lumap",
+  RunResult r = run({"-load", "a.lumap", "-load", "old.lumap", "-incremental", "-save", "d.lumap",
            "-nodisplay"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.find("Warning"), std::string::npos);
@@ -319,17 +258,11 @@ TEST_F(Batch, IncrementalFlag) {
 }
 
 TEST_F(Batch, UpAxisTakesItsValue) {
-  // The value is consumed whatever it is, so "-bogus" here is not an unknown option.
-  RunResult r = run({"-nodisplay", "-up_axis", "-bogus"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "");
-  r = run({"-up_axis", "y", "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "");
-  // A missing value counts as "not y".
-  r = run({"-nodisplay", "-up_axis"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "");
+  // The value is consumed whatever it is, so "-bogus" here is not an unknown option; a missing
+  // value counts as "not y".
+  expectRun({"-nodisplay", "-up_axis", "-bogus"}, 0, "");
+  expectRun({"-up_axis", "y", "-nodisplay"}, 0, "");
+  expectRun({"-nodisplay", "-up_axis"}, 0, "");
 }
 
 TEST_F(Batch, ViewerRunsSayThatTheViewerIsMissing) {

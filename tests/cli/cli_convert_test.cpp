@@ -10,23 +10,20 @@ TEST_F(Convert, BothModesWriteCrLfLinesWithSignedColourBytes) {
   writeMap("a.lumap", {makeSample({1.0f, 2.5f, -3.0f}, 255, 128, 0),
                        makeSample({-0.00004f, 1.03125f, 123456.789f}, 127, 1, 200)});
 
-  RunResult r = run({"-convert", "a.lumap", "a.pts"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "Conversion completed successfully.\n");
+  expectRun({"-convert", "a.lumap", "a.pts"}, 0,
+            "Conversion completed successfully.\n");
   EXPECT_EQ(readFile(path("a.pts")),
             "v 1.0000 2.5000 -3.0000\r\n"
             "v -0.0000 1.0312 123456.7891\r\n");
 
-  r = run({"-convert", "a.lumap", "rgb.pts", "-rgb", "ignored", "too"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "Conversion completed successfully.\n");
+  expectRun({"-convert", "a.lumap", "rgb.pts", "-rgb", "ignored", "too"}, 0,
+            "Conversion completed successfully.\n");
   EXPECT_EQ(readFile(path("rgb.pts")),
             "v 1.0000 2.5000 -3.0000 -1 -128 0\r\n"
             "v -0.0000 1.0312 123456.7891 127 1 -56\r\n");
 
   // An unrecognised option in the -rgb position means positions only.
-  r = run({"-convert", "a.lumap", "plain.pts", "-RGB"});
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(run({"-convert", "a.lumap", "plain.pts", "-RGB"}).status, 0);
   EXPECT_EQ(readFile(path("plain.pts")), readFile(path("a.pts")));
 }
 
@@ -37,9 +34,8 @@ TEST_F(Convert, OldVersionsEmptyMapsAndTruncation) {
 
   writeMap("empty.lumap", {});
   writeFile("target.pts", std::string(1000, 'x'));
-  RunResult r = run({"-convert", "empty.lumap", "target.pts"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "Conversion completed successfully.\n");
+  expectRun({"-convert", "empty.lumap", "target.pts"}, 0,
+            "Conversion completed successfully.\n");
   EXPECT_TRUE(exists("target.pts"));
   EXPECT_EQ(readFile(path("target.pts")), "");
 }
@@ -68,36 +64,29 @@ TEST_F(Convert, LargeMapMatchesPrintf) {
 TEST_F(Convert, Errors) {
   writeMap("a.lumap", samplesFrom(0, 2));
 
-  RunResult r = run({"-convert", "a.lumap"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error converting irradiance map file: missing parameter(s)\n");
+  expectRun({"-convert", "a.lumap"}, 3,
+            "Error converting irradiance map file: missing parameter(s)\n");
 
   // The message names the argument in the -rgb position, not the target.
-  r = run({"-convert", "a.lumap", "b.PTS"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error unsupported conversion format \"(null)\"\n");
-  r = run({"-convert", "a.lumap", "b.pts.txt", "-rgb"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error unsupported conversion format \"-rgb\"\n");
-  r = run({"-convert", "a.lumap", "pts", "x"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error unsupported conversion format \"x\"\n");
+  expectRun({"-convert", "a.lumap", "b.PTS"}, 3,
+            "Error unsupported conversion format \"(null)\"\n");
+  expectRun({"-convert", "a.lumap", "b.pts.txt", "-rgb"}, 3,
+            "Error unsupported conversion format \"-rgb\"\n");
+  expectRun({"-convert", "a.lumap", "pts", "x"}, 3,
+            "Error unsupported conversion format \"x\"\n");
   EXPECT_EQ(run({"-convert", "a.lumap", "b.xpts"}).status, 3);
   EXPECT_EQ(run({"-convert", "a.lumap", ".pts"}).status, 0);  // a hidden file is a PTS name
 
-  r = run({"-convert", "missing.lumap", "m.pts"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error opening file \"missing.lumap\"\n");
+  expectRun({"-convert", "missing.lumap", "m.pts"}, 3,
+            "Error opening file \"missing.lumap\"\n");
   EXPECT_FALSE(exists("m.pts"));
 
   writeFile("garbage.lumap", "not a map at all");
-  r = run({"-convert", "garbage.lumap", "g.pts"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error opening file \"garbage.lumap\"\n");
+  expectRun({"-convert", "garbage.lumap", "g.pts"}, 3,
+            "Error opening file \"garbage.lumap\"\n");
 
-  r = run({"-convert", "a.lumap", "no/such/dir/a.pts"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.out, "Error creating file \"no/such/dir/a.pts\"\n");
+  expectRun({"-convert", "a.lumap", "no/such/dir/a.pts"}, 3,
+            "Error creating file \"no/such/dir/a.pts\"\n");
 }
 
 }  // namespace

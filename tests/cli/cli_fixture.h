@@ -73,6 +73,15 @@ class CliTest : public ::testing::Test {
     return result;
   }
 
+  // Runs cacheview and checks its exit status and standard output.
+  void expectRun(const std::vector<std::string>& args, int status, const std::string& out) {
+    std::string line;
+    for (const auto& a : args) line += a + " ";
+    const RunResult r = run(args);
+    EXPECT_EQ(r.status, status) << line;
+    EXPECT_EQ(r.out, out) << line;
+  }
+
   static std::string readFile(const std::string& p) {
     std::ifstream in(p, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};

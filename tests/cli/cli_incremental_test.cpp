@@ -36,10 +36,8 @@ TEST_F(Incremental, KeepsOnlySamplesOutsideTheTargetsRegions) {
                                       planeSample(4.2f, 0.1f, 6), planeSample(10, 0, 7)};
   writeMap("a.lumap", a);
   writeMap("b.lumap", b);
-  const RunResult r = run({"-incremental", "-load", "a.lumap", "-load", "b.lumap", "-save",
-                           "c.lumap", "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-incremental", "-load", "a.lumap", "-load", "b.lumap", "-save",
+                           "c.lumap", "-nodisplay"}, 0,
             "Loaded irradiance map file \"a.lumap\"\n"
             "Loaded irradiance map file \"b.lumap\"\n"
             "Incrementally adding samples...\rIncrementally adding samples...25.00"
@@ -73,10 +71,8 @@ TEST_F(Incremental, OldSourceIsAddedWhole) {
   writeMap("a.lumap", a);
   writeMap("old.lumap", old, IrradFormat::kVersionHeaderC);
   writeMap("new.lumap", old);
-  const RunResult r = run({"-incremental", "-load", "a.lumap", "-load", "old.lumap", "-load",
-                           "new.lumap", "-save", "c.lumap", "-nodisplay"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
+  expectRun({"-incremental", "-load", "a.lumap", "-load", "old.lumap", "-load",
+                           "new.lumap", "-save", "c.lumap", "-nodisplay"}, 0,
             "Loaded irradiance map file \"a.lumap\"\n"
             "Loaded irradiance map file \"old.lumap\"\n"
             "Warning: This irradiance map does not support incremental add, will add all "
