@@ -61,8 +61,4 @@ TEST(MapReport, NoVersionAndNoMap) {
   EXPECT_EQ(irradianceMapReport(nullptr), "");
 }
 
-TEST(MapReport, LightCacheText) {
-  EXPECT_EQ(lightCacheReport(42), "Number of samples: 42\nSample size (bytes): 120");
-}
-
 }  // namespace
