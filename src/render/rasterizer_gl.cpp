@@ -30,6 +30,17 @@ bool RasterizerGL::softwareRenderer() const {
   return hasOffscreenContext() && bitmap_->softwareRenderer();
 }
 
+void RasterizerGL::lighting(bool on) {
+  const Lighting wanted = on ? kLightingOn : kLightingOff;
+  if (lighting_ == wanted) return;
+  if (on) {
+    glEnable(GL_LIGHTING);
+  } else {
+    glDisable(GL_LIGHTING);
+  }
+  lighting_ = wanted;
+}
+
 void RasterizerGL::setFillMode(int filled) {
   if (filled == fillMode_) return;
   fillMode_ = filled;
@@ -56,6 +67,7 @@ void RasterizerGL::setClearColor(const Color& color) {
 }
 
 void RasterizerGL::resize(int width, int height) {
+  lighting_ = kLightingUnknown;
   if (windowMode_ != 0) {
     setViewportSize(width, height);
     farDistance_ = 1000.0f;
@@ -115,6 +127,7 @@ void RasterizerGL::beginFrame() {
   glEnable(GL_DEPTH_TEST);
 
   glEnable(GL_LIGHTING);
+  lighting_ = kLightingOn;
   glLightModeli(GL_LIGHT_MODEL_LOCAL_VIEWER, 1);
   glLightModeli(GL_LIGHT_MODEL_TWO_SIDE, 1);
   const GLfloat ambient[4] = {0.2f, 0.2f, 0.2f, 1.0f};
@@ -261,15 +274,24 @@ int RasterizerGL::endSelection(SelectionCb& callback) {
 
 void RasterizerGL::loadName(uint32_t name) { glLoadName(name); }
 
+// A list must set the lighting itself: it is called in frames whose state the compile did not
+// see. Compiling does not change the context's state, and calling a list may.
 uint32_t RasterizerGL::beginList() {
   const GLuint list = glGenLists(1);
   if (list != 0) glNewList(list, GL_COMPILE);
+  lighting_ = kLightingUnknown;
   return list;
 }
 
-void RasterizerGL::endList() { glEndList(); }
+void RasterizerGL::endList() {
+  glEndList();
+  lighting_ = kLightingUnknown;
+}
 
-void RasterizerGL::callList(uint32_t list) { glCallList(list); }
+void RasterizerGL::callList(uint32_t list) {
+  glCallList(list);
+  lighting_ = kLightingUnknown;
+}
 
 void RasterizerGL::deleteList(uint32_t list) {
   if (list != 0) glDeleteLists(list, 1);
@@ -287,7 +309,7 @@ void RasterizerGL::setLineOffset(bool on) {
 }
 
 void RasterizerGL::drawLine(const Vector& a, const Vector& b, const Color& color) {
-  glDisable(GL_LIGHTING);
+  lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_LINES);
   vertex(a);
@@ -297,7 +319,7 @@ void RasterizerGL::drawLine(const Vector& a, const Vector& b, const Color& color
 
 void RasterizerGL::drawLitLine(const Vector& a, const Vector& b, const Vector& na,
                                const Vector& nb, const Color& color) {
-  glEnable(GL_LIGHTING);
+  lighting(true);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_LINES);
   glNormal3f(na.x, na.y, na.z);
@@ -310,7 +332,7 @@ void RasterizerGL::drawLitLine(const Vector& a, const Vector& b, const Vector& n
 void RasterizerGL::drawLitTriangle(const Vector& a, const Vector& b, const Vector& c,
                                    const Vector& na, const Vector& nb, const Vector& nc,
                                    const Color& color) {
-  glEnable(GL_LIGHTING);
+  lighting(true);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_TRIANGLES);
   glNormal3f(na.x, na.y, na.z);
@@ -324,7 +346,7 @@ void RasterizerGL::drawLitTriangle(const Vector& a, const Vector& b, const Vecto
 
 void RasterizerGL::drawTriangle(const Vector& a, const Vector& b, const Vector& c,
                                 const Color& color) {
-  glDisable(GL_LIGHTING);
+  lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_TRIANGLES);
   vertex(a);
@@ -335,7 +357,7 @@ void RasterizerGL::drawTriangle(const Vector& a, const Vector& b, const Vector& 
 
 void RasterizerGL::drawPolygon(const Vector* points, unsigned count, const Color& color) {
   if (count < 3) return;
-  glDisable(GL_LIGHTING);
+  lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_TRIANGLE_FAN);
   for (unsigned i = 0; i < count; ++i) vertex(points[i]);
@@ -349,7 +371,7 @@ void RasterizerGL::drawPolygonRGBA(const Vector* points, unsigned count, uint32_
   bytes[1] = static_cast<GLubyte>((rgba >> 8) & 0xFFu);
   bytes[2] = static_cast<GLubyte>((rgba >> 16) & 0xFFu);
   bytes[3] = static_cast<GLubyte>(rgba >> 24);
-  glDisable(GL_LIGHTING);
+  lighting(false);
   glColor4ubv(bytes);
   glBegin(count == 4 ? GL_QUADS : GL_TRIANGLE_FAN);
   for (unsigned i = 0; i < count; ++i) vertex(points[i]);
@@ -361,7 +383,7 @@ void RasterizerGL::drawQuadOrPolygon(const Vector* points, unsigned count, const
     drawPolygon(points, count, color);
     return;
   }
-  glDisable(GL_LIGHTING);
+  lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_QUADS);
   for (unsigned i = 0; i < 4; ++i) vertex(points[i]);

@@ -50,7 +50,14 @@ class RasterizerGL final : public Rasterizer3D {
   void drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) override;
 
   // Draw into the context current on the calling thread (the canvas's).
-  void useWindowContext() { windowMode_ = 1; }
+  void useWindowContext() {
+    windowMode_ = 1;
+    lighting_ = kLightingUnknown;
+  }
+  // The rasterizer remembers whether lighting is on between beginFrame and the primitives, so
+  // that a million unlit discs do not switch it off a million times. Code that changes
+  // GL_LIGHTING itself in between calls this afterwards.
+  void forgetLightingState() { lighting_ = kLightingUnknown; }
   bool windowMode() const { return windowMode_ != 0; }
   // Stores the size; in window mode also sets the GL viewport.
   void setViewportSize(int width, int height);
@@ -84,6 +91,9 @@ class RasterizerGL final : public Rasterizer3D {
   const uint32_t* selectBuffer() const { return selectBuffer_.get(); }
 
  private:
+  enum Lighting : uint8_t { kLightingUnknown, kLightingOn, kLightingOff };
+  // Switches GL_LIGHTING unless it is known to be as wanted already.
+  void lighting(bool on);
   void applyProjection(int width, int height) const;
   void applyLookAt() const;
 
@@ -91,6 +101,7 @@ class RasterizerGL final : public Rasterizer3D {
   std::unique_ptr<OffscreenGLContext> bitmap_;
   std::string offscreenError_;
   int fillMode_ = 255;
+  Lighting lighting_ = kLightingUnknown;
   bool cullBackFaces_ = false;
   // Selection state.
   bool singlePoint_ = false;
