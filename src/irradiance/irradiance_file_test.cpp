@@ -416,41 +416,6 @@ TEST(IrradianceFileSave, WriteFailingHalfWayLeavesTheTargetAlone) {
   EXPECT_EQ(directoryEntries(dir), std::vector<std::string>{"map.lumap"});
 }
 
-// Accepts the first `limit` bytes, then fails every write.
-class FailingStream : public PStream {
- public:
-  explicit FailingStream(uint32_t limit) : left_(limit) {}
-  int open() override { return 0; }
-  int close() override { return 0; }
-  int flush() override { return 0; }
-  int write(const void*, uint32_t count, uint32_t* written) override {
-    *written = std::min(count, left_);
-    left_ -= *written;
-    return *written == count ? 0 : 28;
-  }
-  int read(void*, uint32_t, uint32_t* got) override { *got = 0; return -1; }
-  int seek(uint64_t) override { return 0; }
-  int seekRelative(int64_t) override { return 0; }
-  int seekFromEnd(int64_t) override { return 0; }
-  int64_t size() override { return 0; }
-  int truncate() override { return 0; }
-  int64_t tell() override { return 0; }
-  bool eof() override { return false; }
-  int isOpen() override { return 1; }
-
- private:
-  uint32_t left_;
-};
-
-TEST(IrradianceFileSave, StreamFailingHalfWay) {
-  DefIrradianceMap map;
-  fill(map, 10000);
-  for (const uint32_t limit : {0u, 4u, 100u, 12u + 160u + 84u * 5000u}) {
-    FailingStream out(limit);
-    EXPECT_EQ(map.saveToFile(out, nullptr), -5) << limit;
-  }
-}
-
 // Keeps the samples whose flag word is odd.
 class OddFlags : public LUtils::IrradianceMap::SaveCb {
  public:
