@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -220,32 +219,6 @@ TEST(ThreadManager, ShowsTheSummedProgressAndPumpsMessagesWhileWaiting) {
   EXPECT_EQ(manager.run(3, &task, &sink, true), 0);
   EXPECT_EQ(sink.shown.load(), 133);
   EXPECT_GE(sink.pumps.load(), 2);  // while waiting, and once more at the end
-}
-
-TEST(ThreadManager, WorkerNameStackSizeAndLowPriority) {
-  DefThreadManager manager;
-  constexpr uint32_t kStack = 8u << 20;
-  manager.setStackSize(kStack);
-  manager.setLowPriority(true);
-  const int mainNice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
-  std::string name;
-  size_t stack = 0;
-  int nice = -100;
-  Task probe(manager, [&](auto*, auto*, int32_t, int32_t) {
-    char buffer[32] = {};
-    pthread_getname_np(pthread_self(), buffer, sizeof buffer);
-    name = buffer;
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
-      pthread_attr_getstacksize(&attr, &stack);
-      pthread_attr_destroy(&attr);
-    }
-    nice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
-  }, "draw_thread");
-  manager.run(1, &probe, nullptr, false);
-  EXPECT_EQ(name, "draw_thread");
-  EXPECT_GE(stack, size_t{kStack});
-  EXPECT_EQ(nice, std::min(mainNice + 5, 19));
 }
 
 // An asynchronous object that blocks until the test lets it go.
