@@ -165,18 +165,6 @@ TEST(LightMapTree, SamplesThatContainNothingAreLeftOut) {
   EXPECT_EQ(treeHits(map, {inf, 0.0f, 0.0f}, nullptr), std::vector<LightMapSample*>{});
 }
 
-TEST(LightMapTree, StoreCanStopTheQuery) {
-  LightMap map;
-  fill(map, 100, Layout::kSamePoint, 9);
-  map.rebuildTree();
-  struct StopAfterTwo : LightMapStoreCb {
-    int calls = 0;
-    int store(LightMapSample&) override { return ++calls < 2; }
-  } stop;
-  EXPECT_EQ(map.query({0.5f, 0.5f, 0.5f}, nullptr, stop), 2u);
-  EXPECT_EQ(stop.calls, 2);
-}
-
 TEST(LightMapTree, InsertedSamplesWaitForTheRebuild) {
   LightMap map;
   fill(map, 10, Layout::kUniform, 11);
