@@ -332,6 +332,21 @@ TEST(SampleDrawing, DisplayListsCompileOnceAndAreDropped) {
   int w, h;
   gl.readPixels(pixels, w, h);
   EXPECT_NE(pixels[32 * 64 + 32] & 0xFFFFFFu, 0x404040u);  // the disc, replayed from the list
+
+  // The picking list is compiled straight after a frame that left lighting off, and called in
+  // frames that begin with it on: it must switch lighting off itself, or the index colours are
+  // lit.
+  invalidateDisplayLists(&gl, settings);
+  settings.useDisplayLists = false;
+  drawFrame(gl, {&map, nullptr}, nullptr, settings);
+  settings.useDisplayLists = true;
+  drawPickingPass(gl, {&map, nullptr}, nullptr, settings);
+  EXPECT_NE(settings.pickingList, 0u);
+  gl.setClearColor({1, 1, 1});
+  gl.beginFrame();
+  drawPickingPass(gl, {&map, nullptr}, nullptr, settings);
+  gl.readPixels(pixels, w, h);
+  EXPECT_EQ(pixels[32 * 64 + 32] & 0xFFFFFFu, 0u);  // index 0, unlit
   invalidateDisplayLists(&gl, settings);
   EXPECT_EQ(settings.sampleList, 0u);
   settings.adaptiveQuality = true;  // no list in adaptive quality
