@@ -116,18 +116,14 @@ TEST(DefIrradianceMap, QueryFindsSamplesWhoseRegionHoldsThePoint) {
   map.appendSample(sampleAt(0, 0, 0, 1.0f));   // reaches 1 (strictly less)
   map.appendSample(sampleAt(3, 0, 0, 4.0f));   // reaches 2
   map.appendSample(sampleAt(10, 0, 0, 0.0f));  // reaches nothing
-  Collect at1;
-  map.querySamples({1, 0, 0}, at1);
-  EXPECT_TRUE(at1.found.empty());  // on both boundaries: 1 is not below 1, 4 not below 4
-  Collect between;
-  map.querySamples({1.5f, 0, 0}, between);
-  EXPECT_EQ(between.found, (std::vector<float>{3}));
-  Collect origin;
-  map.querySamples({0.5f, 0, 0}, origin);
-  EXPECT_EQ(origin.found, (std::vector<float>{0}));
-  Collect far;
-  map.querySamples({10, 0, 0}, far);
-  EXPECT_TRUE(far.found.empty());
+  // At x = 1 both boundaries hold: 1 is not below 1, 4 not below 4.
+  const std::pair<float, std::vector<float>> cases[] = {
+      {1.0f, {}}, {1.5f, {3}}, {0.5f, {0}}, {10.0f, {}}};
+  for (const auto& [x, expected] : cases) {
+    Collect found;
+    map.querySamples({x, 0, 0}, found);
+    EXPECT_EQ(found.found, expected) << x;
+  }
 }
 
 TEST(DefIrradianceMap, PrepareClampsOrIndexesRenderIds) {
