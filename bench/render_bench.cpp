@@ -11,12 +11,12 @@
 #include <memory>
 #include <string>
 
-#include "irradiance/def_irradiance_map.h"
 #include "render/camera.h"
+#include "render/disc_basis.h"
 #include "render/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 #include "render/sample_drawing.h"
-#include "synth/generator.h"
+#include "render/synth_room.h"
 
 namespace {
 
@@ -25,26 +25,12 @@ using namespace LUtils;
 constexpr int kWidth = 800;
 constexpr int kHeight = 600;
 
-struct Scene {
-  DefIrradianceMap map;
-  PinholeCamera camera;
-  float farDistance = 1000.0f;
+struct Scene : SynthRoom {
   DefThreadManager threads;
   DrawSettings settings;
 
-  Scene() {
-    synth::Params params;
-    params.count = 1000000;
-    std::vector<IrradSample> samples;
-    synth::generate(params, samples);
-    for (const IrradSample& s : samples) map.appendSample(s);
-    map.setHeader(synth::makeHeader(params));
-    Vector lo, hi;
-    sceneBounds({&map, nullptr}, lo, hi);
-    setCameraFromStoredView(camera, storedViewOf(*map.header()), kWidth, kHeight,
-                            (lo + hi) * 0.5f);
-    farDistance = 4.0f * length(hi - lo);
-    automaticBrightness({&map, nullptr}, settings);
+  Scene() : SynthRoom(1000000, kWidth, kHeight) {
+    automaticBrightness(drawn(), settings);
     settings.segmentsPerDisc = 8;
   }
 };
@@ -76,11 +62,8 @@ class BareDiscs final : public EnumIrradianceSamplesCallback {
     }
   }
   int process(IrradSample& s) override {
-    const Vector& n = s.normal;
-    const Vector u = n.x * n.x + n.z * n.z <= n.x * n.x + n.y * n.y
-                         ? Vector{n.y, -n.x, 0} * rsqrtNewton(n.x * n.x + n.y * n.y)
-                         : Vector{-n.z, 0, n.x} * rsqrtNewton(n.x * n.x + n.z * n.z);
-    const Vector v = cross(n, u);
+    Vector u, v;
+    discBasis(s.normal, u, v);
     const float r = 0.2f * std::sqrt(s.drawRadius2);
     const Color c = s.decodedColour() * brightness_;
     glColor3f(c.r, c.g, c.b);

@@ -4,6 +4,7 @@
 #include <random>
 
 #include "render/camera.h"
+#include "render/disc_basis.h"
 #include "render/rasterizer.h"
 
 namespace LUtils {
@@ -97,11 +98,8 @@ void drawDiscs(Rasterizer3D& rasterizer, const Disc* discs, size_t count, int si
   Vector vertices[32];
   for (size_t d = 0; d < count; ++d) {
     const Disc& disc = discs[d];
-    const Vector& n = disc.normal;
-    Vector u = n.x * n.x + n.z * n.z <= n.x * n.x + n.y * n.y
-                   ? Vector{n.y, -n.x, 0} * rsqrtNewton(n.x * n.x + n.y * n.y)
-                   : Vector{-n.z, 0, n.x} * rsqrtNewton(n.x * n.x + n.z * n.z);
-    const Vector v = cross(n, u);
+    Vector u, v;
+    discBasis(disc.normal, u, v);
     for (int i = 0; i < sides; ++i) {
       vertices[i] = disc.position + u * (disc.radius * cosines[i]) + v * (disc.radius * sines[i]);
     }

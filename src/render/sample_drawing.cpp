@@ -10,6 +10,7 @@
 
 #include "lightcache/light_map.h"
 #include "render/camera.h"
+#include "render/disc_basis.h"
 #include "render/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 #include "render/view_projection.h"
@@ -45,16 +46,6 @@ Color sampleColour(const IrradSample& s) {
 Vector diameterCorner(const Vector& lo, const Vector& hi, int corner) {
   return {(corner & 1) != 0 ? hi.x : lo.x, (corner & 2) != 0 ? hi.y : lo.y,
           (corner & 4) != 0 ? hi.z : lo.z};
-}
-
-// Disc basis: u perpendicular to the normal in the plane of its two largest components.
-void discBasis(const Vector& n, Vector& u, Vector& v) {
-  if (n.x * n.x + n.z * n.z <= n.x * n.x + n.y * n.y) {
-    u = Vector{n.y, -n.x, 0.0f} * rsqrtNewton(n.x * n.x + n.y * n.y);
-  } else {
-    u = Vector{-n.z, 0.0f, n.x} * rsqrtNewton(n.x * n.x + n.z * n.z);
-  }
-  v = cross(n, u);
 }
 
 // The wire box around a selected sample's disc: six four-cornered faces.

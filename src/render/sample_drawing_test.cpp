@@ -14,7 +14,7 @@
 #include "render/camera.h"
 #include "render/rasterizer_sw.h"
 #include "render/render_test_support.h"
-#include "synth/generator.h"
+#include "render/synth_room.h"
 
 namespace LUtils {
 namespace {
@@ -218,27 +218,6 @@ TEST_F(DrawingTest, AutomaticBrightnessFromTheAverageIntensity) {
   automaticBrightness({&empty, nullptr}, settings);
   EXPECT_TRUE(std::isinf(settings.brightness));
 }
-
-// A synthesised room with the view it was made from.
-struct SynthRoom {
-  DefIrradianceMap map;
-  PinholeCamera camera;
-  float farDistance = 0.0f;
-
-  SynthRoom(uint32_t count, int width, int height) {
-    synth::Params params;
-    params.count = count;
-    std::vector<IrradSample> samples;
-    synth::generate(params, samples);
-    for (const IrradSample& s : samples) map.appendSample(s);
-    map.setHeader(synth::makeHeader(params));
-    Vector lo, hi;
-    sceneBounds({&map, nullptr}, lo, hi);
-    setCameraFromStoredView(camera, storedViewOf(*map.header()), static_cast<float>(width),
-                            static_cast<float>(height), (lo + hi) * 0.5f);
-    farDistance = 4.0f * length(hi - lo);
-  }
-};
 
 std::vector<uint32_t> swFrame(RasterizerSW& sw, SynthRoom& room, ThreadManager& threads,
                               DrawSettings& settings) {

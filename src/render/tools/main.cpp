@@ -96,23 +96,15 @@ bool parseCount(const char* text, long lo, long hi, long& out) {
   return true;
 }
 
+bool finite(const Vector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
 bool parseVector(const char* text, Vector& out) {
   if (text == nullptr) return false;
-  float v[3];
-  const char* p = text;
-  for (int i = 0; i < 3; ++i) {
-    char* end = nullptr;
-    v[i] = std::strtof(p, &end);
-    if (end == p || !std::isfinite(v[i])) return false;
-    if (i < 2) {
-      if (*end != ',') return false;
-      p = end + 1;
-    } else if (*end != '\0') {
-      return false;
-    }
-  }
-  out = {v[0], v[1], v[2]};
-  return true;
+  float x = 0.0f, y = 0.0f, z = 0.0f;
+  char tail = 0;
+  if (std::sscanf(text, "%f,%f,%f%c", &x, &y, &z, &tail) != 3) return false;
+  out = {x, y, z};
+  return finite(out);
 }
 
 bool parseSize(const char* text, int& width, int& height) {
@@ -189,8 +181,6 @@ bool loadMap(const std::string& name, LoadedMap& map, std::string& error) {
   }
   return false;
 }
-
-bool finite(const Vector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
 
 // A stored view is used only when it can make a picture: a finite position, an orthogonal frame
 // of unit axes and a field of view between 0 and 180 degrees.
