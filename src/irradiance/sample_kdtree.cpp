@@ -96,20 +96,154 @@ void SampleKdTree::addTree(std::vector<Entry>&& entries) {
 
 void SampleKdTree::buildTree(Tree& tree) {
   const size_t n = tree.entries.size();
+  std::vector<BinaryNode> binary;
+  binary.reserve(n / (kLeafSize / 2) + 1);
+  const Child root = buildChild(tree.entries, binary, 0, static_cast<uint32_t>(n), 0);
   tree.nodes.clear();
-  tree.nodes.reserve(n / (kLeafSize / 2) + 1);
-  tree.root = buildChild(tree, 0, static_cast<uint32_t>(n), 0);
+  tree.nodes.reserve(binary.size() / 3 + 1);
+  tree.root = collapse(binary, root, tree.nodes);
 }
 
-// Builds the subtree over entries [begin, end), inner nodes in preorder. Splits at the median of
-// the positions along the widest axis of the positions, so the depth is log2(n / kLeafSize)
-// whatever the data (many samples at one point included).
-SampleKdTree::Child SampleKdTree::buildChild(Tree& tree, uint32_t begin, uint32_t end, int depth) {
+// Turns the binary subtree under `c` into wide nodes: the child with the largest box is opened
+// until kWidth children are gathered or only leaves remain. Nodes are stored in preorder.
+SampleKdTree::Child SampleKdTree::collapse(const std::vector<BinaryNode>& binary, const Child& c,
+                                           std::vector<Node>& nodes) {
+  if (c.count) return c;
+  Child gathered[kWidth];
+  int n = 2;
+  gathered[0] = binary[c.first].child[0];
+  gathered[1] = binary[c.first].child[1];
+  while (n < kWidth) {
+    int open = -1;
+    float openSize = -1.0f;
+    for (int k = 0; k < n; ++k) {
+      if (gathered[k].count) continue;
+      const float size = (gathered[k].hi[0] - gathered[k].lo[0]) +
+                         (gathered[k].hi[1] - gathered[k].lo[1]) +
+                         (gathered[k].hi[2] - gathered[k].lo[2]);
+      if (size > openSize) {
+        openSize = size;
+        open = k;
+      }
+    }
+    if (open < 0) break;
+    const BinaryNode& b = binary[gathered[open].first];
+    gathered[open] = b.child[0];
+    gathered[n++] = b.child[1];
+  }
+  const uint32_t index = static_cast<uint32_t>(nodes.size());
+  nodes.emplace_back();
+  constexpr float inf = std::numeric_limits<float>::infinity();
+  for (int k = 0; k < kWidth; ++k) {
+    const Child child = k < n ? collapse(binary, gathered[k], nodes)
+                              : Child{{inf, inf, inf}, {-inf, -inf, -inf}, 0, 0};
+    Node& node = nodes[index];
+    for (int a = 0; a < 3; ++a) {
+      node.lo[a][k] = child.lo[a];
+      node.hi[a][k] = child.hi[a];
+    }
+    node.first[k] = child.first;
+    node.count[k] = child.count;
+  }
+  Child out = c;
+  out.first = index;
+  return out;
+}
+
+namespace {
+
+constexpr int kBins = 16;
+
+struct Bin {
+  float lo[3], hi[3];
+  uint32_t count;
+};
+
+// A query point falls into a box about in proportion to its volume (the boxes are padded by the
+// validity radii, so even boxes around a flat wall have depth).
+float boxCost(const float* lo, const float* hi) {
+  const float dx = hi[0] - lo[0], dy = hi[1] - lo[1], dz = hi[2] - lo[2];
+  return dx * dy * dz;
+}
+
+}  // namespace
+
+// Splits entries [begin, end) where the boxes of the two halves, weighted by their entry counts,
+// are smallest (binned along each axis by centre). Returns the first entry of the second half;
+// begin or end when no bin boundary separates the entries.
+uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end, const float* plo,
+                                const float* phi) {
+  constexpr float inf = std::numeric_limits<float>::infinity();
+  float bestCost = inf;
+  int bestAxis = -1, bestBin = 0;
+  for (int a = 0; a < 3; ++a) {
+    const float extent = phi[a] - plo[a];
+    if (!(extent > 0.0f)) continue;
+    const float scale = kBins / extent * 0.9999f;
+    Bin bins[kBins];
+    for (Bin& b : bins) b = {{inf, inf, inf}, {-inf, -inf, -inf}, 0};
+    for (uint32_t i = begin; i < end; ++i) {
+      const Entry& e = entries[i];
+      const float c[3] = {e.x, e.y, e.z};
+      const int k = std::min(kBins - 1, static_cast<int>((c[a] - plo[a]) * scale));
+      Bin& b = bins[k];
+      const float r = std::sqrt(e.r2);
+      for (int j = 0; j < 3; ++j) {
+        b.lo[j] = std::min(b.lo[j], c[j] - r);
+        b.hi[j] = std::max(b.hi[j], c[j] + r);
+      }
+      ++b.count;
+    }
+    float rightCost[kBins];
+    Bin acc = {{inf, inf, inf}, {-inf, -inf, -inf}, 0};
+    for (int k = kBins - 1; k > 0; --k) {
+      for (int j = 0; j < 3; ++j) {
+        acc.lo[j] = std::min(acc.lo[j], bins[k].lo[j]);
+        acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
+      }
+      acc.count += bins[k].count;
+      rightCost[k] = acc.count ? boxCost(acc.lo, acc.hi) * static_cast<float>(acc.count) : 0.0f;
+    }
+    acc = {{inf, inf, inf}, {-inf, -inf, -inf}, 0};
+    for (int k = 0; k < kBins - 1; ++k) {
+      for (int j = 0; j < 3; ++j) {
+        acc.lo[j] = std::min(acc.lo[j], bins[k].lo[j]);
+        acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
+      }
+      acc.count += bins[k].count;
+      if (acc.count == 0 || acc.count == end - begin) continue;
+      const float cost = boxCost(acc.lo, acc.hi) * static_cast<float>(acc.count) + rightCost[k + 1];
+      if (cost < bestCost) {
+        bestCost = cost;
+        bestAxis = a;
+        bestBin = k;
+      }
+    }
+  }
+  if (bestAxis < 0) return begin;
+  const float scale = kBins / (phi[bestAxis] - plo[bestAxis]) * 0.9999f;
+  const float lo = plo[bestAxis];
+  auto it = std::partition(entries.begin() + begin, entries.begin() + end,
+                           [&](const Entry& e) {
+                             const float c = bestAxis == 0 ? e.x : (bestAxis == 1 ? e.y : e.z);
+                             return std::min(kBins - 1, static_cast<int>((c - lo) * scale)) <=
+                                    bestBin;
+                           });
+  return static_cast<uint32_t>(it - entries.begin());
+}
+
+// Builds the binary subtree over entries [begin, end), inner nodes in preorder. Splits where the
+// two halves' boxes are smallest; where no such split separates the entries (many samples at one
+// point) or the tree grows deep, at the median of the positions along their widest axis, which
+// bounds the depth whatever the data.
+SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
+                                             std::vector<BinaryNode>& nodes, uint32_t begin,
+                                             uint32_t end, int depth) {
   constexpr float inf = std::numeric_limits<float>::infinity();
   Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
   float plo[3] = {inf, inf, inf}, phi[3] = {-inf, -inf, -inf};
   for (uint32_t i = begin; i < end; ++i) {
-    const Entry& e = tree.entries[i];
+    const Entry& e = entries[i];
     // Widened a little so that rounding in the box never drops a point the sphere test accepts.
     const float r = std::sqrt(e.r2) * 1.0001f;
     const float c[3] = {e.x, e.y, e.z};
@@ -124,29 +258,24 @@ SampleKdTree::Child SampleKdTree::buildChild(Tree& tree, uint32_t begin, uint32_
   const uint32_t count = end - begin;
   if (count <= kLeafSize || depth >= 60) return child;
 
-  int axis = 0;
-  for (int a = 1; a < 3; ++a) {
-    if (phi[a] - plo[a] > phi[axis] - plo[axis]) axis = a;
-  }
-  const uint32_t mid = begin + count / 2;
-  auto key = [axis](const Entry& e) { return axis == 0 ? e.x : (axis == 1 ? e.y : e.z); };
-  std::nth_element(tree.entries.begin() + begin, tree.entries.begin() + mid,
-                   tree.entries.begin() + end,
-                   [&](const Entry& a, const Entry& b) { return key(a) < key(b); });
-
-  const uint32_t index = static_cast<uint32_t>(tree.nodes.size());
-  tree.nodes.emplace_back();
-  const Child halves[2] = {buildChild(tree, begin, mid, depth + 1),
-                           buildChild(tree, mid, end, depth + 1)};
-  Node& node = tree.nodes[index];
-  for (int k = 0; k < 2; ++k) {
-    for (int a = 0; a < 3; ++a) {
-      node.lo[k][a] = halves[k].lo[a];
-      node.hi[k][a] = halves[k].hi[a];
+  uint32_t mid = sahSplit(entries, begin, end, plo, phi);
+  if (mid == begin || mid == end || depth >= 40) {
+    int axis = 0;
+    for (int a = 1; a < 3; ++a) {
+      if (phi[a] - plo[a] > phi[axis] - plo[axis]) axis = a;
     }
-    node.first[k] = halves[k].first;
-    node.count[k] = halves[k].count;
+    mid = begin + count / 2;
+    auto key = [axis](const Entry& e) { return axis == 0 ? e.x : (axis == 1 ? e.y : e.z); };
+    std::nth_element(entries.begin() + begin, entries.begin() + mid, entries.begin() + end,
+                     [&](const Entry& a, const Entry& b) { return key(a) < key(b); });
   }
+
+  const uint32_t index = static_cast<uint32_t>(nodes.size());
+  nodes.emplace_back();
+  const Child low = buildChild(entries, nodes, begin, mid, depth + 1);
+  const Child high = buildChild(entries, nodes, mid, end, depth + 1);
+  nodes[index].child[0] = low;
+  nodes[index].child[1] = high;
   child.first = index;
   child.count = 0;
   return child;
