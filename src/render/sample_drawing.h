@@ -90,9 +90,10 @@ struct DrawPass {
 };
 
 // The per-sample drawing callback. b = 0 draws in the sample's colour, b = 1 in its index
-// colour (the picking pass). Indices run from `first` in enumeration order.
+// colour (the picking pass). Indices run from `first` in enumeration order. Each record has a
+// cache line of its own: the drawing threads count in their records at every sample.
 template <int b>
-class DrawSamplesCb final : public EnumIrradianceSamplesCallback {
+class alignas(64) DrawSamplesCb final : public EnumIrradianceSamplesCallback {
  public:
   uint32_t count = 0;
   uint32_t limit = 0xFFFFFFFFu;
