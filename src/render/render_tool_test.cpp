@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "lightcache/light_map.h"
-#include "render/render_test_support.h"
 #include "synth/map_output.h"
 
 namespace LUtils {
