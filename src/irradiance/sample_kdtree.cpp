@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <system_error>
+#include <thread>
 
 namespace LUtils {
 
@@ -21,7 +23,7 @@ bool SampleKdTree::makeEntry(IrradSample& s, Entry& out) {
   const Vector& p = s.position;
   if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) return false;
   if (!(s.validRadius2 > 0.0f)) return false;  // also NaN: such a sphere contains nothing
-  out = {p.x, p.y, p.z, s.validRadius2, &s};
+  out = {p.x, p.y, p.z, std::sqrt(s.validRadius2) * 1.0001f, &s};
   return true;
 }
 
@@ -37,7 +39,7 @@ void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
       if (makeEntry(block[i], e)) entries.push_back(e);
     }
   }
-  addTree(std::move(entries));
+  addTree(std::move(entries), true);
 }
 
 void SampleKdTree::build(IrradSample* const* samples, size_t count) {
@@ -48,7 +50,7 @@ void SampleKdTree::build(IrradSample* const* samples, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     if (samples[i] && makeEntry(*samples[i], e)) entries.push_back(e);
   }
-  addTree(std::move(entries));
+  addTree(std::move(entries), true);
 }
 
 void SampleKdTree::insert(IrradSample& sample) {
@@ -79,14 +81,14 @@ void SampleKdTree::insert(IrradSample& sample) {
   }
   merged.resize(kept);
   buffer_.reserve(kBufferSize);
-  addTree(std::move(merged));
+  addTree(std::move(merged), false);
 }
 
-void SampleKdTree::addTree(std::vector<Entry>&& entries) {
+void SampleKdTree::addTree(std::vector<Entry>&& entries, bool sah) {
   if (entries.empty()) return;
   Tree tree;
   tree.entries = std::move(entries);
-  buildTree(tree);
+  buildTree(tree, sah);
   // Keep the list ordered largest first.
   auto pos = std::find_if(trees_.begin(), trees_.end(), [&](const Tree& t) {
     return t.entries.size() < tree.entries.size();
@@ -94,11 +96,11 @@ void SampleKdTree::addTree(std::vector<Entry>&& entries) {
   trees_.insert(pos, std::move(tree));
 }
 
-void SampleKdTree::buildTree(Tree& tree) {
+void SampleKdTree::buildTree(Tree& tree, bool sah) {
   const size_t n = tree.entries.size();
   std::vector<BinaryNode> binary;
   binary.reserve(n / (kLeafSize / 2) + 1);
-  const Child root = buildChild(tree.entries, binary, 0, static_cast<uint32_t>(n), 0);
+  const Child root = buildChild(tree.entries, binary, 0, static_cast<uint32_t>(n), 0, sah);
   tree.nodes.clear();
   tree.nodes.reserve(binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
@@ -187,7 +189,7 @@ uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uin
       const float c[3] = {e.x, e.y, e.z};
       const int k = std::min(kBins - 1, static_cast<int>((c[a] - plo[a]) * scale));
       Bin& b = bins[k];
-      const float r = std::sqrt(e.r2);
+      const float r = e.r;
       for (int j = 0; j < 3; ++j) {
         b.lo[j] = std::min(b.lo[j], c[j] - r);
         b.hi[j] = std::max(b.hi[j], c[j] + r);
@@ -232,20 +234,45 @@ uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uin
   return static_cast<uint32_t>(it - entries.begin());
 }
 
+int SampleKdTree::parallelDepth() {
+  static const int depth = [] {
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    int d = 0;
+    while ((1u << d) < cores && d < 8) ++d;
+    // One level more than the cores ask for: the halves of a split are seldom equal.
+    return cores > 1 ? d : 0;
+  }();
+  return depth;
+}
+
+// Appends a subtree built into a list of its own; returns `c` renumbered for the whole list.
+SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
+                                              const std::vector<BinaryNode>& part, Child c) {
+  const uint32_t base = static_cast<uint32_t>(nodes.size());
+  nodes.reserve(nodes.size() + part.size());
+  for (BinaryNode n : part) {
+    for (Child& k : n.child) {
+      if (!k.count) k.first += base;
+    }
+    nodes.push_back(n);
+  }
+  if (!c.count) c.first += base;
+  return c;
+}
+
 // Builds the binary subtree over entries [begin, end), inner nodes in preorder. Splits where the
 // two halves' boxes are smallest; where no such split separates the entries (many samples at one
 // point) or the tree grows deep, at the median of the positions along their widest axis, which
 // bounds the depth whatever the data.
 SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
                                              std::vector<BinaryNode>& nodes, uint32_t begin,
-                                             uint32_t end, int depth) {
+                                             uint32_t end, int depth, bool sah) {
   constexpr float inf = std::numeric_limits<float>::infinity();
   Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
   float plo[3] = {inf, inf, inf}, phi[3] = {-inf, -inf, -inf};
   for (uint32_t i = begin; i < end; ++i) {
     const Entry& e = entries[i];
-    // Widened a little so that rounding in the box never drops a point the sphere test accepts.
-    const float r = std::sqrt(e.r2) * 1.0001f;
+    const float r = e.r;
     const float c[3] = {e.x, e.y, e.z};
     for (int a = 0; a < 3; ++a) {
       plo[a] = std::min(plo[a], c[a]);
@@ -258,7 +285,7 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
   const uint32_t count = end - begin;
   if (count <= kLeafSize || depth >= 60) return child;
 
-  uint32_t mid = sahSplit(entries, begin, end, plo, phi);
+  uint32_t mid = sah ? sahSplit(entries, begin, end, plo, phi) : begin;
   if (mid == begin || mid == end || depth >= 40) {
     int axis = 0;
     for (int a = 1; a < 3; ++a) {
@@ -272,8 +299,26 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
 
   const uint32_t index = static_cast<uint32_t>(nodes.size());
   nodes.emplace_back();
-  const Child low = buildChild(entries, nodes, begin, mid, depth + 1);
-  const Child high = buildChild(entries, nodes, mid, end, depth + 1);
+  Child low, high;
+  if (count >= kParallelMinimum && depth < parallelDepth()) {
+    // The halves are built side by side into node lists of their own and appended in preorder,
+    // so the result is the same node for node as a build on one thread.
+    std::vector<BinaryNode> lowNodes, highNodes;
+    auto buildLow = [&] { low = buildChild(entries, lowNodes, begin, mid, depth + 1, sah); };
+    std::thread worker;
+    try {
+      worker = std::thread(buildLow);
+    } catch (const std::system_error&) {
+      buildLow();  // no thread to spare: build it here
+    }
+    high = buildChild(entries, highNodes, mid, end, depth + 1, sah);
+    if (worker.joinable()) worker.join();
+    low = appendNodes(nodes, lowNodes, low);
+    high = appendNodes(nodes, highNodes, high);
+  } else {
+    low = buildChild(entries, nodes, begin, mid, depth + 1, sah);
+    high = buildChild(entries, nodes, mid, end, depth + 1, sah);
+  }
   nodes[index].child[0] = low;
   nodes[index].child[1] = high;
   child.first = index;

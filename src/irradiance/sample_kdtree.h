@@ -4,7 +4,7 @@
 // set of static trees, so an insertion never rebuilds the whole index.
 //
 // The tree keeps, per entry, a pointer to the sample and a bounding sphere (the position and the
-// squared validity radius read when the entry was last built). A query tests the bounding sphere
+// validity radius read when the entry was last built). A query tests the bounding sphere
 // first and then the sample's current validRadius2, so radii may be lowered while indexed (the
 // incremental merge does that to neighbours) but must not grow, and positions must not change,
 // until the next rebuild. Samples whose position is not finite or whose radius is not positive can
@@ -27,7 +27,7 @@ class SampleKdTree {
  public:
   // Entries per leaf of a static tree, and inserted samples kept in the linear buffer before they
   // become a tree of their own.
-  static constexpr uint32_t kLeafSize = 8;
+  static constexpr uint32_t kLeafSize = 16;
   static constexpr size_t kBufferSize = 32;
   // Size ratio between successive trees of the insertion set (see insert()).
   static constexpr size_t kMergeRatio = 8;
@@ -57,7 +57,9 @@ class SampleKdTree {
 
  private:
   struct Entry {
-    float x, y, z, r2;  // bounding sphere when built
+    // Bounding sphere when built: the radius is the validity radius then, widened a little so
+    // that rounding never drops a point that the sample's own test accepts.
+    float x, y, z, r;
     IrradSample* sample;
   };
   // A box around bounding spheres and what it holds: `count` entries from `first`, or, when
@@ -85,21 +87,27 @@ class SampleKdTree {
   };
 
   static bool makeEntry(IrradSample& s, Entry& out);
-  static void buildTree(Tree& tree);
+  static void buildTree(Tree& tree, bool sah);
   static uint32_t sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
                            const float* plo, const float* phi);
   static Child buildChild(std::vector<Entry>& entries, std::vector<BinaryNode>& nodes,
-                          uint32_t begin, uint32_t end, int depth);
+                          uint32_t begin, uint32_t end, int depth, bool sah);
+  // Subtrees of at least this many entries are built on two threads while the machine has cores
+  // to spare (parallelDepth() levels from the root).
+  static constexpr uint32_t kParallelMinimum = 1u << 16;
+  static int parallelDepth();
+  static Child appendNodes(std::vector<BinaryNode>& nodes, const std::vector<BinaryNode>& part,
+                           Child c);
   static Child collapse(const std::vector<BinaryNode>& binary, const Child& c,
                         std::vector<Node>& nodes);
-  void addTree(std::vector<Entry>&& entries);
+  void addTree(std::vector<Entry>&& entries, bool sah);
 
   template <class F>
   static void scan(const Entry* e, uint32_t n, const Vector& p, F& f) {
     for (uint32_t i = 0; i < n; ++i) {
       const float dx = p.x - e[i].x, dy = p.y - e[i].y, dz = p.z - e[i].z;
       const float d2 = dx * dx + dy * dy + dz * dz;
-      if (d2 < e[i].r2 && d2 < e[i].sample->validRadius2) f(*e[i].sample);
+      if (d2 < e[i].r * e[i].r && d2 < e[i].sample->validRadius2) f(*e[i].sample);
     }
   }
   static bool inside(const Vector& p, const float* lo, const float* hi) {
