@@ -31,6 +31,9 @@ class SampleKdTree {
   static constexpr size_t kBufferSize = 32;
   // Size ratio between successive trees of the insertion set (see insert()).
   static constexpr size_t kMergeRatio = 8;
+  // Subtrees of at least this many entries are built on two threads while the machine has cores
+  // to spare (parallelDepth() levels from the root).
+  static constexpr uint32_t kParallelMinimum = 1u << 16;
 
   // Drops every entry.
   void clear();
@@ -92,9 +95,6 @@ class SampleKdTree {
                            const float* plo, const float* phi);
   static Child buildChild(std::vector<Entry>& entries, std::vector<BinaryNode>& nodes,
                           uint32_t begin, uint32_t end, int depth, bool sah);
-  // Subtrees of at least this many entries are built on two threads while the machine has cores
-  // to spare (parallelDepth() levels from the root).
-  static constexpr uint32_t kParallelMinimum = 1u << 16;
   static int parallelDepth();
   static Child appendNodes(std::vector<BinaryNode>& nodes, const std::vector<BinaryNode>& part,
                            Child c);

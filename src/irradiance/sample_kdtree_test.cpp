@@ -96,6 +96,24 @@ TEST_F(KdTreeAgainstBruteForce, BuiltTreeThenInsertsThenRebuild) {
   checkProbes(tree, 8000, 200);
 }
 
+// Large enough that the rebuild builds subtrees on several threads; two rebuilds give the same
+// tree, visited in the same order.
+TEST_F(KdTreeAgainstBruteForce, LargeRebuild) {
+  fill(3 * SampleKdTree::kParallelMinimum);
+  SampleKdTree tree, again;
+  tree.build(samples);
+  again.build(samples);
+  EXPECT_EQ(tree.size(), samples.size());
+  EXPECT_GT(checkProbes(tree, samples.size(), 150), 100u);
+  for (int k = 0; k < 50; ++k) {
+    const Vector p = probe();
+    std::vector<const IrradSample*> first, second;
+    tree.forEachContaining(p, [&](IrradSample& s) { first.push_back(&s); });
+    again.forEachContaining(p, [&](IrradSample& s) { second.push_back(&s); });
+    EXPECT_EQ(first, second);
+  }
+}
+
 TEST_F(KdTreeAgainstBruteForce, InsertsIntoAnEmptyTree) {
   SampleKdTree tree;
   EXPECT_TRUE(viaTree(tree, {0, 0, 0}).empty());
