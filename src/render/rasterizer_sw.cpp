@@ -103,6 +103,13 @@ bool RasterizerSW::setBackfaceCulling(bool on) {
   return previous;
 }
 
+void RasterizerSW::drawWholeFrame() {
+  clipMinX_ = 0;
+  clipMinY_ = 0;
+  clipMaxX_ = width_ - 1;
+  clipMaxY_ = height_ - 1;
+}
+
 void RasterizerSW::resize(int width, int height) {
   discardBins();
   width_ = std::max(0, width);
@@ -113,10 +120,7 @@ void RasterizerSW::resize(int width, int height) {
   depth_.assign(pixels, swr::quantizeDepth(1.0f));
   viewportWidth_ = width_;
   viewportHeight_ = height_;
-  clipMinX_ = 0;
-  clipMinY_ = 0;
-  clipMaxX_ = width_ - 1;
-  clipMaxY_ = height_ - 1;
+  drawWholeFrame();
 }
 
 void RasterizerSW::setClearColor(const Color& color) { clearColour_ = packColour(color); }
@@ -131,10 +135,7 @@ void RasterizerSW::beginFrame() {
   for (int i = 0; i < 16; ++i) mvp_[i] = static_cast<float>(m.m[i]);
   depthTest_ = true;
   cullActive_ = cullRequested_;
-  clipMinX_ = 0;
-  clipMinY_ = 0;
-  clipMaxX_ = width_ - 1;
-  clipMaxY_ = height_ - 1;
+  drawWholeFrame();
 }
 
 bool RasterizerSW::beginSelection(int x0, int y0, int x1, int y1, float depth) {
@@ -150,10 +151,7 @@ bool RasterizerSW::beginSelection(int x0, int y0, int x1, int y1, float depth) {
 int RasterizerSW::endSelection(SelectionCb& callback) {
   (void)callback;
   flush();
-  clipMinX_ = 0;
-  clipMinY_ = 0;
-  clipMaxX_ = width_ - 1;
-  clipMaxY_ = height_ - 1;
+  drawWholeFrame();
   return 0;
 }
 

@@ -96,6 +96,8 @@ class RasterizerSW final : public Rasterizer3D {
   void emit(swr::Prim& prim, const swr::FixedVertex* vertices);
   Color litColour(const Color& colour, const Vector& position, const Vector& normal) const;
   void discardBins();
+  // The drawing rectangle back to the whole frame (after a picking frame).
+  void drawWholeFrame();
 
   int width_ = 0;
   int height_ = 0;
