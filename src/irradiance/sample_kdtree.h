@@ -16,6 +16,10 @@
 #include <cstdint>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "io/vector.h"
 #include "irradiance/irrad_sample.h"
 #include "irradiance/irradiance_map.h"
@@ -76,6 +80,7 @@ class SampleKdTree {
   // children's boxes axis by axis (lo[axis][child]), so one query tests them all at once without
   // touching the children; unused slots hold empty boxes.
   static constexpr int kWidth = 8;
+  static_assert(kWidth % 4 == 0);
   struct BinaryNode {
     Child child[2];
   };
@@ -110,6 +115,31 @@ class SampleKdTree {
       if (d2 < e[i].r * e[i].r && d2 < e[i].sample->validRadius2) f(*e[i].sample);
     }
   }
+  // Bit k set when child k's box contains p.
+  static uint32_t childrenContaining(const Node& n, const Vector& p) {
+#if defined(__SSE2__)
+    const __m128 x = _mm_set1_ps(p.x), y = _mm_set1_ps(p.y), z = _mm_set1_ps(p.z);
+    uint32_t hit = 0;
+    for (int g = 0; g < kWidth; g += 4) {
+      __m128 in = _mm_and_ps(_mm_cmple_ps(_mm_load_ps(&n.lo[0][g]), x),
+                             _mm_cmple_ps(x, _mm_load_ps(&n.hi[0][g])));
+      in = _mm_and_ps(in, _mm_and_ps(_mm_cmple_ps(_mm_load_ps(&n.lo[1][g]), y),
+                                     _mm_cmple_ps(y, _mm_load_ps(&n.hi[1][g]))));
+      in = _mm_and_ps(in, _mm_and_ps(_mm_cmple_ps(_mm_load_ps(&n.lo[2][g]), z),
+                                     _mm_cmple_ps(z, _mm_load_ps(&n.hi[2][g]))));
+      hit |= static_cast<uint32_t>(_mm_movemask_ps(in)) << g;
+    }
+    return hit;
+#else
+    uint32_t hit = 0;
+    for (int k = 0; k < kWidth; ++k) {
+      const bool in = (p.x >= n.lo[0][k]) & (p.x <= n.hi[0][k]) & (p.y >= n.lo[1][k]) &
+                      (p.y <= n.hi[1][k]) & (p.z >= n.lo[2][k]) & (p.z <= n.hi[2][k]);
+      hit |= static_cast<uint32_t>(in) << k;
+    }
+    return hit;
+#endif
+  }
   static bool inside(const Vector& p, const float* lo, const float* hi) {
     return p.x >= lo[0] && p.x <= hi[0] && p.y >= lo[1] && p.y <= hi[1] && p.z >= lo[2] &&
            p.z <= hi[2];
@@ -135,12 +165,7 @@ void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
     stack[top++] = tree.root.first;
     while (top > 0) {
       const Node& n = nodes[stack[--top]];
-      uint32_t hit = 0;
-      for (int k = 0; k < kWidth; ++k) {
-        const bool in = (p.x >= n.lo[0][k]) & (p.x <= n.hi[0][k]) & (p.y >= n.lo[1][k]) &
-                        (p.y <= n.hi[1][k]) & (p.z >= n.lo[2][k]) & (p.z <= n.hi[2][k]);
-        hit |= static_cast<uint32_t>(in) << k;
-      }
+      uint32_t hit = childrenContaining(n, p);
       while (hit) {
         const int k = std::countr_zero(hit);
         hit &= hit - 1;
