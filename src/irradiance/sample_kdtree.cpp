@@ -15,7 +15,7 @@ void SampleKdTree::clear() {
 
 size_t SampleKdTree::size() const {
   size_t n = buffer_.size();
-  for (const Tree& t : trees_) n += t.entries.size();
+  for (const Tree& t : trees_) n += t.size();
   return n;
 }
 
@@ -66,11 +66,13 @@ void SampleKdTree::insert(IrradSample& sample) {
   std::vector<Entry> merged;
   merged.swap(buffer_);
   while (!trees_.empty()) {
-    const size_t last = trees_.back().entries.size();
+    const size_t last = trees_.back().size();
     const bool largest = trees_.size() == 1;
     if (largest ? last > merged.size() : last > kMergeRatio * merged.size()) break;
-    std::vector<Entry>& smaller = trees_.back().entries;
-    merged.insert(merged.end(), smaller.begin(), smaller.end());
+    const Tree& smaller = trees_.back();
+    for (size_t i = 0; i < smaller.size(); ++i) {
+      merged.push_back({smaller.x[i], smaller.y[i], smaller.z[i], smaller.r[i], smaller.samples[i]});
+    }
     trees_.pop_back();
   }
   // Radii may have been lowered since the absorbed entries were built: take the current ones,
@@ -87,23 +89,33 @@ void SampleKdTree::insert(IrradSample& sample) {
 void SampleKdTree::addTree(std::vector<Entry>&& entries, bool sah) {
   if (entries.empty()) return;
   Tree tree;
-  tree.entries = std::move(entries);
-  buildTree(tree, sah);
+  buildTree(tree, entries, sah);
   // Keep the list ordered largest first.
-  auto pos = std::find_if(trees_.begin(), trees_.end(), [&](const Tree& t) {
-    return t.entries.size() < tree.entries.size();
-  });
+  auto pos = std::find_if(trees_.begin(), trees_.end(),
+                          [&](const Tree& t) { return t.size() < tree.size(); });
   trees_.insert(pos, std::move(tree));
 }
 
-void SampleKdTree::buildTree(Tree& tree, bool sah) {
-  const size_t n = tree.entries.size();
+void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries, bool sah) {
+  const size_t n = entries.size();
   std::vector<BinaryNode> binary;
   binary.reserve(n / (kLeafSize / 2) + 1);
-  const Child root = buildChild(tree.entries, binary, 0, static_cast<uint32_t>(n), 0, sah);
+  const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0, sah);
   tree.nodes.clear();
   tree.nodes.reserve(binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
+  tree.x.resize(n + kPad, 0.0f);
+  tree.y.resize(n + kPad, 0.0f);
+  tree.z.resize(n + kPad, 0.0f);
+  tree.r.resize(n + kPad, 0.0f);
+  tree.samples.resize(n);
+  for (size_t i = 0; i < n; ++i) {
+    tree.x[i] = entries[i].x;
+    tree.y[i] = entries[i].y;
+    tree.z[i] = entries[i].z;
+    tree.r[i] = entries[i].r;
+    tree.samples[i] = entries[i].sample;
+  }
 }
 
 // Turns the binary subtree under `c` into wide nodes: the child with the largest box is opened

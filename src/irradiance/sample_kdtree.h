@@ -91,11 +91,16 @@ class SampleKdTree {
   struct Tree {
     Child root{};
     std::vector<Node> nodes;
-    std::vector<Entry> entries;
+    // The entries in leaf order, one array per field, so that a leaf is scanned four entries at
+    // a time. The float arrays carry kPad entries more that no sphere can contain.
+    std::vector<float> x, y, z, r;
+    std::vector<IrradSample*> samples;
+    size_t size() const { return samples.size(); }
   };
+  static constexpr size_t kPad = 3;
 
   static bool makeEntry(IrradSample& s, Entry& out);
-  static void buildTree(Tree& tree, bool sah);
+  static void buildTree(Tree& tree, std::vector<Entry>& entries, bool sah);
   static uint32_t sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
                            const float* plo, const float* phi);
   static Child buildChild(std::vector<Entry>& entries, std::vector<BinaryNode>& nodes,
@@ -114,6 +119,38 @@ class SampleKdTree {
       const float d2 = dx * dx + dy * dy + dz * dz;
       if (d2 < e[i].r * e[i].r && d2 < e[i].sample->validRadius2) f(*e[i].sample);
     }
+  }
+  template <class F>
+  static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p, F& f) {
+#if defined(__SSE2__)
+    const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
+    for (uint32_t i = 0; i < n; i += 4) {
+      const uint32_t at = first + i;
+      const __m128 dx = _mm_sub_ps(px, _mm_loadu_ps(t.x.data() + at));
+      const __m128 dy = _mm_sub_ps(py, _mm_loadu_ps(t.y.data() + at));
+      const __m128 dz = _mm_sub_ps(pz, _mm_loadu_ps(t.z.data() + at));
+      const __m128 d2 = _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)),
+                                   _mm_mul_ps(dz, dz));
+      const __m128 r = _mm_loadu_ps(t.r.data() + at);
+      uint32_t in = static_cast<uint32_t>(_mm_movemask_ps(_mm_cmplt_ps(d2, _mm_mul_ps(r, r))));
+      if (n - i < 4) in &= (1u << (n - i)) - 1;
+      if (!in) continue;
+      alignas(16) float d2s[4];
+      _mm_store_ps(d2s, d2);
+      while (in) {
+        const int k = std::countr_zero(in);
+        in &= in - 1;
+        IrradSample& s = *t.samples[at + k];
+        if (d2s[k] < s.validRadius2) f(s);
+      }
+    }
+#else
+    for (uint32_t i = first; i < first + n; ++i) {
+      const float dx = p.x - t.x[i], dy = p.y - t.y[i], dz = p.z - t.z[i];
+      const float d2 = dx * dx + dy * dy + dz * dz;
+      if (d2 < t.r[i] * t.r[i] && d2 < t.samples[i]->validRadius2) f(*t.samples[i]);
+    }
+#endif
   }
   // Bit k set when child k's box contains p.
   static uint32_t childrenContaining(const Node& n, const Vector& p) {
@@ -154,9 +191,8 @@ template <class F>
 void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
   for (const Tree& tree : trees_) {
     if (!inside(p, tree.root.lo, tree.root.hi)) continue;
-    const Entry* entries = tree.entries.data();
     if (tree.root.count) {
-      scan(entries + tree.root.first, tree.root.count, p, f);
+      scanLeaf(tree, tree.root.first, tree.root.count, p, f);
       continue;
     }
     const Node* nodes = tree.nodes.data();
@@ -170,7 +206,7 @@ void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
         const int k = std::countr_zero(hit);
         hit &= hit - 1;
         if (n.count[k]) {
-          scan(entries + n.first[k], n.count[k], p, f);
+          scanLeaf(tree, n.first[k], n.count[k], p, f);
         } else {
           __builtin_prefetch(nodes + n.first[k]);
           __builtin_prefetch(reinterpret_cast<const char*>(nodes + n.first[k]) + 64);
