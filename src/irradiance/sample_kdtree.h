@@ -202,16 +202,26 @@ void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
     while (top > 0) {
       const Node& n = nodes[stack[--top]];
       uint32_t hit = childrenContaining(n, p);
+      // The leaves' fields lie in five arrays: ask for all of them before scanning any.
+      for (uint32_t leaves = hit; leaves;) {
+        const int k = std::countr_zero(leaves);
+        leaves &= leaves - 1;
+        if (!n.count[k]) continue;
+        const uint32_t at = n.first[k];
+        __builtin_prefetch(tree.x.data() + at);
+        __builtin_prefetch(tree.y.data() + at);
+        __builtin_prefetch(tree.z.data() + at);
+        __builtin_prefetch(tree.r.data() + at);
+        __builtin_prefetch(tree.samples.data() + at);
+      }
       while (hit) {
         const int k = std::countr_zero(hit);
         hit &= hit - 1;
         if (n.count[k]) {
           scanLeaf(tree, n.first[k], n.count[k], p, f);
         } else {
-          __builtin_prefetch(nodes + n.first[k]);
-          __builtin_prefetch(reinterpret_cast<const char*>(nodes + n.first[k]) + 64);
-          __builtin_prefetch(reinterpret_cast<const char*>(nodes + n.first[k]) + 128);
-          __builtin_prefetch(reinterpret_cast<const char*>(nodes + n.first[k]) + 192);
+          const char* child = reinterpret_cast<const char*>(nodes + n.first[k]);
+          for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(child + b);
           stack[top++] = n.first[k];
         }
       }
