@@ -71,7 +71,8 @@ void SampleKdTree::insert(IrradSample& sample) {
     if (largest ? last > merged.size() : last > kMergeRatio * merged.size()) break;
     const Tree& smaller = trees_.back();
     for (size_t i = 0; i < smaller.size(); ++i) {
-      merged.push_back({smaller.x[i], smaller.y[i], smaller.z[i], smaller.r[i], smaller.samples[i]});
+      merged.push_back(
+          {smaller.x[i], smaller.y[i], smaller.z[i], smaller.r[i], smaller.samples[i]});
     }
     trees_.pop_back();
   }
@@ -183,14 +184,20 @@ float boxCost(const float* lo, const float* hi) {
 }  // namespace
 
 // Splits entries [begin, end) where the boxes of the two halves, weighted by their entry counts,
-// are smallest (binned along each axis by centre). Returns the first entry of the second half;
+// are smallest (binned by centre). Returns the first entry of the second half;
 // begin or end when no bin boundary separates the entries.
-uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end, const float* plo,
-                                const float* phi) {
+uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
+                                const float* plo, const float* phi) {
   constexpr float inf = std::numeric_limits<float>::infinity();
   float bestCost = inf;
   int bestAxis = -1, bestBin = 0;
-  for (int a = 0; a < 3; ++a) {
+  // Only the axis along which the centres spread widest is binned: a third of the work, for
+  // trees that answer queries about as fast as those binned along all three.
+  int widest = 0;
+  for (int a = 1; a < 3; ++a) {
+    if (phi[a] - plo[a] > phi[widest] - plo[widest]) widest = a;
+  }
+  for (int a = widest; a == widest; ++a) {
     const float extent = phi[a] - plo[a];
     if (!(extent > 0.0f)) continue;
     const float scale = kBins / extent * 0.9999f;
