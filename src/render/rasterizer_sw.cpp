@@ -78,7 +78,7 @@ V lerp(const V& a, const V& b, float t) {
 // primitives that touch its rows, in submission order.
 struct alignas(64) RasterizerSW::Bin {
   std::vector<FixedVertex> vertices;
-  std::vector<Prim> parts[kMaxReplayThreads];
+  std::vector<Prim> parts[kMaxReplayThreads * kPartsPerReplayThread];
 
   void clear(unsigned partCount) {
     vertices.clear();
@@ -87,12 +87,13 @@ struct alignas(64) RasterizerSW::Bin {
 };
 
 RasterizerSW::RasterizerSW() : bins_(std::make_unique<Bin[]>(kMaxBins)) {
-  replayThreads_ = std::clamp(std::thread::hardware_concurrency(), 1u, kMaxReplayThreads);
+  setReplayThreads(std::thread::hardware_concurrency());
 }
 
 void RasterizerSW::setReplayThreads(unsigned threads) {
   flush();
   replayThreads_ = std::clamp(threads, 1u, kMaxReplayThreads);
+  parts_ = replayThreads_ == 1 ? 1 : replayThreads_ * kPartsPerReplayThread;
 }
 
 RasterizerSW::~RasterizerSW() = default;
@@ -350,7 +351,7 @@ void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
   prim.firstVertex = static_cast<uint32_t>(b.vertices.size());
   b.vertices.insert(b.vertices.end(), vertices, vertices + prim.count);
   // The parts owning the bands of rows the primitive spans.
-  const unsigned parts = replayThreads_;
+  const unsigned parts = parts_;
   const int firstBand = prim.minY >> swr::RowBands::kBandShift;
   const int lastBand = prim.maxY >> swr::RowBands::kBandShift;
   if (parts == 1) {
@@ -374,7 +375,7 @@ void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
 void RasterizerSW::flush() {
   if (!binsPending_.exchange(false, std::memory_order_acq_rel)) return;
   const uint32_t used = binsUsed_.exchange(0, std::memory_order_acq_rel);
-  const unsigned parts = replayThreads_;
+  const unsigned parts = parts_;
   size_t total = 0;
   for (uint32_t i = 0; i < used; ++i) {
     for (unsigned p = 0; p < parts; ++p) total += bins_[i].parts[p].size();
@@ -383,9 +384,10 @@ void RasterizerSW::flush() {
   const swr::Target target{back_.data(), depth_.data(), width_, height_};
   // A few primitives are not worth starting threads for: one thread then draws every part
   // (the parts own disjoint rows, so their order does not matter).
-  const unsigned threads = total < 256 ? 1 : parts;
-  auto replay = [&](unsigned first) {
-    for (unsigned p = first; p < parts; p += threads) {
+  const unsigned threads = total < 256 ? 1 : replayThreads_;
+  std::atomic<unsigned> nextPart{0};
+  auto replay = [&] {
+    for (unsigned p = nextPart++; p < parts; p = nextPart++) {
       const swr::RowBands rows{static_cast<int>(parts), static_cast<int>(p)};
       for (uint32_t i = 0; i < used; ++i) {
         const Bin& b = bins_[i];
@@ -395,8 +397,8 @@ void RasterizerSW::flush() {
   };
   std::vector<std::thread> helpers;
   helpers.reserve(threads - 1);
-  for (unsigned t = 1; t < threads; ++t) helpers.emplace_back(replay, t);
-  replay(0);
+  for (unsigned t = 1; t < threads; ++t) helpers.emplace_back(replay);
+  replay();
   for (std::thread& t : helpers) t.join();
 
   for (uint32_t i = 0; i < used; ++i) bins_[i].clear(parts);
@@ -405,7 +407,7 @@ void RasterizerSW::flush() {
 void RasterizerSW::discardBins() {
   binsPending_.store(false, std::memory_order_relaxed);
   const uint32_t used = binsUsed_.exchange(0, std::memory_order_relaxed);
-  for (uint32_t i = 0; i < used; ++i) bins_[i].clear(replayThreads_);
+  for (uint32_t i = 0; i < used; ++i) bins_[i].clear(parts_);
 }
 
 Color RasterizerSW::litColour(const Color& colour, const Vector& position,

@@ -3,11 +3,12 @@
 //
 // Several threads may draw into one frame at once. Each drawing thread appends its set-up
 // primitives to its own bin (the bin index comes from a hook, normally the thread manager's
-// current thread index). The rows of the frame are dealt in bands of eight to as many parts as
-// there are replay threads, and a bin keeps one list per part holding the primitives that touch
-// that part's rows. Each replay thread then draws its part from every bin's list in bin order,
-// which is the order one thread would have drawn them in: the picture is exactly the one a
-// single thread draws, and each primitive is set up by about one replay thread only.
+// current thread index). The rows of the frame are dealt in bands of eight to a few parts per
+// replay thread, and a bin keeps one list per part holding the primitives that touch that
+// part's rows. The replay threads take the parts one after another as they finish, and draw a
+// part from every bin's list in bin order, which is the order one thread would have drawn them
+// in: the picture is exactly the one a single thread draws, each primitive is set up by about
+// one replay thread only, and a thread slowed by other work on its core takes fewer parts.
 #pragma once
 
 #include <atomic>
@@ -28,6 +29,8 @@ class RasterizerSW final : public Rasterizer3D {
   static constexpr uint32_t kDirect = 0xFFFFFFFFu;
   static constexpr uint32_t kMaxBins = 256;
   static constexpr unsigned kMaxReplayThreads = 16;
+  // Parts of the frame per replay thread, when there is more than one.
+  static constexpr unsigned kPartsPerReplayThread = 4;
   using BinIndexSource = std::function<uint32_t()>;
 
   RasterizerSW();
@@ -119,6 +122,7 @@ class RasterizerSW final : public Rasterizer3D {
   std::atomic<bool> binsPending_{false};
   std::atomic<uint32_t> binsUsed_{0};  // one past the highest bin index used
   unsigned replayThreads_ = 1;
+  unsigned parts_ = 1;
 };
 
 }  // namespace LUtils
