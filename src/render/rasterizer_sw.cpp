@@ -437,8 +437,8 @@ Color RasterizerSW::litColour(const Color& colour, const Vector& position,
     Vector h = l + view;
     const float hl = length(h);
     if (hl > 0.0f) {
-      const float spec = std::pow(std::max(0.0f, dot(n, h / hl)), 50.0f);
-      result += lc * spec;
+      const float highlight = std::pow(std::max(0.0f, dot(n, h / hl)), 50.0f);
+      result += lc * highlight;
     }
   }
   return result;
