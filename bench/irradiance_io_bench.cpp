@@ -17,6 +17,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "ratio_reporter.h"
+
 #include "irradiance/def_irradiance_map.h"
 
 namespace {
@@ -145,48 +147,17 @@ BENCHMARK(BM_Load)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_SaveReference)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_Save)->Unit(benchmark::kMillisecond)->Iterations(2);
 
-// The console report, followed by each operation's time as a multiple of its reference's.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      times_[run.benchmark_name()] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    ratio("BM_Load", "BM_LoadReference", 1.3);
-    ratio("BM_Save", "BM_SaveReference", 0.0);
-  }
-
- private:
-  void ratio(const std::string& name, const std::string& reference, double target) {
-    const auto a = findPrefix(name + "/"), b = findPrefix(reference + "/");
-    if (a.first <= 0 || b.first <= 0) return;
-    // On a shared machine the CPU-time ratio is the steadier of the two.
-    std::printf("%s / %s = %.2f real, %.2f CPU", name.c_str(), reference.c_str(), a.first / b.first,
-                a.second / b.second);
-    if (target > 0) {
-      std::printf("  (target <= %.2f: %s)", target, a.first / b.first <= target ? "met" : "MISSED");
-    }
-    std::printf("\n");
-  }
-  std::pair<double, double> findPrefix(const std::string& prefix) const {
-    for (const auto& [key, value] : times_) {
-      if (key.compare(0, prefix.size(), prefix) == 0) return value;
-    }
-    return {-1, -1};
-  }
-  std::map<std::string, std::pair<double, double>> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
+  // On a shared machine the CPU-time ratio is the steadier of the two.
+  for (bool cpu : {false, true}) {
+    reporter.printRatio("load / reference", "BM_Load/", "BM_LoadReference/", cpu, "target <= 1.3");
+    reporter.printRatio("save / reference", "BM_Save/", "BM_SaveReference/", cpu, "no target");
+  }
   benchmark::Shutdown();
   ::unlink(inputPath().c_str());
   ::unlink(outputPath().c_str());

@@ -5,6 +5,8 @@
 #include <GL/gl.h>
 #include <benchmark/benchmark.h>
 
+#include "ratio_reporter.h"
+
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -147,33 +149,6 @@ BENCHMARK(BM_SoftwareOneThread)->Unit(benchmark::kMillisecond)->UseRealTime()->I
 void BM_SoftwareAllThreads(benchmark::State& state) { softwareFrames(state, true); }
 BENCHMARK(BM_SoftwareAllThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-// Keeps every run's time per iteration so that the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-        times_[run.run_name.function_name] = run.GetAdjustedRealTime();
-      }
-    }
-  }
-  void printRatio(const char* what, const std::string& ours, const std::string& reference,
-                  const char* target) {
-    const auto a = times_.find(ours);
-    const auto b = times_.find(reference);
-    if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-    std::printf("%-44s %.3f  (%s)\n", what, a->second / b->second, target);
-  }
-  double time(const std::string& name) const {
-    const auto it = times_.find(name);
-    return it == times_.end() ? -1.0 : it->second;
-  }
-
- private:
-  std::map<std::string, double> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -183,11 +158,11 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\nRatios (time per frame):\n");
   reporter.printRatio("OpenGL immediate / bare glBegin loop", "BM_GLImmediate", "BM_GLBareLoop",
-                      "target <= 1.15");
+                      false, "target <= 1.15");
   reporter.printRatio("OpenGL display list / bare glBegin loop", "BM_GLDisplayList",
-                      "BM_GLBareLoop", "for information");
+                      "BM_GLBareLoop", false, "for information");
   reporter.printRatio("software one thread / all threads", "BM_SoftwareOneThread",
-                      "BM_SoftwareAllThreads", "target >= 1.3 on two cores");
+                      "BM_SoftwareAllThreads", false, "target >= 1.3 on two cores");
   std::printf("software one thread: %.0f ms per frame (target <= 250 ms)\n",
               reporter.time("BM_SoftwareOneThread"));
   benchmark::Shutdown();

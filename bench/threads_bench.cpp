@@ -4,6 +4,8 @@
 // the table (below 1 means ours is faster).
 #include <benchmark/benchmark.h>
 
+#include "ratio_reporter.h"
+
 #include <cstdio>
 #include <map>
 #include <shared_mutex>
@@ -66,33 +68,6 @@ void BM_SharedMutexRead(benchmark::State& state) {
 }
 BENCHMARK(BM_SharedMutexRead)->Threads(1)->Threads(2)->UseRealTime();
 
-// Keeps every run's time per iteration so that the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration) continue;
-      realTimes_[run.benchmark_name()] = run.GetAdjustedRealTime();
-      cpuTimes_[run.benchmark_name()] = run.GetAdjustedCPUTime();
-    }
-  }
-  // A round trip is judged by its wall-clock time (waiting is its cost); a lock by its CPU
-  // time, which a busy machine disturbs less.
-  void printRatio(const std::string& ours, const std::string& reference, bool cpu) {
-    const auto& times = cpu ? cpuTimes_ : realTimes_;
-    const auto a = times.find(ours);
-    const auto b = times.find(reference);
-    if (a == times.end() || b == times.end() || b->second <= 0) return;
-    std::printf("%-42s / %-40s = %.3f (%s)\n", ours.c_str(), reference.c_str(),
-                a->second / b->second, cpu ? "cpu" : "real");
-  }
-
- private:
-  std::map<std::string, double> realTimes_;
-  std::map<std::string, double> cpuTimes_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,12 +77,16 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\nRatios (time per iteration, ours / reference):\n");
   for (const char* n : {"1", "2", "4"}) {
-    reporter.printRatio(std::string("BM_RunEmptyTask/") + n + "/real_time",
-                        std::string("BM_SpawnJoinThreads/") + n + "/real_time", false);
+    // A round trip is judged by its wall-clock time (waiting is its cost).
+    const std::string ours = std::string("BM_RunEmptyTask/") + n + "/real_time";
+    const std::string reference = std::string("BM_SpawnJoinThreads/") + n + "/real_time";
+    reporter.printRatio(ours + " / " + reference, ours, reference, false, "ours / reference");
   }
   for (const char* t : {"1", "2"}) {
-    reporter.printRatio(std::string("BM_MultiReaderLockRead/real_time/threads:") + t,
-                        std::string("BM_SharedMutexRead/real_time/threads:") + t, true);
+    // A lock by its CPU time, which a busy machine disturbs less.
+    const std::string ours = std::string("BM_MultiReaderLockRead/real_time/threads:") + t;
+    const std::string reference = std::string("BM_SharedMutexRead/real_time/threads:") + t;
+    reporter.printRatio(ours + " / " + reference, ours, reference, true, "ours / reference");
   }
   benchmark::Shutdown();
   return 0;
