@@ -9,15 +9,11 @@
 namespace LUtils {
 
 void SampleKdTree::clear() {
-  trees_.clear();
-  buffer_.clear();
+  tree_ = Tree{};
+  grid_.clear();
 }
 
-size_t SampleKdTree::size() const {
-  size_t n = buffer_.size();
-  for (const Tree& t : trees_) n += t.size();
-  return n;
-}
+size_t SampleKdTree::size() const { return tree_.size() + grid_.size(); }
 
 bool SampleKdTree::makeEntry(IrradSample& s, Entry& out) {
   const Vector& p = s.position;
@@ -39,7 +35,7 @@ void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
       if (makeEntry(block[i], e)) entries.push_back(e);
     }
   }
-  addTree(std::move(entries), true);
+  if (!entries.empty()) buildTree(tree_, entries);
 }
 
 void SampleKdTree::build(IrradSample* const* samples, size_t count) {
@@ -50,58 +46,29 @@ void SampleKdTree::build(IrradSample* const* samples, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     if (samples[i] && makeEntry(*samples[i], e)) entries.push_back(e);
   }
-  addTree(std::move(entries), true);
+  if (!entries.empty()) buildTree(tree_, entries);
 }
 
 void SampleKdTree::insert(IrradSample& sample) {
   Entry e;
   if (!makeEntry(sample, e)) return;
-  buffer_.push_back(e);
-  if (buffer_.size() < kBufferSize) return;
-  // The full buffer becomes a tree, and absorbs every smaller tree that is less than
-  // kMergeRatio times its size: the trees then shrink by that ratio or more from the largest on,
-  // so a query visits only log(n) / log(kMergeRatio) of them, while each entry is rebuilt about
-  // kMergeRatio times per level. The largest tree (usually the one the map was prepared with)
-  // is absorbed only by a tree at least its size.
-  std::vector<Entry> merged;
-  merged.swap(buffer_);
-  while (!trees_.empty()) {
-    const size_t last = trees_.back().size();
-    const bool largest = trees_.size() == 1;
-    if (largest ? last > merged.size() : last > kMergeRatio * merged.size()) break;
-    const Tree& smaller = trees_.back();
-    for (size_t i = 0; i < smaller.size(); ++i) {
-      merged.push_back(
-          {smaller.x[i], smaller.y[i], smaller.z[i], smaller.r[i], smaller.samples[i]});
-    }
-    trees_.pop_back();
-  }
-  // Radii may have been lowered since the absorbed entries were built: take the current ones,
-  // which keeps the bounds tight.
-  size_t kept = 0;
-  for (Entry& m : merged) {
-    if (makeEntry(*m.sample, m)) merged[kept++] = m;
-  }
-  merged.resize(kept);
-  buffer_.reserve(kBufferSize);
-  addTree(std::move(merged), false);
+  grid_.insert(e);
+  if ((grid_.size() >= foldMinimum_ && grid_.size() >= tree_.size()) || grid_.nearlyFull()) fold();
 }
 
-void SampleKdTree::addTree(std::vector<Entry>&& entries, bool sah) {
-  if (entries.empty()) return;
-  Tree tree;
-  buildTree(tree, entries, sah);
-  // Keep the list ordered largest first.
-  auto pos = std::find_if(trees_.begin(), trees_.end(),
-                          [&](const Tree& t) { return t.size() < tree.size(); });
-  trees_.insert(pos, std::move(tree));
+// Rebuilds the tree over its own samples and the grid's, with their current radii (lowered ones
+// make tighter bounds), and empties the grid.
+void SampleKdTree::fold() {
+  std::vector<IrradSample*> all(tree_.samples);
+  all.insert(all.end(), grid_.samples().begin(), grid_.samples().end());
+  build(all.data(), all.size());
 }
 
-void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries, bool sah) {
+void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
   const size_t n = entries.size();
   std::vector<BinaryNode> binary;
   binary.reserve(n / (kLeafSize / 2) + 1);
-  const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0, sah);
+  const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0);
   tree.nodes.clear();
   tree.nodes.reserve(binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
@@ -285,7 +252,7 @@ SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
 // bounds the depth whatever the data.
 SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
                                              std::vector<BinaryNode>& nodes, uint32_t begin,
-                                             uint32_t end, int depth, bool sah) {
+                                             uint32_t end, int depth) {
   constexpr float inf = std::numeric_limits<float>::infinity();
   Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
   float plo[3] = {inf, inf, inf}, phi[3] = {-inf, -inf, -inf};
@@ -304,7 +271,7 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
   const uint32_t count = end - begin;
   if (count <= kLeafSize || depth >= 60) return child;
 
-  uint32_t mid = sah ? sahSplit(entries, begin, end, plo, phi) : begin;
+  uint32_t mid = sahSplit(entries, begin, end, plo, phi);
   if (mid == begin || mid == end || depth >= 40) {
     int axis = 0;
     for (int a = 1; a < 3; ++a) {
@@ -323,20 +290,20 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
     // The halves are built side by side into node lists of their own and appended in preorder,
     // so the result is the same node for node as a build on one thread.
     std::vector<BinaryNode> lowNodes, highNodes;
-    auto buildLow = [&] { low = buildChild(entries, lowNodes, begin, mid, depth + 1, sah); };
+    auto buildLow = [&] { low = buildChild(entries, lowNodes, begin, mid, depth + 1); };
     std::thread worker;
     try {
       worker = std::thread(buildLow);
     } catch (const std::system_error&) {
       buildLow();  // no thread to spare: build it here
     }
-    high = buildChild(entries, highNodes, mid, end, depth + 1, sah);
+    high = buildChild(entries, highNodes, mid, end, depth + 1);
     if (worker.joinable()) worker.join();
     low = appendNodes(nodes, lowNodes, low);
     high = appendNodes(nodes, highNodes, high);
   } else {
-    low = buildChild(entries, nodes, begin, mid, depth + 1, sah);
-    high = buildChild(entries, nodes, mid, end, depth + 1, sah);
+    low = buildChild(entries, nodes, begin, mid, depth + 1);
+    high = buildChild(entries, nodes, mid, end, depth + 1);
   }
   nodes[index].child[0] = low;
   nodes[index].child[1] = high;

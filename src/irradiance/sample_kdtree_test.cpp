@@ -75,25 +75,28 @@ class KdTreeAgainstBruteForce : public ::testing::Test {
 
 TEST_F(KdTreeAgainstBruteForce, BuiltTreeThenInsertsThenRebuild) {
   fill(5000);
-  SampleKdTree tree;
+  SampleKdTree tree(1000);  // folds the inserted samples into the tree from 1000 on
   tree.build(samples);
   EXPECT_EQ(tree.size(), 5000u);
   EXPECT_GT(checkProbes(tree, 5000, 400), 100u);  // the probes do find samples
 
-  // Insert one at a time, crossing many buffer flushes and tree merges.
-  fill(3000);
-  for (size_t i = 5000; i < 8000; ++i) {
+  // Insert one at a time: the grid grows to the tree's size, is folded in, and starts again.
+  fill(7000);
+  for (size_t i = 5000; i < 12000; ++i) {
     tree.insert(samples[i]);
     if (i % 617 == 0) checkProbes(tree, i + 1, 20);
+    if (i == 9999) {
+      EXPECT_EQ(tree.insertedCount(), 0u);  // folded at 5000 inserted
+    }
   }
-  EXPECT_EQ(tree.size(), 8000u);
-  EXPECT_LE(tree.treeCount(), 10u);  // logarithmic, not one tree per flush
-  checkProbes(tree, 8000, 400);
+  EXPECT_EQ(tree.size(), 12000u);
+  EXPECT_EQ(tree.insertedCount(), 2000u);
+  checkProbes(tree, 12000, 400);
 
   tree.build(samples);
-  EXPECT_EQ(tree.size(), 8000u);
-  EXPECT_EQ(tree.treeCount(), 1u);
-  checkProbes(tree, 8000, 200);
+  EXPECT_EQ(tree.size(), 12000u);
+  EXPECT_EQ(tree.insertedCount(), 0u);
+  checkProbes(tree, 12000, 200);
 }
 
 // Large enough that the rebuild builds subtrees on several threads; two rebuilds give the same
@@ -127,15 +130,20 @@ TEST_F(KdTreeAgainstBruteForce, InsertsIntoAnEmptyTree) {
 
 TEST_F(KdTreeAgainstBruteForce, LoweredRadiiAreHonoured) {
   fill(3000);
-  SampleKdTree tree;
+  SampleKdTree tree(1000);
   tree.build(samples);
   for (size_t i = 0; i < samples.size(); i += 3) samples[i].validRadius2 *= 0.25f;
   checkProbes(tree, 3000, 300);
-  // Inserting after the lowering folds old entries into new trees with the current radii.
-  fill(1000);
-  for (size_t i = 3000; i < 4000; ++i) tree.insert(samples[i]);
-  for (size_t i = 1; i < samples.size(); i += 5) samples[i].validRadius2 = 0.0f;
-  checkProbes(tree, 4000, 300);
+  // Inserted samples are lowered too, in the grid and after the fold that takes them and the
+  // lowered tree samples into a new tree with the current radii.
+  fill(4000);
+  for (size_t i = 3000; i < 5000; ++i) tree.insert(samples[i]);
+  for (size_t i = 1; i < 5000; i += 5) samples[i].validRadius2 = 0.0f;
+  checkProbes(tree, 5000, 300);
+  for (size_t i = 5000; i < 7000; ++i) tree.insert(samples[i]);  // folds at 3000 inserted
+  EXPECT_EQ(tree.insertedCount(), 1000u);
+  for (size_t i = 2; i < samples.size(); i += 7) samples[i].validRadius2 *= 0.5f;
+  checkProbes(tree, 7000, 300);
 }
 
 TEST(SampleKdTree, ContainmentIsStrict) {
@@ -170,6 +178,47 @@ TEST(SampleKdTree, UnreachableSamplesAreLeftOut) {
   EXPECT_TRUE(viaTree(tree, {nan, 0, 0}).empty());
   for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
   EXPECT_EQ(tree.size(), 2u);
+}
+
+// Inserted samples where the grid's arithmetic is tight: spheres whose boxes end exactly on cell
+// borders, tiny radii far from the origin, cells 2^18 apart that share a list, radii from 1e-18
+// to infinity. Probes just inside and just outside each sphere along every axis.
+TEST(SampleKdTree, InsertedSamplesAtTheGridsLimits) {
+  BlockSequence<IrradSample> samples;
+  samples.append(sphere(0, 0, 0, 1.0f));
+  samples.append(sphere(2, 2, 2, 2.0f));
+  samples.append(sphere(-4, 4, -4, 0.5f));
+  samples.append(sphere(1e6f, -1e6f, 3.0f, 1e-3f));
+  samples.append(sphere(4.0f * 262144.0f, 0, 0, 0.5f));  // shares a cell with (0, 0, 0)
+  samples.append(sphere(-3e30f, 1e30f, 0, 1e29f));
+  samples.append(sphere(1e-20f, 0, 0, 1e-18f));
+  IrradSample everywhere = sphere(7, 7, 7, 1.0f);
+  everywhere.validRadius2 = std::numeric_limits<float>::infinity();
+  samples.append(everywhere);
+
+  SampleKdTree tree;
+  for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
+  EXPECT_EQ(tree.insertedCount(), samples.size());
+  for (size_t i = 0; i + 1 < samples.size(); ++i) {
+    const IrradSample& s = samples[i];
+    const float r = std::sqrt(s.validRadius2);
+    for (float f : {0.0f, 0.999f, 0.99999f, 1.0f, 1.00001f}) {
+      for (int a = 0; a < 3; ++a) {
+        for (float sign : {-1.0f, 1.0f}) {
+          Vector p = s.position;
+          p[a] += sign * f * r;
+          std::vector<const IrradSample*> expected;
+          for (size_t j = 0; j < samples.size(); ++j) {
+            if (lengthSquared(p - samples[j].position) < samples[j].validRadius2) {
+              expected.push_back(&samples[j]);
+            }
+          }
+          std::sort(expected.begin(), expected.end());
+          EXPECT_EQ(viaTree(tree, p), expected) << "sample " << i << " f " << f << " axis " << a;
+        }
+      }
+    }
+  }
 }
 
 TEST(SampleKdTree, ManySamplesAtOnePoint) {

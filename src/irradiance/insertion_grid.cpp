@@ -1,0 +1,128 @@
+#include "irradiance/insertion_grid.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace LUtils {
+
+void InsertionGrid::clear() {
+  slots_.clear();
+  shift_ = 64;
+  used_ = 0;
+  pool_.clear();
+  poolSamples_.clear();
+  levels_.clear();
+  unbounded_.clear();
+  samples_.clear();
+}
+
+const InsertionGrid::Slot* InsertionGrid::find(uint64_t key) const {
+  if (slots_.empty()) return nullptr;
+  const size_t mask = slots_.size() - 1;
+  for (size_t i = home(key);; i = (i + 1) & mask) {
+    const Slot& s = slots_[i];
+    if (s.key == key) return &s;
+    if (s.key == kEmpty) return nullptr;
+  }
+}
+
+InsertionGrid::Slot& InsertionGrid::findOrAdd(uint64_t key) {
+  if (2 * (used_ + 1) > slots_.size()) grow();
+  const size_t mask = slots_.size() - 1;
+  for (size_t i = home(key);; i = (i + 1) & mask) {
+    Slot& s = slots_[i];
+    if (s.key == key) return s;
+    if (s.key == kEmpty) {
+      s.key = key;
+      s.count = 0;
+      s.begin = static_cast<uint32_t>(poolSamples_.size());
+      pool_.resize(pool_.size() + 4 * capacity(0), 0.0f);
+      poolSamples_.resize(poolSamples_.size() + capacity(0), nullptr);
+      ++used_;
+      return s;
+    }
+  }
+}
+
+void InsertionGrid::grow() {
+  std::vector<Slot> old;
+  old.swap(slots_);
+  const size_t size = old.empty() ? 1024 : 2 * old.size();
+  slots_.assign(size, Slot{kEmpty, 0, 0});
+  shift_ = 64 - std::countr_zero(size);
+  const size_t mask = size - 1;
+  for (const Slot& s : old) {
+    if (s.key == kEmpty) continue;
+    size_t i = home(s.key);
+    while (slots_[i].key != kEmpty) i = (i + 1) & mask;
+    slots_[i] = s;
+  }
+}
+
+void InsertionGrid::append(Slot& slot, const Sphere& s) {
+  uint32_t c = capacity(slot.count);
+  if (slot.count == c) {
+    // Full: move the cell to a range twice the size at the end of the pool. The old range is
+    // left unused; the pool is at most about twice the entries it holds.
+    const uint32_t begin = static_cast<uint32_t>(poolSamples_.size());
+    const uint32_t grown = 2 * c;
+    pool_.resize(pool_.size() + 4 * static_cast<size_t>(grown), 0.0f);
+    poolSamples_.resize(poolSamples_.size() + grown, nullptr);
+    for (int field = 0; field < 4; ++field) {
+      std::memcpy(pool_.data() + 4 * static_cast<size_t>(begin) + field * grown,
+                  pool_.data() + 4 * static_cast<size_t>(slot.begin) + field * c,
+                  slot.count * sizeof(float));
+    }
+    std::memcpy(poolSamples_.data() + begin, poolSamples_.data() + slot.begin,
+                slot.count * sizeof(IrradSample*));
+    slot.begin = begin;
+    c = grown;
+  }
+  float* x = pool_.data() + 4 * static_cast<size_t>(slot.begin);
+  x[slot.count] = s.x;
+  x[c + slot.count] = s.y;
+  x[2 * c + slot.count] = s.z;
+  x[3 * c + slot.count] = s.r;
+  poolSamples_[slot.begin + slot.count] = s.sample;
+  ++slot.count;
+}
+
+void InsertionGrid::insert(const Sphere& s) {
+  samples_.push_back(s.sample);
+  // The bounding box in double, widened by far more than the rounding of its corners, so that
+  // the box certainly holds every point the sphere's own test accepts.
+  const double c[3] = {s.x, s.y, s.z};
+  double lo[3], hi[3], side = 0.0;
+  for (int a = 0; a < 3; ++a) {
+    const double margin = s.r + (std::abs(c[a]) + s.r) * 0x1p-40;
+    lo[a] = c[a] - margin;
+    hi[a] = c[a] + margin;
+    side = std::max(side, hi[a] - lo[a]);
+  }
+  int k = 0;
+  if (std::isfinite(side)) std::frexp(side, &k);  // side <= 2^k
+  if (!std::isfinite(side) || k > kMaxLevel) {
+    unbounded_.push_back(s);
+    return;
+  }
+  k = std::max(k + (k & 1), kMinLevel);
+  auto level = std::find_if(levels_.begin(), levels_.end(), [k](const Level& l) { return l.k >= k; });
+  if (level == levels_.end() || level->k != k) {
+    level = levels_.insert(level, Level{k, std::ldexp(1.0, -k), 0});
+  }
+  ++level->samples;
+  int64_t from[3], to[3];
+  for (int a = 0; a < 3; ++a) {
+    from[a] = cellOf(lo[a], level->scale);
+    to[a] = cellOf(hi[a], level->scale);
+  }
+  for (int64_t ix = from[0]; ix <= to[0]; ++ix) {
+    for (int64_t iy = from[1]; iy <= to[1]; ++iy) {
+      for (int64_t iz = from[2]; iz <= to[2]; ++iz) {
+        append(findOrAdd(keyOf(k, ix, iy, iz)), s);
+      }
+    }
+  }
+}
+
+}  // namespace LUtils

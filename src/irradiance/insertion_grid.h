@@ -1,0 +1,148 @@
+// The index of samples inserted one at a time during an incremental merge: a hash grid over
+// their validity spheres that takes a sample in constant time and answers a point query with one
+// cell per level in use, however many samples came before.
+//
+// Levels are absolute: the cells of level k are cubes of side 2^k world units aligned at the
+// origin, for even k only. A sample goes to the level whose cell side is the smallest power of
+// four not smaller than its bounding box (the validity sphere widened a little), and is listed in
+// every cell of that level the box overlaps: at most two per axis, so at most eight. A point
+// inside the sphere is inside the box, so the one cell that holds the point on that level lists
+// the sample. Steps of four rather than two halve the levels a query visits (radii in one frame
+// span a factor of 10 to 100) for a few more entries per cell, which are tested four at a time. Cell
+// coordinates wrap at 2^18 cells per axis; cells that far apart share a list, which costs a
+// little scanning and never an answer, since every listed sphere is tested.
+//
+// A cell's entries lie together in one pool, one array per field (x, y, z, bounding radius) so
+// that they are tested four at a time; a full cell moves to a range twice its size at the end of
+// the pool. The radius kept is the validity radius when inserted, a bound: the query also tests
+// the sample's current validRadius2, which may only be lowered while indexed. Samples whose box
+// is too large for any level (an infinite radius) are kept in a list that every query scans.
+#pragma once
+
+#include <bit>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "io/vector.h"
+#include "irradiance/irrad_sample.h"
+#include "irradiance/sphere_hits.h"
+
+namespace LUtils {
+
+class InsertionGrid {
+ public:
+  // A bounding sphere and its sample: the position and a radius no smaller than the validity
+  // radius (with margin for rounding).
+  struct Sphere {
+    float x, y, z, r;
+    IrradSample* sample;
+  };
+
+  void clear();
+  // Indexes the sample with the given bounding sphere (finite position, positive radius).
+  void insert(const Sphere& sphere);
+
+  // Samples indexed, in insertion order.
+  size_t size() const { return samples_.size(); }
+  const std::vector<IrradSample*>& samples() const { return samples_; }
+  // Levels that hold samples; for tests and statistics.
+  size_t levelCount() const { return levels_.size(); }
+  // True when the pool's 32-bit cell offsets are half used: time to fold the grid into a tree.
+  bool nearlyFull() const { return poolSamples_.size() > (size_t{1} << 31); }
+
+  // Calls f(IrradSample&) for every indexed sample with |p - position|^2 < validRadius2, level by
+  // level from the smallest cells, in insertion order within a cell.
+  template <class F>
+  void forEachContaining(const Vector& p, F& f) const {
+    PendingHits<F> hits(f);
+    gather(p, hits);
+    hits.flush();
+  }
+  // Adds every sample whose bounding sphere contains p to `hits`.
+  template <class F>
+  void gather(const Vector& p, PendingHits<F>& hits) const;
+
+ private:
+  // A cell: its key, and `count` entries from pool index `begin` in a range of capacity(count).
+  struct Slot {
+    uint64_t key;
+    uint32_t begin, count;
+  };
+  struct Level {
+    int k;          // cell side 2^k, k even
+    double scale;   // 2^-k
+    size_t samples; // samples listed on this level
+  };
+  static constexpr uint64_t kEmpty = ~uint64_t{0};
+  static constexpr int kCoordBits = 18;
+  static constexpr int kMinLevel = -126, kMaxLevel = 127;
+
+  static uint32_t capacity(uint32_t count) {
+    return count <= 4 ? 4 : std::bit_ceil(count);
+  }
+  // The cell index of coordinate v at a level: floor(v * 2^-k), exact in double for every float
+  // v and level, clamped far beyond any coordinate that wraps differently (NaN goes to cell 0).
+  // Truncation and a correction rather than std::floor, which is a library call on baseline x86.
+  static int64_t cellOf(double v, double scale) {
+    const double c = v * scale;
+    constexpr double limit = 4.0e18;
+    if (!(c > -limit)) return c < 0.0 ? static_cast<int64_t>(-limit) : 0;
+    if (c > limit) return static_cast<int64_t>(limit);
+    const int64_t t = static_cast<int64_t>(c);
+    return t - (static_cast<double>(t) > c ? 1 : 0);
+  }
+  static uint64_t keyOf(int k, int64_t ix, int64_t iy, int64_t iz) {
+    constexpr uint64_t mask = (uint64_t{1} << kCoordBits) - 1;
+    return (static_cast<uint64_t>(k - kMinLevel) << (3 * kCoordBits)) |
+           ((static_cast<uint64_t>(ix) & mask) << (2 * kCoordBits)) |
+           ((static_cast<uint64_t>(iy) & mask) << kCoordBits) | (static_cast<uint64_t>(iz) & mask);
+  }
+  size_t home(uint64_t key) const {
+    return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> shift_);
+  }
+  uint64_t keyAt(const Level& level, const Vector& p) const {
+    return keyOf(level.k, cellOf(p.x, level.scale), cellOf(p.y, level.scale),
+                 cellOf(p.z, level.scale));
+  }
+  const Slot* find(uint64_t key) const;
+  Slot& findOrAdd(uint64_t key);
+  void append(Slot& slot, const Sphere& s);
+  void grow();
+
+  template <class F>
+  void scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const;
+
+  std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
+  int shift_ = 64;            // 64 - log2(slots_.size())
+  size_t used_ = 0;           // slots holding a cell
+  std::vector<float> pool_;   // per cell range of capacity c: c x, c y, c z, c r
+  std::vector<IrradSample*> poolSamples_;  // per cell range: c samples
+  std::vector<Level> levels_;  // in use, by cell size
+  std::vector<Sphere> unbounded_;
+  std::vector<IrradSample*> samples_;
+};
+
+template <class F>
+void InsertionGrid::scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {
+  const uint32_t c = capacity(slot.count);
+  const float* x = pool_.data() + 4 * static_cast<size_t>(slot.begin);
+  gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, poolSamples_.data() + slot.begin, slot.count, p,
+                hits);
+}
+
+template <class F>
+void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
+  for (const Level& level : levels_) {
+    const Slot* slot = find(keyAt(level, p));
+    if (slot) scanCell(*slot, p, hits);
+  }
+  for (const Sphere& e : unbounded_) {
+    const float dx = p.x - e.x, dy = p.y - e.y, dz = p.z - e.z;
+    const float d2 = dx * dx + dy * dy + dz * dz;
+    hits.add(e.sample, d2);
+  }
+}
+
+}  // namespace LUtils

@@ -1,0 +1,92 @@
+// The sphere test shared by the sample indexes: bounding spheres kept field by field are tested
+// against a query point four at a time, and the samples of those that contain it wait in a short
+// list for their own test.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "io/vector.h"
+#include "irradiance/irrad_sample.h"
+
+namespace LUtils {
+
+// Spheres found to contain a query point by their bounds, waiting for their samples' own test
+// (the current validRadius2). Each sample is asked for from memory as soon as it is found and
+// tested later, in the order found, so that the waits for the samples overlap with the rest of
+// the search instead of following one another.
+template <class F>
+class PendingHits {
+ public:
+  explicit PendingHits(F& f) : f_(f) {}
+  PendingHits(const PendingHits&) = delete;
+  PendingHits& operator=(const PendingHits&) = delete;
+
+  void add(IrradSample* s, float d2) {
+    // The fields a lookup reads lie in the first 44 bytes, which may span two cache lines.
+    __builtin_prefetch(s);
+    __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+    if (n_ == kCapacity) flush();
+    hits_[n_++] = {s, d2};
+  }
+  // Calls f for the pending samples that pass their own test; the caller calls it once the search
+  // is done.
+  void flush() {
+    for (uint32_t i = 0; i < n_; ++i) {
+      if (hits_[i].d2 < hits_[i].sample->validRadius2) f_(*hits_[i].sample);
+    }
+    n_ = 0;
+  }
+
+ private:
+  static constexpr uint32_t kCapacity = 64;
+  struct Hit {
+    IrradSample* sample;
+    float d2;
+  };
+  F& f_;
+  uint32_t n_ = 0;
+  Hit hits_[kCapacity];
+};
+
+// Adds to `hits` the samples of the n spheres (centres x, y, z and radii r, one array per field)
+// whose bounds contain p. The arrays are read in groups of four: they must be readable up to the
+// next multiple of four past n.
+template <class F>
+void gatherSpheres(const float* x, const float* y, const float* z, const float* r,
+                   IrradSample* const* samples, uint32_t n, const Vector& p,
+                   PendingHits<F>& hits) {
+#if defined(__SSE2__)
+  const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
+  for (uint32_t i = 0; i < n; i += 4) {
+    const __m128 dx = _mm_sub_ps(px, _mm_loadu_ps(x + i));
+    const __m128 dy = _mm_sub_ps(py, _mm_loadu_ps(y + i));
+    const __m128 dz = _mm_sub_ps(pz, _mm_loadu_ps(z + i));
+    const __m128 d2 =
+        _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+    const __m128 ri = _mm_loadu_ps(r + i);
+    uint32_t in = static_cast<uint32_t>(_mm_movemask_ps(_mm_cmplt_ps(d2, _mm_mul_ps(ri, ri))));
+    if (n - i < 4) in &= (1u << (n - i)) - 1;
+    if (!in) continue;
+    alignas(16) float d2s[4];
+    _mm_store_ps(d2s, d2);
+    while (in) {
+      const int k = std::countr_zero(in);
+      in &= in - 1;
+      hits.add(samples[i + k], d2s[k]);
+    }
+  }
+#else
+  for (uint32_t i = 0; i < n; ++i) {
+    const float dx = p.x - x[i], dy = p.y - y[i], dz = p.z - z[i];
+    const float d2 = dx * dx + dy * dy + dz * dz;
+    if (d2 < r[i] * r[i]) hits.add(samples[i], d2);
+  }
+#endif
+}
+
+}  // namespace LUtils
