@@ -11,6 +11,7 @@ void InsertionGrid::clear() {
   used_ = 0;
   pool_.clear();
   poolSamples_.clear();
+  for (std::vector<uint32_t>& list : freeRanges_) list.clear();
   levels_.clear();
   unbounded_.clear();
   samples_.clear();
@@ -35,9 +36,7 @@ InsertionGrid::Slot& InsertionGrid::findOrAdd(uint64_t key) {
     if (s.key == kEmpty) {
       s.key = key;
       s.count = 0;
-      s.begin = static_cast<uint32_t>(poolSamples_.size());
-      pool_.resize(pool_.size() + 4 * capacity(0), 0.0f);
-      poolSamples_.resize(poolSamples_.size() + capacity(0), nullptr);
+      s.begin = allocate(0);
       ++used_;
       return s;
     }
@@ -59,15 +58,29 @@ void InsertionGrid::grow() {
   }
 }
 
+// A range of the size class: a freed one of that size, or a new one at the pool's end.
+uint32_t InsertionGrid::allocate(int sizeClass) {
+  std::vector<uint32_t>& list = freeRanges_[sizeClass];
+  if (!list.empty()) {
+    const uint32_t begin = list.back();
+    list.pop_back();
+    return begin;
+  }
+  const uint32_t begin = static_cast<uint32_t>(poolSamples_.size());
+  const size_t end = poolSamples_.size() + classSize(sizeClass);
+  pool_.resize(4 * end + 4, 0.0f);
+  poolSamples_.resize(end, nullptr);
+  return begin;
+}
+
 void InsertionGrid::append(Slot& slot, const Sphere& s) {
-  uint32_t c = capacity(slot.count);
+  const int sizeClass = classOf(slot.count);
+  uint32_t c = classSize(sizeClass);
   if (slot.count == c) {
-    // Full: move the cell to a range twice the size at the end of the pool. The old range is
-    // left unused; the pool is at most about twice the entries it holds.
-    const uint32_t begin = static_cast<uint32_t>(poolSamples_.size());
-    const uint32_t grown = 2 * c;
-    pool_.resize(pool_.size() + 4 * static_cast<size_t>(grown), 0.0f);
-    poolSamples_.resize(poolSamples_.size() + grown, nullptr);
+    // Full: move the cell to a range of the next size; the one it leaves goes to the free list
+    // of its size.
+    const uint32_t grown = classSize(sizeClass + 1);
+    const uint32_t begin = allocate(sizeClass + 1);
     for (int field = 0; field < 4; ++field) {
       std::memcpy(pool_.data() + 4 * static_cast<size_t>(begin) + field * grown,
                   pool_.data() + 4 * static_cast<size_t>(slot.begin) + field * c,
@@ -75,6 +88,7 @@ void InsertionGrid::append(Slot& slot, const Sphere& s) {
     }
     std::memcpy(poolSamples_.data() + begin, poolSamples_.data() + slot.begin,
                 slot.count * sizeof(IrradSample*));
+    freeRanges_[sizeClass].push_back(slot.begin);
     slot.begin = begin;
     c = grown;
   }

@@ -13,8 +13,8 @@
 // little scanning and never an answer, since every listed sphere is tested.
 //
 // A cell's entries lie together in one pool, one array per field (x, y, z, bounding radius) so
-// that they are tested four at a time; a full cell moves to a range twice its size at the end of
-// the pool. The radius kept is the validity radius when inserted, a bound: the query also tests
+// that they are tested four at a time; a full cell moves to a range half as large again, and the
+// range it leaves is reused by the next cell that needs one of that size. The radius kept is the validity radius when inserted, a bound: the query also tests
 // the sample's current validRadius2, which may only be lowered while indexed. Samples whose box
 // is too large for any level (an infinite radius) are kept in a list that every query scans.
 #pragma once
@@ -79,9 +79,16 @@ class InsertionGrid {
   static constexpr int kCoordBits = 18;
   static constexpr int kMinLevel = -126, kMaxLevel = 127;
 
-  static uint32_t capacity(uint32_t count) {
-    return count <= 4 ? 4 : std::bit_ceil(count);
+  // Ranges come in sizes 1, 2, 3, 4, 6, 8, 12, 16, ... (about 1.5 apart): most cells hold only a
+  // few entries.
+  static uint32_t classSize(int k) { return k == 0 ? 1u : (k & 1 ? 2u : 3u) << ((k - 1) >> 1); }
+  // The smallest class that holds `count` entries.
+  static int classOf(uint32_t count) {
+    if (count <= 2) return count <= 1 ? 0 : 1;
+    const int b = std::bit_width(count - 1);  // 2^(b-1) < count <= 2^b
+    return count <= (3u << (b - 2)) ? 2 * b - 2 : 2 * b - 1;
   }
+  static uint32_t capacity(uint32_t count) { return classSize(classOf(count)); }
   // The cell index of coordinate v at a level: floor(v * 2^-k), exact in double for every float
   // v and level, clamped far beyond any coordinate that wraps differently (NaN goes to cell 0).
   // Truncation and a correction rather than std::floor, which is a library call on baseline x86.
@@ -108,6 +115,7 @@ class InsertionGrid {
   }
   const Slot* find(uint64_t key) const;
   Slot& findOrAdd(uint64_t key);
+  uint32_t allocate(int sizeClass);
   void append(Slot& slot, const Sphere& s);
   void grow();
 
@@ -117,8 +125,11 @@ class InsertionGrid {
   std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
   int shift_ = 64;            // 64 - log2(slots_.size())
   size_t used_ = 0;           // slots holding a cell
-  std::vector<float> pool_;   // per cell range of capacity c: c x, c y, c z, c r
+  // Per cell range of capacity c: c x, c y, c z, c r; four floats more at the end, since the
+  // test reads the radii in groups of four past the last entry.
+  std::vector<float> pool_;
   std::vector<IrradSample*> poolSamples_;  // per cell range: c samples
+  std::vector<uint32_t> freeRanges_[64];    // ranges left by cells that moved, by size class
   std::vector<Level> levels_;  // in use, by cell size
   std::vector<Sphere> unbounded_;
   std::vector<IrradSample*> samples_;

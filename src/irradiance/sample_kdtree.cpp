@@ -53,7 +53,9 @@ void SampleKdTree::insert(IrradSample& sample) {
   Entry e;
   if (!makeEntry(sample, e)) return;
   grid_.insert(e);
-  if ((grid_.size() >= foldMinimum_ && grid_.size() >= tree_.size()) || grid_.nearlyFull()) fold();
+  if ((grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) || grid_.nearlyFull()) {
+    fold();
+  }
 }
 
 // Rebuilds the tree over its own samples and the grid's, with their current radii (lowered ones

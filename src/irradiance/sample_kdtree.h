@@ -1,10 +1,11 @@
 // The sample kd-tree: answers "which samples' validity spheres contain p" for samples that stay
 // where the block storage keeps them. One full rebuild indexes every stored sample in a static
 // tree; samples added afterwards go one at a time into a hash grid (irradiance/insertion_grid.h),
-// so an insertion never rebuilds anything. When the grid holds as many samples as the tree (and
-// at least foldMinimum), both are folded into one new tree: the grid, which takes a few times the
-// memory per sample that the tree does, stays in proportion to the tree, and a long merge builds
-// each sample into a tree about twice.
+// so an insertion never rebuilds anything. When the grid holds half as many samples as the tree
+// (and at least foldMinimum), both are folded into one new tree. The grid takes several times the
+// memory per sample that the tree does (about 180 bytes against 24); folding at half the tree's
+// size keeps it near the memory of the samples themselves (84 bytes each), while a long merge
+// builds each sample into a tree about three times.
 //
 // The tree keeps, per entry, a pointer to the sample and a bounding sphere (the position and the
 // validity radius read when the entry was last built). A query tests the bounding sphere
