@@ -5,7 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "io/file_errors.h"
 #include "lightcache/light_test_util.h"
@@ -14,104 +18,96 @@ namespace {
 
 using lighttest::words;
 
+// Each version's record size and where its words land in the sample, as runs of
+// {sample word, record word, count}; sample words that no run reaches stay zero.
 struct VersionCase {
   uint32_t version;
   uint32_t recordWords;
+  std::vector<std::array<uint32_t, 3>> runs;
 };
-const VersionCase kVersions[] = {{0x10000, 11}, {0x20000, 15}, {0x30000, 18},
-                                 {0x40000, 20}, {0x50000, 30}, {0x60000, 30}};
+const VersionCase kVersions[] = {{0x10000, 11, {{0, 0, 7}, {14, 7, 4}, {18, 7, 4}, {22, 3, 3}}},
+                                 {0x20000, 15, {{0, 0, 7}, {14, 7, 4}, {18, 7, 4}, {22, 3, 3}}},
+                                 {0x30000, 18, {{0, 0, 7}, {14, 7, 11}}},
+                                 {0x40000, 20, {{0, 0, 7}, {14, 7, 11}}},
+                                 {0x50000, 30, {{0, 0, 7}, {14, 14, 11}, {28, 28, 1}}},
+                                 {0x60000, 30, {{0, 0, 7}, {8, 8, 17}, {26, 26, 3}}}};
+
+const VersionCase& versionCase(uint32_t version) {
+  return *std::find_if(std::begin(kVersions), std::end(kVersions),
+                       [&](const VersionCase& v) { return v.version == version; });
+}
 
 // Record word i of record r: a float near 2 whose low bits tell the record and word apart.
 uint32_t fileWord(uint32_t r, uint32_t i) { return 0x40000000u | (r << 8) | i; }
 
-std::vector<uint32_t> fileOf(uint32_t version, int32_t count, uint32_t records, uint32_t recWords) {
+std::vector<uint32_t> fileOf(uint32_t version, int32_t count, uint32_t records) {
   std::vector<uint32_t> w = {version, uint32_t(count)};
   for (uint32_t r = 0; r < records; ++r) {
-    for (uint32_t i = 0; i < recWords; ++i) w.push_back(fileWord(r, i));
+    for (uint32_t i = 0; i < versionCase(version).recordWords; ++i) w.push_back(fileWord(r, i));
   }
   return w;
 }
 
-// The sample words a record of each version must give, written out word by word.
+// The sample words record r of a file of `version` must give.
 std::vector<uint32_t> expectedWords(uint32_t version, uint32_t r) {
   std::vector<uint32_t> w(30, 0);
-  auto f = [&](uint32_t i) { return fileWord(r, i); };
-  for (uint32_t i = 0; i <= 6; ++i) w[i] = f(i);
-  switch (version) {
-    case 0x10000:
-    case 0x20000:
-      for (uint32_t i = 0; i < 4; ++i) w[14 + i] = w[18 + i] = f(7 + i);
-      for (uint32_t i = 0; i < 3; ++i) w[22 + i] = f(3 + i);
-      break;
-    case 0x30000:
-    case 0x40000:
-      for (uint32_t i = 14; i <= 24; ++i) w[i] = f(i - 7);
-      break;
-    case 0x50000:
-      for (uint32_t i = 14; i <= 24; ++i) w[i] = f(i);
-      w[28] = f(28);
-      break;
-    default:
-      for (uint32_t i = 8; i <= 24; ++i) w[i] = f(i);
-      for (uint32_t i = 26; i <= 28; ++i) w[i] = f(i);
+  for (const auto& [to, from, n] : versionCase(version).runs) {
+    for (uint32_t i = 0; i < n; ++i) w[to + i] = fileWord(r, from + i);
   }
   return w;
+}
+
+std::string bytesOf(const std::vector<uint32_t>& w) {
+  return std::string(reinterpret_cast<const char*>(w.data()), 4 * w.size());
 }
 
 class LightMapFile : public lighttest::ScratchDir {};
 
-TEST_F(LightMapFile, EveryVersionMapsItsWords) {
+TEST_F(LightMapFile, EveryVersionMapsItsWordsAndSavesAsTheNewest) {
   for (const VersionCase& v : kVersions) {
     SCOPED_TRACE(v.version);
-    const std::string p = path("v.lulmap");
-    writeWords(p, fileOf(v.version, 3, 3, v.recordWords));
+    const std::string in = path("in.lulmap"), out = path("out.lulmap");
+    writeWords(in, fileOf(v.version, 3, 3));
     LightMap map;
-    ASSERT_EQ(map.load(p.c_str()), 0);
+    ASSERT_EQ(map.load(in.c_str()), 0);
     ASSERT_EQ(map.sampleCount(), 3u);
-    for (uint32_t r = 0; r < 3; ++r) EXPECT_EQ(words(map.samples()[r]), expectedWords(v.version, r));
+    for (uint32_t r = 0; r < 3; ++r)
+      EXPECT_EQ(words(map.samples()[r]), expectedWords(v.version, r));
     EXPECT_FALSE(map.needsRebuild());
     EXPECT_NE(map.treeRoot(), nullptr);
+
+    // The newest version: header, then the samples exactly as in memory, alignment words zero.
+    // That version's own row above shows such a file reads back word for word.
+    ASSERT_EQ(map.save(out.c_str(), nullptr), 0);
+    std::vector<uint32_t> saved = {0x60000, 3};
+    for (uint32_t r = 0; r < 3; ++r) {
+      const auto w = expectedWords(v.version, r);
+      saved.insert(saved.end(), w.begin(), w.end());
+    }
+    EXPECT_EQ(readBytes(out), bytesOf(saved));
+
     // Records after a non-positive count are not read.
     for (int32_t count : {0, -5}) {
-      writeWords(p, fileOf(v.version, count, 1, v.recordWords));
-      EXPECT_EQ(map.load(p.c_str()), 0);
+      writeWords(in, fileOf(v.version, count, 1));
+      EXPECT_EQ(map.load(in.c_str()), 0);
       EXPECT_EQ(map.sampleCount(), v.version == 0x60000 ? 0u : 3u) << count;
     }
   }
 }
 
-TEST_F(LightMapFile, SaveAndLoadKeepEveryWordThatIsStored) {
-  for (const VersionCase& v : kVersions) {
-    SCOPED_TRACE(v.version);
-    const std::string in = path("in.lulmap"), out = path("out.lulmap");
-    writeWords(in, fileOf(v.version, 2, 2, v.recordWords));
-    LightMap a;
-    ASSERT_EQ(a.load(in.c_str()), 0);
-    ASSERT_EQ(a.save(out.c_str(), nullptr), 0);
-    // The newest version: header, then the samples exactly as in memory.
-    std::string expected(8 + 2 * 120, '\0');
-    const uint32_t header[2] = {0x60000, 2};
-    std::memcpy(expected.data(), header, 8);
-    std::memcpy(expected.data() + 8, &a.samples()[0], 120);
-    std::memcpy(expected.data() + 128, &a.samples()[1], 120);
-    EXPECT_EQ(readBytes(out), expected);
-
-    LightMap b;
-    ASSERT_EQ(b.load(out.c_str()), 0);
-    ASSERT_EQ(b.sampleCount(), 2u);
-    for (uint32_t r = 0; r < 2; ++r) EXPECT_EQ(words(b.samples()[r]), expectedWords(v.version, r));
-  }
-}
-
 TEST_F(LightMapFile, BadFilesAreRefusedAndLeaveTheSamplesAlone) {
   const std::string good = path("good.lulmap");
-  writeWords(good, fileOf(0x30000, 2, 2, 18));
+  writeWords(good, fileOf(0x30000, 2, 2));
   LightMap map;
   ASSERT_EQ(map.load(good.c_str()), 0);
 
   const std::string p = path("bad.lulmap");
-  writeWords(p, fileOf(0x70000, 1, 1, 30));
-  EXPECT_EQ(map.load(p.c_str()), LUtils::kFileFormatError);
+  for (uint32_t unknown : {0u, 0x60001u, 0x70000u}) {
+    std::vector<uint32_t> w = fileOf(0x60000, 1, 1);
+    w[0] = unknown;
+    writeWords(p, w);
+    EXPECT_EQ(map.load(p.c_str()), LUtils::kFileFormatError) << unknown;
+  }
   writeWords(p, {0x60000}, 1);  // version word cut
   EXPECT_EQ(map.load(p.c_str()), LUtils::kFileFormatError);
   writeWords(p, {0x60000});  // no count
@@ -119,10 +115,9 @@ TEST_F(LightMapFile, BadFilesAreRefusedAndLeaveTheSamplesAlone) {
   // Cut inside the last record, and a huge count: nothing is read, not even the complete records,
   // and a newest-version file does not wipe what is held.
   for (uint32_t version : {0x40000u, 0x60000u}) {
-    const uint32_t recWords = version == 0x40000 ? 20 : 30;
-    writeWords(p, fileOf(version, 3, 3, recWords), 7);
+    writeWords(p, fileOf(version, 3, 3), 7);
     EXPECT_EQ(map.load(p.c_str()), LUtils::kFileFormatError);
-    writeWords(p, fileOf(version, 0x7FFFFFFF, 1, recWords));
+    writeWords(p, fileOf(version, 0x7FFFFFFF, 1));
     EXPECT_EQ(map.load(p.c_str()), LUtils::kFileFormatError);
   }
   EXPECT_EQ(map.load(path("missing.lulmap").c_str()), LUtils::kFileOpenError);
@@ -135,7 +130,7 @@ TEST_F(LightMapFile, BadFilesAreRefusedAndLeaveTheSamplesAlone) {
 TEST_F(LightMapFile, ACutStreamKeepsOnlyItsCompleteRecords) {
   const std::string fifo = path("pipe");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  std::thread writer([&] { writeWords(fifo, fileOf(0x50000, 4, 3, 30), 10); });
+  std::thread writer([&] { writeWords(fifo, fileOf(0x50000, 4, 3), 10); });
   LightMap map;
   EXPECT_EQ(map.load(fifo.c_str()), LUtils::kFileReadError);
   writer.join();
@@ -147,26 +142,23 @@ TEST_F(LightMapFile, OlderVersionsAddAndTheNewestReplaces) {
   const std::string v3 = path("v3.lulmap"), v2 = path("v2.lulmap"), v6 = path("v6.lulmap");
   LightMap map;
   lighttest::addPlaneSamples(map, 5, 10.0f, 20.0f, 0.01f, 1);
-  writeWords(v3, fileOf(0x30000, 3, 3, 18));
-  writeWords(v2, fileOf(0x20000, 2, 2, 15));
-  writeWords(v6, fileOf(0x60000, 1, 1, 30));
+  writeWords(v3, fileOf(0x30000, 3, 3));
+  writeWords(v2, fileOf(0x20000, 2, 2));
+  writeWords(v6, fileOf(0x60000, 1, 1));
 
   ASSERT_EQ(map.load(v3.c_str()), 0);
   ASSERT_EQ(map.load(v2.c_str()), 0);
   ASSERT_EQ(map.sampleCount(), 10u);
   // The rebuilt tree finds every sample at its own position.
+  struct Find : LightMapStoreCb {
+    const LightMapSample* wanted = nullptr;
+    bool found = false;
+    int store(LightMapSample& x) override { return found |= &x == wanted, 1; }
+  } find;
   for (size_t i = 0; i < map.sampleCount(); ++i) {
-    LightMapSample& s = map.samples()[i];
-    struct Find : LightMapStoreCb {
-      LightMapSample* wanted;
-      bool found = false;
-      int store(LightMapSample& x) override {
-        found |= &x == wanted;
-        return 1;
-      }
-    } find;
-    find.wanted = &s;
-    map.query(s.position, nullptr, find);
+    find.wanted = &map.samples()[i];
+    find.found = false;
+    map.query(find.wanted->position, nullptr, find);
     EXPECT_TRUE(find.found) << i;
   }
 
@@ -176,9 +168,10 @@ TEST_F(LightMapFile, OlderVersionsAddAndTheNewestReplaces) {
   EXPECT_EQ(map.treeRoot(), nullptr);  // one sample has no tree
 }
 
-class CountOnly : public LightMap::SaveCb {
+// Passes the samples whose first value word is even, and gives a count of its own.
+class EvenValues : public LightMap::SaveCb {
  public:
-  explicit CountOnly(int n) : n_(n) {}
+  explicit EvenValues(int n) : n_(n) {}
   bool accept(const LightMapSample& s) override { return s.valueA[0] % 2 == 0; }
   int count() override { return n_; }
 
@@ -194,15 +187,14 @@ TEST_F(LightMapFile, SaveFilterAndNames) {
 
   // The filter's count is written as it stands even though accept passes 3 samples.
   const std::string p = path("f.lulmap");
-  CountOnly filter(7);
+  EvenValues filter(7);
   ASSERT_EQ(map.save(p.c_str(), &filter), 0);
-  const std::string bytes = readBytes(p);
-  ASSERT_EQ(bytes.size(), 8u + 3 * 120);
-  uint32_t header[2];
-  std::memcpy(header, bytes.data(), 8);
-  EXPECT_EQ(header[0], 0x60000u);
-  EXPECT_EQ(header[1], 7u);
-  EXPECT_EQ(0, std::memcmp(bytes.data() + 8 + 120, &map.samples()[2], 120));
+  std::vector<uint32_t> expected = {0x60000, 7};
+  for (size_t i : {0, 2, 4}) {
+    const auto w = words(map.samples()[i]);
+    expected.insert(expected.end(), w.begin(), w.end());
+  }
+  EXPECT_EQ(readBytes(p), bytesOf(expected));
 
   EXPECT_EQ(map.save(path("no/such/dir.lulmap").c_str(), nullptr), LUtils::kFileOpenError);
   EXPECT_EQ(map.save("/dev/full", nullptr), LUtils::kFileWriteError);
@@ -210,7 +202,7 @@ TEST_F(LightMapFile, SaveFilterAndNames) {
 
 TEST_F(LightMapFile, AFailedWriteKeepsTheOldFile) {
   const std::string p = path("old.lulmap");
-  writeWords(p, fileOf(0x60000, 1, 1, 30));
+  writeWords(p, fileOf(0x60000, 1, 1));
   const std::string before = readBytes(p);
 
   LightMap big;

@@ -1,6 +1,7 @@
 #include "lightcache/light_merge.h"
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "lightcache/light_test_util.h"
@@ -18,42 +19,71 @@ LightMap* planeCache(size_t n, float x0, float x1, float r, uint32_t seed, uint3
   return map;
 }
 
-TEST(LightMerge, PlainAddsEverySampleInOrder) {
+class RecordingProgress final : public LUtils::ProgressCallback {
+ public:
+  void setTotal(int32_t t) override { total = t; }
+  int32_t getTotal() override { return total; }
+  void setProgress(int32_t d) override { last = d; }
+  int32_t getProgress() override { return last; }
+  void setTitle(const char*) override {}
+  void start() override { events += "s"; }
+  void done() override { events += "d"; }
+  int32_t total = 0, last = 0;
+  std::string events;
+};
+
+TEST(LightMerge, PlainAddsEverySampleInOrderAndReportsProgress) {
   LightMap target;
   addPlaneSamples(target, 30, 0.0f, 1.0f, 0.05f, 1);
   target.rebuildTree();
+  RecordingProgress progress;
+  mergeLightMaps(target, new LightMap, 0, nullptr, &progress);
+  EXPECT_EQ(progress.events, "") << "progress for a source without samples";
+
   LightMap* source = planeCache(25000, 0.0f, 1.0f, 0.05f, 1);  // more than one block
   const auto last = words(source->samples()[24999]);
   LightMergeCounts counts;
-  EXPECT_EQ(mergeLightMaps(target, source, 0, &counts), 0);
+  EXPECT_EQ(mergeLightMaps(target, source, 0, &counts, &progress), 0);
   EXPECT_EQ(counts.added, 25000u);
   EXPECT_EQ(counts.skipped, 0u);
   ASSERT_EQ(target.sampleCount(), 25030u);
   EXPECT_EQ(words(target.samples()[25029]), last);
   EXPECT_FALSE(target.needsRebuild());
+  EXPECT_EQ(progress.events, "sd");
+  EXPECT_EQ(progress.total, 25000);
+  EXPECT_EQ(progress.last, 25000);
 }
 
 struct OverlapCase {
   const char* what;
   float sourceX0, sourceRadius;
-  uint32_t sourceSeed;
+  uint32_t sourceSeed, sourceId;
+  bool flipped;
   double added, tolerance;
 };
 
-// Against a target of 5000 samples over [0, 1] x [0, 1]: the same samples add nothing, a cache
-// that lies elsewhere (dense within itself) adds everything, one that covers half the target's
-// area adds about half (plus a rim of one radius).
+// Against a target of 5000 samples with id 0 over [0, 1] x [0, 1], facing up: the same samples
+// add nothing, but all of them when they carry another id or face the other way; a cache that
+// lies elsewhere (dense within itself) adds everything, one that covers half the target's area
+// adds about half (plus a rim of one radius).
 TEST(LightMerge, IncrementalAddsOnlyUncoveredSamples) {
-  const OverlapCase cases[] = {{"itself", 0.0f, 0.02f, 2, 0.0, 0.0},
-                               {"disjoint", 2.0f, 0.05f, 4, 5000.0, 0.0},
-                               {"half overlapping", 0.5f, 0.02f, 6, 2500.0, 250.0}};
+  const OverlapCase cases[] = {{"itself", 0.0f, 0.02f, 2, 0, false, 0.0, 0.0},
+                               {"another id", 0.0f, 0.02f, 2, 1, false, 5000.0, 0.0},
+                               {"facing away", 0.0f, 0.02f, 2, 0, true, 5000.0, 0.0},
+                               {"disjoint", 2.0f, 0.05f, 4, 0, false, 5000.0, 0.0},
+                               {"half overlapping", 0.5f, 0.02f, 6, 0, false, 2500.0, 250.0}};
   for (const OverlapCase& c : cases) {
     SCOPED_TRACE(c.what);
     LightMap target;
     addPlaneSamples(target, 5000, 0.0f, 1.0f, 0.02f, 2);
     LightMergeCounts counts;
+    LightMap* source =
+        planeCache(5000, c.sourceX0, c.sourceX0 + 1.0f, c.sourceRadius, c.sourceSeed, c.sourceId);
+    source->samples().forEach(0, [&](LightMapSample& s) {
+      if (c.flipped) s.normal = s.normalB = {0.0f, 0.0f, -1.0f};
+      return true;
+    });
     // The target's tree is built by the merge itself, as after insertions.
-    LightMap* source = planeCache(5000, c.sourceX0, c.sourceX0 + 1.0f, c.sourceRadius, c.sourceSeed);
     EXPECT_EQ(mergeLightMaps(target, source, 1, &counts), 0);
     EXPECT_EQ(counts.added + counts.skipped, 5000u);
     EXPECT_NEAR(double(counts.added), c.added, c.tolerance);
@@ -68,27 +98,6 @@ TEST(LightMerge, IncrementalAddsOnlyUncoveredSamples) {
   }
 }
 
-TEST(LightMerge, CoverageNeedsTheSameIdAndFacing) {
-  LightMap target;
-  addPlaneSamples(target, 2000, 0.0f, 1.0f, 0.05f, 7, /*id=*/1);
-  LightMergeCounts counts;
-  mergeLightMaps(target, planeCache(1000, 0.0f, 1.0f, 0.05f, 8, /*id=*/2), 1, &counts);
-  EXPECT_EQ(counts.added, 1000u);
-
-  // Same place and id, but facing the other way.
-  LightMap* flipped = planeCache(1000, 0.0f, 1.0f, 0.05f, 9, 1);
-  flipped->samples().forEach(0, [](LightMapSample& s) {
-    s.normal = s.normalB = {0.0f, 0.0f, -1.0f};
-    return true;
-  });
-  mergeLightMaps(target, flipped, 1, &counts);
-  EXPECT_EQ(counts.added, 1000u);
-
-  // Same place, id and facing: covered.
-  mergeLightMaps(target, planeCache(1000, 0.0f, 1.0f, 0.05f, 10, 1), 1, &counts);
-  EXPECT_EQ(counts.added, 0u);
-}
-
 TEST(LightMerge, EmptyTargetNullSourceAndSelf) {
   LightMap target;
   LightMergeCounts counts;
@@ -99,30 +108,6 @@ TEST(LightMerge, EmptyTargetNullSourceAndSelf) {
   EXPECT_EQ(counts.added, 0u);
   EXPECT_EQ(mergeLightMaps(target, &target, 0, &counts), -1);
   EXPECT_EQ(target.sampleCount(), 100u);
-}
-
-class RecordingProgress final : public LUtils::ProgressCallback {
- public:
-  void setTotal(int32_t t) override { total = t; }
-  int32_t getTotal() override { return total; }
-  void setProgress(int32_t d) override { last = d; }
-  int32_t getProgress() override { return last; }
-  void setTitle(const char*) override {}
-  void start() override { events += "s"; }
-  void done() override { events += "d"; }
-  int32_t total = 0, last = 0;
-  std::string events;
-};
-
-TEST(LightMerge, ReportsProgressOnlyForSamples) {
-  LightMap target;
-  RecordingProgress progress;
-  mergeLightMaps(target, new LightMap, 0, nullptr, &progress);
-  EXPECT_EQ(progress.events, "");
-  mergeLightMaps(target, planeCache(10000, 0.0f, 1.0f, 0.1f, 12), 0, nullptr, &progress);
-  EXPECT_EQ(progress.events, "sd");
-  EXPECT_EQ(progress.total, 10000);
-  EXPECT_EQ(progress.last, 10000);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <cmath>
 #include <limits>
 #include <random>
-#include <set>
 #include <vector>
 
 #include "lightcache/light_map.h"
@@ -37,6 +36,24 @@ std::vector<LightMapSample*> bruteHits(LightMap& map, const LUtils::Vector& p,
   });
   std::sort(hits.begin(), hits.end());
   return hits;
+}
+
+// The samples in the tree's leaves, in address order; a sample held twice appears twice.
+std::vector<const LightMapSample*> treeSamples(const LightMap& map) {
+  std::vector<const LightMapSample*> out;
+  std::vector<const LightMapNode*> stack;
+  if (map.treeRoot()) stack.push_back(map.treeRoot());
+  while (!stack.empty()) {
+    const LightMapNode* node = stack.back();
+    stack.pop_back();
+    if (node->isLeaf()) {
+      out.insert(out.end(), node->samples, node->samples + node->count);
+    } else {
+      stack.insert(stack.end(), node->child, node->child + 2);
+    }
+  }
+  std::sort(out.begin(), out.end());
+  return out;
 }
 
 enum class Layout { kUniform, kClusters, kSamePoint, kMixedRadii };
@@ -86,11 +103,9 @@ std::vector<LUtils::Vector> queryPoints(LightMap& map, uint32_t seed) {
     points.push_back(s.position);
     float x = s.position.x + std::sqrt(s.radiusSquared);
     float y = s.position.y - std::sqrt(s.radiusSquared);
-    for (int k = 0; k < 3; ++k) {
+    for (int k = 0; k < 3; ++k, x = std::nextafter(x, 2.0f), y = std::nextafter(y, -2.0f)) {
       points.push_back({x, s.position.y, s.position.z});
       points.push_back({s.position.x, y, s.position.z});
-      x = std::nextafter(x, 2.0f);
-      y = std::nextafter(y, -2.0f);
     }
   }
   return points;
@@ -113,6 +128,10 @@ TEST(LightMapTree, QueriesEqualABruteForceScan) {
         map.rebuildTree();
         EXPECT_EQ(map.treeRoot() != nullptr, n >= 2);
         EXPECT_LE(map.treeDepth(), 81u);
+        // Every sample sits in exactly one leaf.
+        const auto inTree = treeSamples(map);
+        EXPECT_EQ(inTree.size(), n >= 2 ? n : 0);
+        EXPECT_EQ(std::adjacent_find(inTree.begin(), inTree.end()), inTree.end());
         LightMapSampleFilter facing({0.3f, -0.2f, 0.9f});
         size_t total = 0;
         for (const LUtils::Vector& p : queryPoints(map, seed)) {
@@ -142,21 +161,12 @@ TEST(LightMapTree, SamplesThatContainNothingAreLeftOut) {
   map.samples()[8].radiusSquared = 0.0f;  // contains its own centre only
   map.rebuildTree();
 
-  size_t indexed = 0;
-  std::set<const LightMapSample*> seen;
-  std::vector<const LightMapNode*> stack = {map.treeRoot()};
-  while (!stack.empty()) {
-    const LightMapNode* node = stack.back();
-    stack.pop_back();
-    if (!node->isLeaf()) {
-      stack.push_back(node->child[0]);
-      stack.push_back(node->child[1]);
-      continue;
-    }
-    for (uint32_t i = 0; i < node->count; ++i) seen.insert(node->samples[i]), ++indexed;
+  // Samples 3 to 6 contain no point and are left out; every other one sits in exactly one leaf.
+  std::vector<const LightMapSample*> expected;  // one block: index order is address order
+  for (size_t i = 0; i < 200; ++i) {
+    if (i < 3 || i > 6) expected.push_back(&map.samples()[i]);
   }
-  EXPECT_EQ(indexed, 196u);  // each indexable sample exactly once
-  EXPECT_EQ(seen.size(), 196u);
+  EXPECT_EQ(treeSamples(map), expected);
 
   for (const LUtils::Vector& p : queryPoints(map, 8)) ASSERT_EQ(treeHits(map, p, nullptr),
                                                                 bruteHits(map, p, nullptr));
