@@ -8,22 +8,18 @@
 namespace LUtils {
 namespace {
 
-TEST(BlockSequence, AddressesStayPutAcrossBlocks) {
-  BlockSequence<int> seq(3);
+TEST(BlockSequence, AddressesStayPutAndForEachWalksFromAnIndexAcrossBlocks) {
+  BlockSequence<int> seq(4);
   std::vector<int*> addresses;
-  for (int i = 0; i < 10; ++i) addresses.push_back(seq.append(i));
-  EXPECT_EQ(seq.size(), 10u);
-  EXPECT_EQ(seq.blockCount(), 4u);
-  EXPECT_EQ(seq.blockLength(3), 1u);
-  for (int i = 0; i < 10; ++i) {
+  for (int i = 0; i < 11; ++i) addresses.push_back(seq.append(i));
+  EXPECT_EQ(seq.size(), 11u);
+  EXPECT_EQ(seq.blockCount(), 3u);
+  EXPECT_EQ(seq.blockLength(2), 3u);
+  for (int i = 0; i < 11; ++i) {
     EXPECT_EQ(&seq[i], addresses[i]);
     EXPECT_EQ(*addresses[i], i);
   }
-}
 
-TEST(BlockSequence, ForEachStartsAtAnIndexAndStops) {
-  BlockSequence<int> seq(4);
-  for (int i = 0; i < 11; ++i) seq.append(i);
   std::vector<int> seen;
   EXPECT_EQ(seq.forEach(5, [&](int& v) { seen.push_back(v); return true; }), 6u);
   EXPECT_EQ(seen, (std::vector<int>{5, 6, 7, 8, 9, 10}));
@@ -38,9 +34,7 @@ TEST(BlockSequence, EmptyAndCleared) {
   BlockSequence<std::string> seq(2);
   EXPECT_TRUE(seq.empty());
   EXPECT_EQ(seq.forEach(0, [](std::string&) { return true; }), 0u);
-  seq.append("a");
-  seq.append("b");
-  seq.append("c");
+  for (const char* s : {"a", "b", "c"}) seq.append(s);
   seq.clear();
   EXPECT_EQ(seq.size(), 0u);
   EXPECT_EQ(seq.blockCount(), 0u);

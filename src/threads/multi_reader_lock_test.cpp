@@ -54,62 +54,46 @@ Contender writer(MultiReaderLock& lock, uint32_t t) {
   return Contender([&lock, t] { lock.writeLock(t); }, [&lock, t] { lock.writeUnlock(t); });
 }
 
-TEST(MultiReaderLock, ReadersHoldTheLockTogether) {
-  constexpr uint32_t kThreads = 4;
-  MultiReaderLock lock(kThreads);
-  std::atomic<uint32_t> inside{0};
-  std::atomic<uint32_t> sawEveryone{0};
-  runBounded("concurrent readers", [&] {
-    std::vector<std::thread> readers;
-    for (uint32_t t = 0; t < kThreads; ++t) {
-      readers.emplace_back([&, t] {
-        lock.readLock(t);
-        inside.fetch_add(1);
-        if (waitUntil([&] { return inside.load() == kThreads; })) sawEveryone.fetch_add(1);
-        lock.readUnlock(t);
-      });
-    }
-    for (auto& r : readers) r.join();
-  });
-  EXPECT_EQ(sawEveryone.load(), kThreads);
-}
-
-TEST(MultiReaderLock, AWriterWaitsForReadersAndKeepsEveryoneOut) {
+TEST(MultiReaderLock, AWriterWaitsForEveryReaderAndKeepsEveryoneOut) {
   MultiReaderLock lock(3);
-  lock.readLock(1);
-  Contender first = writer(lock, 0);
-  EXPECT_TRUE(first.keptOut());
-  lock.readUnlock(1);
-  ASSERT_TRUE(first.gotIn());
+  runBounded("readers and writers", [&] {
+    Contender firstReader = reader(lock, 1), secondReader = reader(lock, 2);
+    ASSERT_TRUE(firstReader.gotIn() && secondReader.gotIn()) << "readers held each other out";
+    Contender first = writer(lock, 0);
+    EXPECT_TRUE(first.keptOut());
+    firstReader.letGo();
+    EXPECT_TRUE(first.keptOut());
+    secondReader.letGo();
+    ASSERT_TRUE(first.gotIn());
 
-  Contender blockedReader = reader(lock, 2);
-  EXPECT_TRUE(blockedReader.keptOut());
-  first.letGo();
-  ASSERT_TRUE(blockedReader.gotIn());
+    Contender blockedReader = reader(lock, 2);
+    EXPECT_TRUE(blockedReader.keptOut());
+    first.letGo();
+    ASSERT_TRUE(blockedReader.gotIn());
 
-  Contender second = writer(lock, 1);
-  EXPECT_TRUE(second.keptOut());
-  blockedReader.letGo();
-  ASSERT_TRUE(second.gotIn());
+    Contender second = writer(lock, 1);
+    EXPECT_TRUE(second.keptOut());
+    blockedReader.letGo();
+    ASSERT_TRUE(second.gotIn());
 
-  Contender third = writer(lock, 0);
-  EXPECT_TRUE(third.keptOut());
-  second.letGo();
-  ASSERT_TRUE(third.gotIn());
-  third.letGo();
-  runBounded("lock after use", [&] {
+    Contender third = writer(lock, 0);
+    EXPECT_TRUE(third.keptOut());
+    second.letGo();
+    ASSERT_TRUE(third.gotIn());
+    third.letGo();
     lock.writeLock(2);
     lock.writeUnlock(2);
   });
 }
 
-TEST(MultiReaderLock, AReaderUpgradesAndNestedWritesCountUp) {
+TEST(MultiReaderLock, UpgradesNestedWritesAndDowngradesGiveEveryReadBack) {
   MultiReaderLock lock(2);
   runBounded("upgrade", [&] {
     lock.readLock(0);
     lock.readLock(0);
     lock.writeLock(0);  // own reads do not hold the writer up
     lock.writeLock(0);
+    lock.readLock(0);  // taken under the write lock: it outlives it
     Contender other = reader(lock, 1);
     lock.writeUnlock(0);
     EXPECT_TRUE(other.keptOut()) << "the inner write unlock released the lock";
@@ -117,24 +101,15 @@ TEST(MultiReaderLock, AReaderUpgradesAndNestedWritesCountUp) {
     EXPECT_TRUE(other.gotIn());
     other.letGo();
 
-    // The two read locks are back: a writer waits for both of them.
+    // The two reads from before the upgrade and the one taken under it are held: a writer
+    // waits for all three.
     Contender otherWriter = writer(lock, 1);
-    lock.readUnlock(0);
-    EXPECT_TRUE(otherWriter.keptOut());
-    lock.readUnlock(0);
+    for (int held = 3; held > 0; --held) {
+      EXPECT_TRUE(otherWriter.keptOut()) << held << " reads held";
+      lock.readUnlock(0);
+    }
     EXPECT_TRUE(otherWriter.gotIn());
   });
-}
-
-TEST(MultiReaderLock, AReadTakenUnderTheWriteLockOutlivesIt) {
-  MultiReaderLock lock(2);
-  lock.writeLock(0);
-  lock.readLock(0);
-  lock.writeUnlock(0);
-  Contender other = writer(lock, 1);
-  EXPECT_TRUE(other.keptOut());
-  lock.readUnlock(0);
-  EXPECT_TRUE(other.gotIn());
 }
 
 // Mixed readers, writers, upgrades and nested writes. Writers rewrite a plain array so that a

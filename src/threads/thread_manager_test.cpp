@@ -21,6 +21,7 @@
 namespace LUtils {
 namespace {
 
+using ::testing::_;
 using ::testing::ElementsAre;
 using LUtils::testing::waitUntil;
 using Body = std::function<void(std::atomic<int32_t>* result, std::atomic<int32_t>* progress,
@@ -28,6 +29,10 @@ using Body = std::function<void(std::atomic<int32_t>* result, std::atomic<int32_
 
 const std::string kTerminating = "[ThreadManager] Thread is terminating\n";
 const std::string kTimedOut = "[ThreadManager] Thread did not terminate for the timeout interval\n";
+const std::string kAllTerminated = "[ThreadManager] All threads terminated\n";
+std::string terminatingTrace(int n) {
+  return "[ThreadManager] Terminating " + std::to_string(n) + " threads\n";
+}
 
 // Collects the debug traces while it lives.
 class TraceRecorder {
@@ -139,10 +144,15 @@ TEST(ThreadManager, RunMakesOnlyTheMissingWorkersAndReusesThem) {
     ASSERT_EQ(manager.workerCount(), 5u) << "round " << round;
     ASSERT_EQ(again.threadSet(), second.threadSet());
   }
-  Task fewer(manager);
+  // A smaller run uses some of the workers; they are not workers of another manager, and the
+  // calling thread is no worker at all.
+  DefThreadManager other;
+  Task fewer(other);
   manager.run(3, &fewer, nullptr, false);
   EXPECT_EQ(manager.workerCount(), 5u);
   EXPECT_EQ(fewer.threads.size(), 3u);
+  for (const auto& [index, current] : fewer.currentIndexes) EXPECT_EQ(current, 0xFFFFFFFFu);
+  EXPECT_EQ(manager.currentThreadIndex(), 0xFFFFFFFFu);
 }
 
 TEST(ThreadManager, DefaultThreadCountComesFromTheEnvironment) {
@@ -163,16 +173,6 @@ TEST(ThreadManager, DefaultThreadCountComesFromTheEnvironment) {
   EXPECT_THAT(task.counts, ElementsAre(3));
   unsetenv("LUMORA_NUM_THREADS");
   EXPECT_EQ(reloadDefaultThreadCount(), processors);
-}
-
-TEST(ThreadManager, CurrentThreadIndexOffAWorkerIsAllOnes) {
-  DefThreadManager manager;
-  DefThreadManager other;
-  EXPECT_EQ(manager.currentThreadIndex(), 0xFFFFFFFFu);
-  // A worker of one manager is not a worker of another.
-  Task task(other);
-  manager.run(1, &task, nullptr, false);
-  EXPECT_EQ(task.currentIndexes[0], 0xFFFFFFFFu);
 }
 
 TEST(ThreadManager, AbortFromTheSinkReachesTheTaskAndIsReturned) {
@@ -236,75 +236,66 @@ struct BlockingObject : AsyncTask {
   std::atomic<bool> entered{false}, released{false}, finished{false};
 };
 
-TEST(ThreadManager, RunAsyncReturnsAtOnceAndTheObjectRuns) {
-  DefThreadManager manager;
-  BlockingObject object;
-  object.manager = &manager;
-  EXPECT_EQ(manager.runAsync(&object, 0x1234567890ull), 0);
-  EXPECT_FALSE(object.finished.load());  // still blocked: runAsync did not wait for it
-  ASSERT_TRUE(waitUntil([&] { return object.entered.load(); }));
-  EXPECT_EQ(object.received.load(), 0x1234567890ull);
-  EXPECT_EQ(object.index.load(), 0u);
-
-  // A run meanwhile cannot use the busy worker.
-  Task task(manager);
-  manager.run(1, &task, nullptr, false);
-  EXPECT_EQ(manager.workerCount(), 2u);
-
-  object.released.store(true);
-  EXPECT_TRUE(waitUntil([&] { return object.finished.load(); }));
-}
-
-TEST(ThreadManager, TerminateWithNoWorkers) {
+TEST(ThreadManager, TerminateStopsEveryWorkerAndTheManagerCanRunAgain) {
   TraceRecorder traces;
   {
     DefThreadManager manager;
     manager.terminateThreads(false);
+    EXPECT_THAT(traces.lines(),
+                ElementsAre("[ThreadManager] Constructor.\n", terminatingTrace(0), kAllTerminated));
+    Task task(manager);
+    manager.run(3, &task, nullptr, false);
+    manager.terminateThreads(false);
+    EXPECT_EQ(manager.workerCount(), 0u);
+    EXPECT_EQ(traces.count(terminatingTrace(3)), 1);
+    EXPECT_EQ(traces.count("[ThreadManager] Waiting for LGL thread to finish...\n"), 3);
+    EXPECT_EQ(traces.count(kTerminating), 3);  // joined, so every thread has traced
+    EXPECT_EQ(traces.lines().back(), kAllTerminated);
+
+    Task again(manager);
+    EXPECT_EQ(manager.run(2, &again, nullptr, false), 0);
+    EXPECT_EQ(again.threadSet().size(), 2u);
   }
-  EXPECT_THAT(traces.lines(), ElementsAre("[ThreadManager] Constructor.\n",
-                                          "[ThreadManager] Terminating 0 threads\n",
-                                          "[ThreadManager] All threads terminated\n",
-                                          "[ThreadManager] Destructor.\n",
-                                          "[ThreadManager] Terminating 0 threads\n",
-                                          "[ThreadManager] All threads terminated\n"));
-}
-
-TEST(ThreadManager, TerminateStopsEveryWorkerAndTheManagerCanRunAgain) {
-  TraceRecorder traces;
-  DefThreadManager manager;
-  Task task(manager);
-  manager.run(3, &task, nullptr, false);
-  manager.terminateThreads(false);
-  EXPECT_EQ(manager.workerCount(), 0u);
-  EXPECT_EQ(traces.count("[ThreadManager] Terminating 3 threads\n"), 1);
-  EXPECT_EQ(traces.count("[ThreadManager] Waiting for LGL thread to finish...\n"), 3);
-  EXPECT_EQ(traces.count(kTerminating), 3);  // joined, so every thread has traced
+  // The destructor stops the workers of the last run the same way.
+  const auto lines = traces.lines();
+  ASSERT_GE(lines.size(), 7u);
+  EXPECT_THAT(std::vector<std::string>(lines.end() - 7, lines.end()),
+              ElementsAre("[ThreadManager] Destructor.\n", terminatingTrace(2), _, _, _, _,
+                          kAllTerminated));
+  EXPECT_EQ(traces.count(kTerminating), 5);
   EXPECT_EQ(traces.count(kTimedOut), 0);
-  EXPECT_EQ(traces.lines().back(), "[ThreadManager] All threads terminated\n");
-
-  Task again(manager);
-  EXPECT_EQ(manager.run(2, &again, nullptr, false), 0);
-  EXPECT_EQ(again.threadSet().size(), 2u);
 }
 
-TEST(ThreadManager, AWorkerStuckPastTheWaitIsReportedAndLeftRunning) {
+TEST(ThreadManager, RunAsyncReturnsAtOnceAndTerminateLeavesAStuckWorkerRunning) {
   TraceRecorder traces;
   BlockingObject object;
   {
     DefThreadManager manager;
-    ASSERT_EQ(manager.runAsync(&object, 1), 0);
+    object.manager = &manager;
+    EXPECT_EQ(manager.runAsync(&object, 0x1234567890ull), 0);
+    EXPECT_FALSE(object.finished.load());  // still blocked: runAsync did not wait for it
     ASSERT_TRUE(waitUntil([&] { return object.entered.load(); }));
+    EXPECT_EQ(object.received.load(), 0x1234567890ull);
+    EXPECT_EQ(object.index.load(), 0u);
+
+    // A run meanwhile cannot use the busy worker.
+    Task task(manager);
+    manager.run(1, &task, nullptr, false);
+    EXPECT_EQ(manager.workerCount(), 2u);
+
+    // The busy worker is waited for, reported and left; the idle one ends.
     const auto start = std::chrono::steady_clock::now();
     manager.terminateThreads(true);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
     EXPECT_EQ(traces.count(kTimedOut), 1);
+    EXPECT_EQ(traces.count(kTerminating), 1);
     EXPECT_EQ(manager.workerCount(), 0u);
   }
   // The manager is gone; once let go the thread still finishes its job and its queued
   // terminate command.
   EXPECT_FALSE(object.finished.load());
   object.released.store(true);
-  EXPECT_TRUE(waitUntil([&] { return traces.count(kTerminating) == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return traces.count(kTerminating) == 2; }));
   EXPECT_TRUE(object.finished.load());
 }
 
