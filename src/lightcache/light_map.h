@@ -161,7 +161,7 @@ class LightMap {
   // rebuildTree().
   LightMapSample* insertSample();
 
-  // Frees every sample and the tree.
+  // Frees every sample and the tree, and sets the tree parameter back to its default.
   void clear();
 
   // Rebuilds the tree over all samples; a light cache with fewer than two samples has none.
