@@ -16,15 +16,20 @@
 namespace LUtils {
 namespace {
 
-IrradSample sampleAt(float x, float y, float z, float validRadius2 = 1.0f, int32_t renderId = 0) {
+IrradSample sampleAt(float x, float validRadius2 = 1.0f, int32_t renderId = 0) {
   IrradSample s{};
-  s.position = {x, y, z};
+  s.position = {x, 0, 0};
   s.normal = {0, 0, 1};
   s.validRadius2 = validRadius2;
   s.renderId = renderId;
   s.flags = 0xA5A5A5A5u;
   s.time = 0.25f;
   return s;
+}
+
+// Samples at x = 0, 1, ... n - 1.
+void fillRow(DefIrradianceMap& map, size_t n) {
+  for (size_t i = 0; i < n; ++i) map.appendSample(sampleAt(static_cast<float>(i)));
 }
 
 // Records every progress call as text.
@@ -41,12 +46,11 @@ class RecordingProgress final : public ProgressCallback {
   std::vector<std::string> calls;
 };
 
-TEST(DefIrradianceMap, PlainAddCopiesEverySampleWithProgress) {
-  DefIrradianceMap source, target;
-  target.appendSample(sampleAt(9, 9, 9));
-  for (int i = 0; i < 3; ++i) source.appendSample(sampleAt(static_cast<float>(i), 0, 0));
-
-  RecordingProgress progress;
+TEST(DefIrradianceMap, PlainAddCopiesEverySampleWithProgressAndIntoItselfOnce) {
+  DefIrradianceMap source, target, empty, self;
+  target.appendSample(sampleAt(9));
+  fillRow(source, 3);
+  RecordingProgress progress, untouched;
   EXPECT_EQ(target.addSamples(source, &progress, 0), 0);
   EXPECT_EQ(progress.calls, (std::vector<std::string>{"total 3", "at 0", "start", "at 1", "at 2",
                                                        "at 3", "done"}));
@@ -55,80 +59,65 @@ TEST(DefIrradianceMap, PlainAddCopiesEverySampleWithProgress) {
     EXPECT_EQ(std::memcmp(&target.samples()[i + 1], &source.samples()[i], sizeof(IrradSample)), 0);
   }
   EXPECT_EQ(source.samples().size(), 3u);
-
   // An empty source returns at once and leaves the progress untouched.
-  DefIrradianceMap empty;
-  RecordingProgress untouched;
   EXPECT_EQ(target.addSamples(empty, &untouched, 0), 0);
   EXPECT_TRUE(untouched.calls.empty());
-}
-
-TEST(DefIrradianceMap, AddingAMapToItselfDoublesIt) {
-  DefIrradianceMap map;
-  // Crosses a block boundary so that the enumeration sees the storage grow under it.
+  // A map added to itself doubles once, also when the storage grows a block under the
+  // enumeration.
   const size_t n = DefIrradianceMap::kSamplesPerBlock + 10;
-  for (size_t i = 0; i < n; ++i) map.appendSample(sampleAt(static_cast<float>(i), 0, 0));
-  map.addSamples(map, nullptr, 0);
-  ASSERT_EQ(map.samples().size(), 2 * n);
-  EXPECT_EQ(map.samples()[2 * n - 1].position.x, static_cast<float>(n - 1));
+  fillRow(self, n);
+  self.addSamples(self, nullptr, 0);
+  ASSERT_EQ(self.samples().size(), 2 * n);
+  EXPECT_EQ(self.samples()[2 * n - 1].position.x, static_cast<float>(n - 1));
 }
 
-class CountUpTo : public EnumIrradianceSamplesCallback {
- public:
-  explicit CountUpTo(int stopAfter) : stopAfter_(stopAfter) {}
+// Records the x of each sample it is handed, by enumeration (going on until `stopAfter`) or by
+// a query.
+struct Recorder : EnumIrradianceSamplesCallback, StoreCB {
+  explicit Recorder(int stop = INT_MAX) : stopAfter(stop) {}
   int process(IrradSample& s) override {
     seen.push_back(s.position.x);
-    return static_cast<int>(seen.size()) < stopAfter_;
+    return static_cast<int>(seen.size()) < stopAfter;
   }
+  void store(IrradSample& s) override { seen.push_back(s.position.x); }
+  int stopAfter;
   std::vector<float> seen;
-
- private:
-  int stopAfter_;
 };
 
 TEST(DefIrradianceMap, Enumeration) {
   DefIrradianceMap map;
   EXPECT_EQ(map.numSamples(), 0);
-  for (int i = 0; i < 10; ++i) map.appendSample(sampleAt(static_cast<float>(i), 0, 0));
+  fillRow(map, 10);
   EXPECT_EQ(map.numSamples(), 10);
   EXPECT_EQ(map.enumerateSamples(4, nullptr), 6);
   EXPECT_EQ(map.enumerateSamples(12, nullptr), 0);
-
-  CountUpTo all(100);
+  Recorder all, two(2);
   EXPECT_EQ(map.enumerateSamples(7, &all), 3);
   EXPECT_EQ(all.seen, (std::vector<float>{7, 8, 9}));
-  CountUpTo two(2);
   EXPECT_EQ(map.enumerateSamples(0, &two), 2);
   EXPECT_EQ(two.seen, (std::vector<float>{0, 1}));
-
   map.freeSamples();
   EXPECT_EQ(map.numSamples(), 0);
 }
 
-class Collect : public StoreCB {
- public:
-  void store(IrradSample& s) override { found.push_back(s.position.x); }
-  std::vector<float> found;
-};
-
 TEST(DefIrradianceMap, QueryFindsSamplesWhoseRegionHoldsThePoint) {
   DefIrradianceMap map;
-  map.appendSample(sampleAt(0, 0, 0, 1.0f));   // reaches 1 (strictly less)
-  map.appendSample(sampleAt(3, 0, 0, 4.0f));   // reaches 2
-  map.appendSample(sampleAt(10, 0, 0, 0.0f));  // reaches nothing
+  map.appendSample(sampleAt(0, 1.0f));   // reaches 1 (strictly less)
+  map.appendSample(sampleAt(3, 4.0f));   // reaches 2
+  map.appendSample(sampleAt(10, 0.0f));  // reaches nothing
   // At x = 1 both boundaries hold: 1 is not below 1, 4 not below 4.
   const std::pair<float, std::vector<float>> cases[] = {
       {1.0f, {}}, {1.5f, {3}}, {0.5f, {0}}, {10.0f, {}}};
   for (const auto& [x, expected] : cases) {
-    Collect found;
+    Recorder found;
     map.querySamples({x, 0, 0}, found);
-    EXPECT_EQ(found.found, expected) << x;
+    EXPECT_EQ(found.seen, expected) << x;
   }
 }
 
 TEST(DefIrradianceMap, PrepareClampsOrIndexesRenderIds) {
   DefIrradianceMap map;
-  for (int32_t id : {5, -7, -1, 0, 2, 5, INT_MAX}) map.appendSample(sampleAt(0, 0, 0, 1, id));
+  for (int32_t id : {5, -7, -1, 0, 2, 5, INT_MAX}) map.appendSample(sampleAt(0, 1, id));
   EXPECT_EQ(map.built(), 0);
 
   map.header()->containsRenderIds = 1;
@@ -158,18 +147,18 @@ TEST(DefIrradianceMap, SampleStreams) {
   WriteIrradianceMapStream* writer = map.openWriteStream();
   ASSERT_NE(writer, nullptr);
   EXPECT_EQ(map.openWriteStream(), nullptr);  // one writer at a time
-  for (int i = 0; i < 3; ++i) writer->write(sampleAt(static_cast<float>(i), 0, 0));
+  for (int i = 0; i < 3; ++i) writer->write(sampleAt(static_cast<float>(i)));
   EXPECT_EQ(writer->written(), 3u);
   map.closeWriteStream(writer);
   writer = map.openWriteStream();
   EXPECT_NE(writer, nullptr);
   map.closeWriteStream(writer);
 
+  // Two readers keep their own places.
   ReadIrradianceMapStream* a = map.openReadStream();
   ReadIrradianceMapStream* b = map.openReadStream();
   IrradSample s;
-  ASSERT_TRUE(a->read(s));
-  ASSERT_TRUE(a->read(s));
+  ASSERT_TRUE(a->read(s) && a->read(s));
   EXPECT_EQ(s.position.x, 1.0f);
   ASSERT_TRUE(b->read(s));
   EXPECT_EQ(s.position.x, 0.0f);
@@ -187,8 +176,8 @@ TEST(DefIrradianceMap, LockedModeAppendsFromSeveralThreads) {
   map.setLockedMode(true);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&map, t] {
-      for (int i = 0; i < 20000; ++i) map.appendSample(sampleAt(static_cast<float>(t), 0, 0));
+    threads.emplace_back([&map] {
+      for (int i = 0; i < 20000; ++i) map.appendSample(sampleAt(0));
     });
   }
   for (auto& th : threads) th.join();
@@ -198,19 +187,18 @@ TEST(DefIrradianceMap, LockedModeAppendsFromSeveralThreads) {
 using DefIrradianceMapFile = testing::TempDirTest;
 
 TEST_F(DefIrradianceMapFile, LoadAndAddKeepsWhatIsThere) {
-  DefIrradianceMap map;
-  map.appendSample(sampleAt(1, 2, 3));
+  DefIrradianceMap map, source;
+  map.appendSample(sampleAt(1));
   EXPECT_EQ(map.loadAndAddFromFile(nullptr, 0.0f, nullptr, 0), -1);
   EXPECT_EQ(map.loadAndAddFromFile("/nonexistent/map.lumap", 0.0f, nullptr, 0), -2);
   EXPECT_EQ(map.numSamples(), 1);
   // The source is read with the time offset, then appended after the existing sample.
   const std::string path = this->path("add.lumap");
-  DefIrradianceMap source;
-  source.appendSample(sampleAt(4, 5, 6));
+  source.appendSample(sampleAt(4));
   ASSERT_EQ(source.saveToFile(path.c_str(), nullptr), 0);
   EXPECT_EQ(map.loadAndAddFromFile(path.c_str(), 1.0f, nullptr, 0), 0);
   ASSERT_EQ(map.numSamples(), 2);
-  EXPECT_EQ(map.samples()[1].position, Vector(4, 5, 6));
+  EXPECT_EQ(map.samples()[1].position, Vector(4, 0, 0));
   EXPECT_EQ(map.samples()[1].time, 1.25f);
   EXPECT_EQ(map.formatVersion(), 0u);  // the target was never loaded itself
 }
@@ -221,8 +209,7 @@ TEST(IrradianceMapHeader, RateScales) {
                                              {31, 1.0f / 2147483648.0f}, {33, 0.5f},
                                              {-33, 2.0f},  {INT_MIN, 1.0f}};
   for (const auto& [rate, scale] : cases) {
-    h.minRate = rate;
-    h.maxRate = rate;
+    h.minRate = h.maxRate = rate;
     h.updateRateScales();
     EXPECT_EQ(h.minRateScale, scale) << rate;
     EXPECT_EQ(h.maxRateScale, scale) << rate;

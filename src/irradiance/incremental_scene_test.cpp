@@ -61,6 +61,8 @@ TEST(IncrementalMergeScene, SecondCameraAddsWhereTheFirstSawNothing) {
   fill(incremental, first, 0);
   fill(source, second, 1);
   const double coverageFirst = coverage(plain, probes);
+  SampleKdTree firstTree;
+  firstTree.build(plain.samples());  // the plain merge only appends: the first map's samples stay
 
   plain.addSamples(source, nullptr, 0);
   incremental.prepare(0);
@@ -69,10 +71,6 @@ TEST(IncrementalMergeScene, SecondCameraAddsWhereTheFirstSawNothing) {
   // Split the second map's samples by whether the first map already covered their point, and
   // see which of them the incremental merge kept: the kept ones follow the first map's samples,
   // byte for byte and in enumeration order.
-  SampleKdTree firstTree;
-  DefIrradianceMap firstOnly;
-  fill(firstOnly, first, 0);
-  firstTree.build(firstOnly.samples());
   size_t seenBefore = 0, keptSeenBefore = 0, newArea = 0, keptNewArea = 0;
   size_t next = first.size();  // the kept samples follow in enumeration order
   for (const IrradSample& s : second) {
