@@ -157,6 +157,19 @@ TEST(SampleKdTree, ContainmentIsStrictAndPilesAreFoundWhole) {
   EXPECT_TRUE(viaTree(tree, {0, 0, -2.0f}).empty());
   EXPECT_EQ(viaTree(tree, {10, 2, 3.4f}).size(), 10000u);
   EXPECT_TRUE(viaTree(tree, {10, 2, 3.5f}).empty());
+
+  // sqrt(2)^2 rounds to the float below 2: the sample's own test takes that point, so the index's
+  // bound must not drop it, neither in the tree nor in the grid.
+  samples.clear();
+  samples.append(sphere(0, 0, 0, 1.0f));
+  samples[0].validRadius2 = 2.0f;
+  const float x = std::sqrt(2.0f);
+  ASSERT_LT(x * x, 2.0f);
+  tree.build(samples);
+  EXPECT_EQ(viaTree(tree, {x, 0, 0}).size(), 1u);
+  tree.clear();
+  tree.insert(samples[0]);
+  EXPECT_EQ(viaTree(tree, {0, x, 0}).size(), 1u);
 }
 
 TEST(SampleKdTree, UnreachableSamplesAreLeftOut) {
