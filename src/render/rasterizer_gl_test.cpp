@@ -3,6 +3,8 @@
 #include <GL/gl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "render/camera.h"
 #include "render/render_test_support.h"
 
@@ -45,81 +47,64 @@ class GLPick : public ::testing::Test {
   PinholeCamera camera_;
 };
 
-TEST_F(GLPick, SinglePointReportsOnlyTheNearestRecord) {
-  ASSERT_TRUE(gl_.beginSelection(100, 100, 100, 100, 1e-6f));
-  drawLayout();
-  RecordingSelection first;
-  EXPECT_EQ(gl_.endSelection(first), 3);
-  EXPECT_EQ(first.starts, 1);
-  EXPECT_EQ(first.nearestCalls, 1);
-  EXPECT_EQ(first.nearestName, 10u);
-  EXPECT_EQ(first.recordsExamined, 3u);
-  EXPECT_EQ(first.hits, std::vector<uint32_t>{10});
+// One pick of the layout: the rectangle and depth given to beginSelection and what every end of
+// it reports. Each case ends the pick twice (the second walks the stored records again) and
+// once more with a callback that declines at start and gets nothing more.
+struct PickCase {
+  const char* what;
+  int x0, y0, x1, y1;
+  float depth;
+  bool wantNearest;
+  int count;
+  int nearestCalls;  // the nearest is always name 10, after all `count` records are examined
+  std::vector<uint32_t> hits;  // sorted
+};
 
-  // A second end walks the stored records again.
-  RecordingSelection second;
-  EXPECT_EQ(gl_.endSelection(second), 3);
-  EXPECT_EQ(second.hits, std::vector<uint32_t>{10});
-
-  // A callback that declines at start gets nothing more.
-  RecordingSelection declining;
-  declining.startAnswer = false;
-  gl_.endSelection(declining);
-  EXPECT_EQ(declining.nearestCalls, 0);
-  EXPECT_TRUE(declining.hits.empty());
-}
-
-TEST_F(GLPick, RectangleKeepsRecordsWithinTheDepthTolerance) {
+TEST_F(GLPick, EachPickModeReportsItsRecords) {
   // Window depths: 0.99099 at distance 10, 0.99147 at 10.5, 0.99433 at 15.
-  ASSERT_TRUE(gl_.beginSelection(90, 90, 110, 110, 0.001f));
-  drawLayout();
-  RecordingSelection cb;
-  EXPECT_EQ(gl_.endSelection(cb), 3);
-  EXPECT_EQ(cb.nearestName, 10u);
-  EXPECT_EQ(cb.hitSet(), (std::set<uint32_t>{10, 11}));
-
-  RecordingSelection again;
-  gl_.endSelection(again);
-  EXPECT_EQ(again.hitSet(), (std::set<uint32_t>{10, 11}));
-}
-
-TEST_F(GLPick, AllDepthsReportsEveryRecord) {
-  // Right to left and bottom to top: the pick size is clamped to one pixel, centred between.
-  ASSERT_TRUE(gl_.beginSelection(110, 110, 90, 90, -1.0f));
-  drawLayout();
-  RecordingSelection declinesNearest;
-  declinesNearest.nearestAnswer = false;
-  EXPECT_EQ(gl_.endSelection(declinesNearest), 3);
-  EXPECT_EQ(declinesNearest.nearestCalls, 0);
-  EXPECT_EQ(declinesNearest.hitSet(), (std::set<uint32_t>{10, 11, 12}));
-
-  // A wide rectangle reaches the side quad too; the nearest is asked for first when wanted.
-  gl_.beginFrame();
-  ASSERT_TRUE(gl_.beginSelection(20, 60, 190, 140, -1.0f));
-  drawLayout();
-  RecordingSelection cb;
-  EXPECT_EQ(gl_.endSelection(cb), 4);
-  EXPECT_EQ(cb.nearestCalls, 1);
-  EXPECT_EQ(cb.nearestName, 10u);  // the first of the two at distance 10
-  EXPECT_EQ(cb.hitSet(), (std::set<uint32_t>{10, 11, 12, 13}));
-  RecordingSelection again;
-  again.nearestAnswer = false;
-  gl_.endSelection(again);
-  EXPECT_EQ(again.hits.size(), 4u);
-}
-
-TEST_F(GLPick, NothingUnderThePickReportsNothing) {
-  ASSERT_TRUE(gl_.beginSelection(5, 5, 5, 5, 1e-6f));
-  drawLayout();
-  RecordingSelection cb;
-  EXPECT_EQ(gl_.endSelection(cb), 0);
-  EXPECT_EQ(cb.starts, 0);
+  const PickCase cases[] = {
+      {"single point: only the nearest record", 100, 100, 100, 100, 1e-6f, true, 3, 1, {10}},
+      {"rectangle: records within the depth tolerance", 90, 90, 110, 110, 0.001f, true, 3, 1,
+       {10, 11}},
+      // Right to left and bottom to top: the pick size is clamped to one pixel, centred between.
+      {"all depths, nearest declined", 110, 110, 90, 90, -1.0f, false, 3, 0, {10, 11, 12}},
+      // Also the side quad; the nearest is the first of the two at distance 10.
+      {"all depths, wide", 20, 60, 190, 140, -1.0f, true, 4, 1, {10, 11, 12, 13}},
+      {"nothing under the pick", 5, 5, 5, 5, 1e-6f, true, 0, 0, {}},
+  };
+  for (const PickCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    gl_.beginFrame();
+    ASSERT_TRUE(gl_.beginSelection(c.x0, c.y0, c.x1, c.y1, c.depth));
+    drawLayout();
+    for (int end = 0; end < 2; ++end) {
+      RecordingSelection cb;
+      cb.nearestAnswer = c.wantNearest;
+      EXPECT_EQ(gl_.endSelection(cb), c.count);
+      EXPECT_EQ(cb.starts, c.count != 0 ? 1 : 0);
+      EXPECT_EQ(cb.nearestCalls, c.nearestCalls);
+      if (cb.nearestCalls != 0) {
+        EXPECT_EQ(cb.nearestName, 10u);
+        EXPECT_EQ(cb.recordsExamined, static_cast<uint32_t>(c.count));
+      }
+      std::sort(cb.hits.begin(), cb.hits.end());
+      EXPECT_EQ(cb.hits, c.hits);
+    }
+    RecordingSelection declining;
+    declining.startAnswer = false;
+    EXPECT_EQ(gl_.endSelection(declining), c.count);
+    EXPECT_EQ(declining.nearestCalls, 0);
+    EXPECT_TRUE(declining.hits.empty());
+  }
 }
 
 TEST_F(GLPick, OverflowedBufferReportsOnlyTheNearest) {
   // Each record takes four entries: 300,000 named quads overflow the 1,048,576 entries.
+  auto drawMany = [&] {
+    for (uint32_t i = 0; i < 300000; ++i) quad(1000 + i, -1, -1, 1, 1, -static_cast<float>(i % 7));
+  };
   ASSERT_TRUE(gl_.beginSelection(98, 98, 102, 102, -1.0f));
-  for (uint32_t i = 0; i < 300000; ++i) quad(1000 + i, -1, -1, 1, 1, -static_cast<float>(i % 7));
+  drawMany();
   RecordingSelection allDepths;
   EXPECT_EQ(gl_.endSelection(allDepths), -1);
   EXPECT_EQ(allDepths.starts, 1);
@@ -128,7 +113,7 @@ TEST_F(GLPick, OverflowedBufferReportsOnlyTheNearest) {
 
   gl_.beginFrame();
   ASSERT_TRUE(gl_.beginSelection(100, 100, 100, 100, 0.5f));
-  for (uint32_t i = 0; i < 300000; ++i) quad(1000 + i, -1, -1, 1, 1, -static_cast<float>(i % 7));
+  drawMany();
   RecordingSelection single;
   EXPECT_EQ(gl_.endSelection(single), -1);
   EXPECT_EQ(single.nearestName, 1000u);  // distance 10, first of its depth

@@ -30,19 +30,6 @@ std::string readText(const std::string& path) {
 
 std::string quoted(const std::string& s) { return "'" + s + "'"; }
 
-// Decodes a picture to 8-bit RGB; false when there is no decoder or the file does not decode.
-bool decodePicture(const std::string& path, int& width, int& height, std::vector<uint8_t>& rgb) {
-  const std::string size = path + ".size";
-  const std::string cmd = "identify -format '%w %h' " + quoted(path) + " > " + quoted(size) +
-                          " 2>/dev/null && convert " + quoted(path) + " -depth 8 rgb:" +
-                          quoted(path + ".rgb") + " 2>/dev/null";
-  if (std::system(cmd.c_str()) != 0) return false;
-  if (std::sscanf(readText(size).c_str(), "%d %d", &width, &height) != 2) return false;
-  const std::string bytes = readText(path + ".rgb");
-  rgb.assign(bytes.begin(), bytes.end());
-  return true;
-}
-
 class RenderTool : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -81,13 +68,18 @@ class RenderTool : public ::testing::Test {
     return path(name);
   }
 
-  // Decodes a picture the tool wrote and checks its size; fills `rgb`.
+  // Decodes a picture the tool wrote to 8-bit RGB in `rgb` and checks its size.
   void expectPicture(const std::string& file, int width, int height, std::vector<uint8_t>& rgb) {
-    if (!hasDecoder_) GTEST_SKIP() << "ImageMagick's convert is not installed";
+    const std::string cmd = "identify -format '%w %h' " + quoted(file) + " > " +
+                            quoted(file + ".size") + " 2>/dev/null && convert " + quoted(file) +
+                            " -depth 8 rgb:" + quoted(file + ".rgb") + " 2>/dev/null";
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << file << " does not decode";
     int w = 0, h = 0;
-    ASSERT_TRUE(decodePicture(file, w, h, rgb)) << file;
+    ASSERT_EQ(std::sscanf(readText(file + ".size").c_str(), "%d %d", &w, &h), 2);
     EXPECT_EQ(w, width);
     EXPECT_EQ(h, height);
+    const std::string bytes = readText(file + ".rgb");
+    rgb.assign(bytes.begin(), bytes.end());
     ASSERT_EQ(rgb.size(), static_cast<size_t>(width) * height * 3);
   }
 
@@ -106,6 +98,7 @@ double coveredFraction(const std::vector<uint8_t>& rgb) {
 }
 
 TEST_F(RenderTool, StoredViewThroughBothBackEndsGivesTheSamePicture) {
+  if (!hasDecoder_) GTEST_SKIP() << "ImageMagick's convert is not installed";
   const std::string map = writeSynthMap("room.lumap", 20000, 0xD0000);
   const ToolRun sw = run("--backend sw --threads 2 --size 320x240 " + quoted(map) + " " +
                      quoted(path("sw.png")));
@@ -137,6 +130,7 @@ TEST_F(RenderTool, StoredViewThroughBothBackEndsGivesTheSamePicture) {
 }
 
 TEST_F(RenderTool, MapsWithoutAStoredViewAreFramedWhole) {
+  if (!hasDecoder_) GTEST_SKIP() << "ImageMagick's convert is not installed";
   // An old irradiance map (no camera in the file), and a light cache read by its extension.
   const std::string old = writeSynthMap("old.lumap", 5000, 0x10000);
   const ToolRun a = run("-b sw -j 1 -s 200x150 -q adaptive " + quoted(old) + " " +
@@ -187,22 +181,19 @@ TEST_F(RenderTool, BadInputGivesAClearErrorAndNoPicture) {
     EXPECT_NE(r.err.find("Try 'cacheview-render --help'"), std::string::npos) << args;
   }
 
-  r = run(quoted(path("missing.lumap")) + " " + quoted(path("x.png")));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Error opening file"), std::string::npos) << r.err;
-  {
-    std::ofstream junk(path("junk.lumap"), std::ios::binary);
-    junk << "this is not a map";
-  }
-  r = run(quoted(path("junk.lumap")) + " " + quoted(path("x.png")));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("not an irradiance map"), std::string::npos) << r.err;
-  EXPECT_FALSE(std::filesystem::exists(path("x.png")));
-
+  // Inputs that cannot be read, and a picture that cannot be written: status 1, no picture.
+  std::ofstream(path("junk.lumap"), std::ios::binary) << "this is not a map";
   const std::string map = writeSynthMap("small.lumap", 200, 0xD0000);
-  r = run("-b sw " + quoted(map) + " " + quoted(path("no-such-dir/x.png")));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("cannot write"), std::string::npos) << r.err;
+  for (const auto& [args, message] :
+       {std::pair{quoted(path("missing.lumap")) + " " + quoted(path("x.png")),
+                  "Error opening file"},
+        {quoted(path("junk.lumap")) + " " + quoted(path("x.png")), "not an irradiance map"},
+        {"-b sw " + quoted(map) + " " + quoted(path("no-such-dir/x.png")), "cannot write"}}) {
+    r = run(args);
+    EXPECT_EQ(r.status, 1) << args;
+    EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(path("x.png")));
 }
 
 }  // namespace
