@@ -122,9 +122,8 @@ void InsertionGrid::insert(const Sphere& s) {
   k = std::max(k + (k & 1), kMinLevel);
   auto level = std::find_if(levels_.begin(), levels_.end(), [k](const Level& l) { return l.k >= k; });
   if (level == levels_.end() || level->k != k) {
-    level = levels_.insert(level, Level{k, std::ldexp(1.0, -k), 0});
+    level = levels_.insert(level, Level{k, std::ldexp(1.0, -k)});
   }
-  ++level->samples;
   int64_t from[3], to[3];
   for (int a = 0; a < 3; ++a) {
     from[a] = cellOf(lo[a], level->scale);

@@ -8,15 +8,16 @@
 // every cell of that level the box overlaps: at most two per axis, so at most eight. A point
 // inside the sphere is inside the box, so the one cell that holds the point on that level lists
 // the sample. Steps of four rather than two halve the levels a query visits (radii in one frame
-// span a factor of 10 to 100) for a few more entries per cell, which are tested four at a time. Cell
-// coordinates wrap at 2^18 cells per axis; cells that far apart share a list, which costs a
+// span a factor of 10 to 100) for a few more entries per cell, which are tested four at a time.
+// Cell coordinates wrap at 2^18 cells per axis; cells that far apart share a list, which costs a
 // little scanning and never an answer, since every listed sphere is tested.
 //
 // A cell's entries lie together in one pool, one array per field (x, y, z, bounding radius) so
 // that they are tested four at a time; a full cell moves to a range half as large again, and the
-// range it leaves is reused by the next cell that needs one of that size. The radius kept is the validity radius when inserted, a bound: the query also tests
-// the sample's current validRadius2, which may only be lowered while indexed. Samples whose box
-// is too large for any level (an infinite radius) are kept in a list that every query scans.
+// range it leaves is reused by the next cell that needs one of that size. The radius kept is the
+// validity radius when inserted, a bound: the query also tests the sample's current
+// validRadius2, which may only be lowered while indexed. Samples whose box is too large for any
+// level (an infinite radius) are kept in a list that every query scans.
 #pragma once
 
 #include <bit>
@@ -47,20 +48,11 @@ class InsertionGrid {
   // Samples indexed, in insertion order.
   size_t size() const { return samples_.size(); }
   const std::vector<IrradSample*>& samples() const { return samples_; }
-  // Levels that hold samples; for tests and statistics.
-  size_t levelCount() const { return levels_.size(); }
   // True when the pool's 32-bit cell offsets are half used: time to fold the grid into a tree.
   bool nearlyFull() const { return poolSamples_.size() > (size_t{1} << 31); }
 
-  // Calls f(IrradSample&) for every indexed sample with |p - position|^2 < validRadius2, level by
-  // level from the smallest cells, in insertion order within a cell.
-  template <class F>
-  void forEachContaining(const Vector& p, F& f) const {
-    PendingHits<F> hits(f);
-    gather(p, hits);
-    hits.flush();
-  }
-  // Adds every sample whose bounding sphere contains p to `hits`.
+  // Adds to `hits` every sample whose bounding sphere contains p, level by level from the
+  // smallest cells, in insertion order within a cell; the caller flushes them.
   template <class F>
   void gather(const Vector& p, PendingHits<F>& hits) const;
 
@@ -71,9 +63,8 @@ class InsertionGrid {
     uint32_t begin, count;
   };
   struct Level {
-    int k;          // cell side 2^k, k even
-    double scale;   // 2^-k
-    size_t samples; // samples listed on this level
+    int k;         // cell side 2^k, k even
+    double scale;  // 2^-k
   };
   static constexpr uint64_t kEmpty = ~uint64_t{0};
   static constexpr int kCoordBits = 18;
