@@ -15,10 +15,10 @@
 
 #include "render/camera.h"
 #include "render/disc_basis.h"
-#include "render/rasterizer_gl.h"
+#include "render/gl/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 #include "render/sample_drawing.h"
-#include "render/synth_room.h"
+#include "synth/synth_room.h"
 
 namespace {
 
@@ -29,12 +29,16 @@ constexpr int kHeight = 600;
 
 struct Scene : SynthRoom {
   DefThreadManager threads;
-  DrawSettings settings;
+  DrawOptions options;
+  SampleEdits edits;
+  DrawView view;
+  GeometryCache cache{options, edits};
 
   Scene() : SynthRoom(1000000, kWidth, kHeight) {
-    automaticBrightness(drawn(), settings);
-    settings.segmentsPerDisc = 8;
+    automaticBrightness(drawn(), options);
+    options.setSegmentsPerDisc(8);
   }
+  DrawScene drawScene() { return {drawn(), &options, &edits, &view, &cache, &threads}; }
 };
 
 Scene& scene() {
@@ -91,7 +95,7 @@ void BM_GLBareLoop(benchmark::State& state) {
     gl->setClearColor({0.25f, 0.25f, 0.25f});
     gl->beginFrame();
     glDisable(GL_LIGHTING);
-    BareDiscs bare(s.settings.brightness);
+    BareDiscs bare(s.options.brightness());
     s.map.enumerateSamples(0, &bare);
     glFinish();
   };
@@ -104,12 +108,12 @@ void BM_GLImmediate(benchmark::State& state) {
   RasterizerGL* gl = offscreenGL();
   if (gl == nullptr) return state.SkipWithError("no off-screen OpenGL context");
   Scene& s = scene();
-  s.settings.useDisplayLists = false;
-  invalidateDisplayLists(gl, s.settings);
-  drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);
+  s.cache.setRasterizer(gl);
+  s.options.setUseDisplayLists(false);
+  drawFrame(*gl, s.drawScene());
   glFinish();
   for (auto _ : state) {
-    drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);
+    drawFrame(*gl, s.drawScene());
     glFinish();
   }
 }
@@ -119,15 +123,15 @@ void BM_GLDisplayList(benchmark::State& state) {
   RasterizerGL* gl = offscreenGL();
   if (gl == nullptr) return state.SkipWithError("no off-screen OpenGL context");
   Scene& s = scene();
-  s.settings.useDisplayLists = true;
-  drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);  // compiles the list
+  s.cache.setRasterizer(gl);
+  s.options.setUseDisplayLists(true);
+  drawFrame(*gl, s.drawScene());  // compiles the list
   glFinish();
   for (auto _ : state) {
-    drawFrame(*gl, {&s.map, nullptr}, &s.threads, s.settings);
+    drawFrame(*gl, s.drawScene());
     glFinish();
   }
-  invalidateDisplayLists(gl, s.settings);
-  s.settings.useDisplayLists = false;
+  s.options.setUseDisplayLists(false);
 }
 BENCHMARK(BM_GLDisplayList)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
@@ -137,10 +141,11 @@ void softwareFrames(benchmark::State& state, bool threaded) {
   sw.resize(kWidth, kHeight);
   sw.setCamera(&s.camera);
   sw.setFarDistance(s.farDistance);
-  s.settings.multiThreadedSoftware = threaded;
-  drawFrame(sw, {&s.map, nullptr}, &s.threads, s.settings);  // warm the bins and the workers
-  for (auto _ : state) drawFrame(sw, {&s.map, nullptr}, &s.threads, s.settings);
-  state.counters["threads"] = threaded ? defaultThreadCount() : 1;
+  s.cache.setRasterizer(nullptr);
+  s.options.setMultiThreadedSoftware(threaded);
+  drawFrame(sw, s.drawScene());  // warm the bins and the workers
+  for (auto _ : state) drawFrame(sw, s.drawScene());
+  state.counters["threads"] = threaded ? s.threads.threadCount() : 1;
 }
 
 void BM_SoftwareOneThread(benchmark::State& state) { softwareFrames(state, false); }

@@ -68,6 +68,13 @@ class Camera {
   // Screen x and y in pixels (y downward) and 1 / depth; a point behind the camera gives a
   // negative third value, one in the camera plane non-finite values.
   virtual Vector project(const Vector& p) const = 0;                                    // 8
+  // The eye, the unit axes and the horizontal field of view (radians) that the rasterizers draw
+  // with; false for a camera without a single such frame.
+  virtual bool drawingFrame(Vector& eye, Vector& right, Vector& up, Vector& forward,
+                            float& fieldOfView) const {
+    (void)eye, (void)right, (void)up, (void)forward, (void)fieldOfView;
+    return false;
+  }
 
  protected:
   ~Camera() = default;
@@ -112,6 +119,15 @@ class PinholeCamera final : public Camera {
   void setLens(bool flag, float a, float b) override;
   float getDepth(const Vector& p) const override;
   Vector project(const Vector& p) const override;
+  bool drawingFrame(Vector& eye, Vector& rightAxis, Vector& upAxis, Vector& forwardAxis,
+                    float& fov) const override {
+    eye = positionF();
+    rightAxis = right;
+    upAxis = up;
+    forwardAxis = forward;
+    fov = fieldOfView;
+    return true;
+  }
 
   // Image size and horizontal field of view, with the matching pixel sizes:
   // pixel size x = 2 tan(fov / 2) (width / height) / width, pixel size y = -pixel size x.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "io/vector.h"
 
@@ -68,6 +69,36 @@ class Rasterizer3D {
     (void)color;
   }
   virtual void swapBuffers() {}                                                           // 18
+
+  // What differs between back ends, asked by the shared drawing code instead of asking which
+  // back end it has. The defaults describe a back end with none of these abilities.
+
+  // Compiled geometry (OpenGL display lists). beginGeometry starts recording the calls that
+  // follow until endGeometry and returns a handle, or 0 when nothing can be recorded.
+  virtual bool canCacheGeometry() const { return false; }
+  virtual uint32_t beginGeometry() { return 0; }
+  virtual void endGeometry() {}
+  virtual void drawGeometry(uint32_t handle) { (void)handle; }
+  virtual void deleteGeometry(uint32_t handle) { (void)handle; }
+
+  // Picks through a buffer of names (OpenGL's select buffer): the name of the primitives that
+  // follow, a sample's index. A back end that picks by index colours needs no names.
+  virtual bool loadsPickNames() const { return false; }
+  virtual void loadPickName(uint32_t name) { (void)name; }
+
+  // Drawing from several threads into one frame at once. Between begin and end every drawing
+  // thread asks `threadIndex` for its index in the run (or 0xFFFFFFFF for a thread outside it);
+  // end draws whatever the threads left pending, in the order one thread would have drawn it.
+  virtual bool drawsFromThreads() const { return false; }
+  virtual void beginThreadedDrawing(std::function<uint32_t()> threadIndex) { (void)threadIndex; }
+  virtual void endThreadedDrawing() {}
+
+  // Outlines drawn over the filled geometry they enclose (selection boxes): pulled towards the
+  // eye where the depth test can do that, otherwise drawn with the depth test off.
+  virtual void beginOverlayOutlines() { setDepthTest(false); }
+  virtual void endOverlayOutlines() {}
+  // Width of lines in pixels, where the back end draws wider lines than one pixel.
+  virtual void setLineWidth(float width) { (void)width; }
 
   Camera* camera() const { return camera_; }
   // The near plane is always 0.001 times the far distance.

@@ -66,6 +66,17 @@ class RasterizerSW final : public Rasterizer3D {
   // Finishes the frame and exchanges the two colour buffers.
   void swapBuffers() override;
 
+  // Threaded drawing bins each drawing thread's primitives by its index in the run, and draws
+  // them at the end in thread order: the picture is the one a single thread draws.
+  bool drawsFromThreads() const override { return true; }
+  void beginThreadedDrawing(std::function<uint32_t()> threadIndex) override {
+    setBinIndexSource(std::move(threadIndex));
+  }
+  void endThreadedDrawing() override {
+    setBinIndexSource(nullptr);
+    flush();
+  }
+
   // Where a drawing thread's primitives go: kDirect, or a bin index below kMaxBins. Without a
   // hook every thread draws directly, which is right only for one drawing thread at a time.
   void setBinIndexSource(BinIndexSource source) { binIndexSource_ = std::move(source); }

@@ -1,5 +1,5 @@
-// Helpers shared by the rendering tests: a recording pick callback, an off-screen OpenGL
-// rasterizer that skips the test when no context can be made, and picture comparison.
+// Helpers shared by the rendering tests: a recording pick callback and picture comparison. The
+// OpenGL back end's tests add gl/gl_test_support.h.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +12,6 @@
 
 #include "render/png_writer.h"
 #include "render/rasterizer.h"
-#include "render/rasterizer_gl.h"
 
 namespace LUtils::testing {
 
@@ -39,18 +38,6 @@ class RecordingSelection final : public Rasterizer3D::SelectionCb {
   void hit(uint32_t name) override { hits.push_back(name); }
   std::set<uint32_t> hitSet() const { return {hits.begin(), hits.end()}; }
 };
-
-// Resizes `gl` to an off-screen context; false (and the test skips) when there is none.
-inline bool makeOffscreen(RasterizerGL& gl, int width, int height) {
-  gl.resize(width, height);
-  return gl.hasOffscreenContext();
-}
-
-#define CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, width, height)                                 \
-  if (!::LUtils::testing::makeOffscreen(gl, width, height)) {                            \
-    GTEST_SKIP() << "No off-screen OpenGL context here (" << (gl).offscreenError()      \
-                 << "); OpenGL rendering tests skipped";                                 \
-  }
 
 inline double equalFraction(const std::vector<uint32_t>& a, const std::vector<uint32_t>& b) {
   if (a.size() != b.size() || a.empty()) return 0.0;

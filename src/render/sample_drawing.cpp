@@ -1,47 +1,23 @@
+// Sample drawing over the sample adaptor; see sample_drawing.h.
 #include "render/sample_drawing.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdio>
-#include <functional>
 #include <memory>
-#include <type_traits>
 
 #include "lightcache/light_map.h"
 #include "render/camera.h"
 #include "render/disc_basis.h"
-#include "render/rasterizer_gl.h"
-#include "render/rasterizer_sw.h"
+#include "render/rasterizer.h"
 #include "render/view_projection.h"
 
 namespace LUtils {
-
-DrawSettings gDrawSettings;
 
 namespace {
 
 // Maps of fewer samples are drawn on the calling thread.
 constexpr uint32_t kMinThreadedSamples = 100;
-
-float irradianceRadius(const IrradSample& s) { return 0.2f * std::sqrt(s.drawRadius2); }
-
-// 2^(e - 135) for every exponent byte: the colour decode without a call to ldexp per channel
-// (the product of a mantissa and an exact power of two rounds as ldexp does).
-const std::array<float, 256>& exponentScales() {
-  static const std::array<float, 256> scales = [] {
-    std::array<float, 256> t{};
-    for (int e = 0; e < 256; ++e) t[static_cast<size_t>(e)] = std::ldexp(1.0f, e - 135);
-    return t;
-  }();
-  return scales;
-}
-
-Color sampleColour(const IrradSample& s) {
-  const float scale = exponentScales()[s.exponent];
-  return {static_cast<float>(s.colour[0]) * scale, static_cast<float>(s.colour[1]) * scale,
-          static_cast<float>(s.colour[2]) * scale};
-}
 
 Vector diameterCorner(const Vector& lo, const Vector& hi, int corner) {
   return {(corner & 1) != 0 ? hi.x : lo.x, (corner & 2) != 0 ? hi.y : lo.y,
@@ -68,19 +44,18 @@ void drawSelectionBox(Rasterizer3D& r, const Vector& p, const Vector& normal, fl
   }
 }
 
-class DrawSelectedSamplesCb final : public EnumIrradianceSamplesCallback {
+// Draws the box of every selected sample that is not deleted and whose disc is in the frustum.
+class DrawSelectedSamplesCb final {
  public:
   explicit DrawSelectedSamplesCb(const DrawPass& pass) : pass_(pass) {}
-  int process(IrradSample& s) override {
+  bool process(const DrawnSample& s) {
     const uint32_t index = count_++;
-    const DrawSettings& settings = *pass_.settings;
-    if (!testSampleBit(settings.selectedSamples, index)) return 1;
-    if (testSampleBit(settings.deletedSamples, index)) return 1;
-    const float r = irradianceRadius(s);
-    if (pass_.insideFrustum(s.position, r)) {
-      drawSelectionBox(*pass_.rasterizer, s.position, s.normal, r, settings.selectionColour);
+    if (pass_.edits->selected(index) && !pass_.edits->deleted(index) &&
+        pass_.insideFrustum(s.position, s.radius)) {
+      drawSelectionBox(*pass_.rasterizer, s.position, s.normal, s.radius,
+                       pass_.options->selectionColour());
     }
-    return 1;
+    return true;
   }
 
  private:
@@ -88,48 +63,83 @@ class DrawSelectedSamplesCb final : public EnumIrradianceSamplesCallback {
   uint32_t count_ = 0;
 };
 
-uint32_t sampleCountOf(const DrawnMap& map) {
-  if (map.light != nullptr) return static_cast<uint32_t>(map.light->sampleCount());
-  if (map.irradiance != nullptr) return static_cast<uint32_t>(map.irradiance->numSamples());
-  return 0;
-}
+// Grows a box over every sample position.
+class BBoxCb final {
+ public:
+  Vector lo{1e20f, 1e20f, 1e20f};
+  Vector hi{-1e20f, -1e20f, -1e20f};
+  bool process(const DrawnSample& s) {
+    const Vector& p = s.position;
+    lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
+    hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
+    return true;
+  }
+};
 
-// Walks the light cache's blocks from `first` until the callback stops.
+// Runs a callback object with a process(const DrawnSample&) over the map from index `first`.
 template <class Cb>
-void drawLightFrom(LightMap& light, Cb& cb) {
-  light.samples().forEach(cb.first, [&cb](const LightMapSample& s) { return cb.processLight(s); });
+void runOver(const DrawnMap& map, uint32_t first, Cb& cb) {
+  withSampleSource(map, [&](const auto& source) {
+    source.forEach(first, [&cb](const DrawnSample& s) { return cb.process(s); });
+  });
 }
 
-void drawSelected(const DrawPass& pass, const DrawnMap& map) {
-  const DrawSettings& settings = *pass.settings;
-  if (map.light != nullptr) {
-    uint32_t index = 0;
-    map.light->samples().forEach(0, [&](const LightMapSample& s) {
-      const uint32_t i = index++;
-      if (testSampleBit(settings.selectedSamples, i) && !testSampleBit(settings.deletedSamples, i) &&
-          pass.insideFrustum(s.position, s.radius())) {
-        drawSelectionBox(*pass.rasterizer, s.position, s.normal, s.radius(),
-                         settings.selectionColour);
-      }
-      return true;
-    });
-  } else if (map.irradiance != nullptr) {
-    DrawSelectedSamplesCb cb(pass);
-    map.irradiance->enumerateSamples(0, &cb);
+// Draws the samples of one pass through the cache's compiled geometry `handle` when the back end
+// can compile: replays it when there is one, compiles it when display lists are on (not in
+// adaptive quality, whose discs change with the view, nor in a reduced frame).
+template <int b>
+void drawSamplesCached(Rasterizer3D& r, const DrawScene& scene, uint32_t* handle) {
+  const DrawOptions& o = *scene.options;
+  if (!r.canCacheGeometry() || scene.cache == nullptr) handle = nullptr;
+  if (handle != nullptr && *handle != 0) {
+    r.drawGeometry(*handle);
+    return;
+  }
+  bool compiling = false;
+  if (handle != nullptr && o.useDisplayLists() && !o.adaptiveQuality() &&
+      scene.view->sampleStride <= 1) {
+    *handle = r.beginGeometry();
+    compiling = *handle != 0;
+  }
+  // Compiled geometry must hold every sample: no frustum test while compiling.
+  const DrawPass pass(r, scene, !o.useDisplayLists());
+  drawSamples<b>(pass, scene);
+  if (compiling) {
+    r.endGeometry();
+    r.drawGeometry(*handle);
   }
 }
 
 }  // namespace
 
-bool testSampleBit(const std::vector<uint8_t>& bits, uint32_t index) {
-  const size_t byte = index / 8;
-  return byte < bits.size() && (bits[byte] & (1u << (index % 8))) != 0;
+GeometryCache::GeometryCache(DrawOptions& options, SampleEdits& edits)
+    : options_(options), edits_(edits) {
+  optionsHandle_ = options_.changes().subscribe([this](DrawOptions::Option) { drop(); });
+  editsHandle_ = edits_.changes().subscribe([this](SampleEdits::Change change) {
+    // Selection boxes are drawn afresh every frame; deletions change the compiled samples.
+    if (change == SampleEdits::Change::Deleted) drop();
+  });
 }
 
-void setSampleBit(std::vector<uint8_t>& bits, uint32_t index) {
-  const size_t byte = index / 8;
-  if (byte >= bits.size()) bits.resize(byte + 1, 0);
-  bits[byte] = static_cast<uint8_t>(bits[byte] | (1u << (index % 8)));
+GeometryCache::~GeometryCache() {
+  options_.changes().unsubscribe(optionsHandle_);
+  edits_.changes().unsubscribe(editsHandle_);
+  drop();
+}
+
+void GeometryCache::setRasterizer(Rasterizer3D* rasterizer) {
+  drop();
+  rasterizer_ = rasterizer;
+}
+
+void GeometryCache::drop() {
+  if (rasterizer_ != nullptr) {
+    rasterizer_->deleteGeometry(samples);
+    rasterizer_->deleteGeometry(picking);
+  }
+  samples = 0;
+  picking = 0;
+  ++drops_;
 }
 
 void computeFrustum(const Camera* camera, float farDistance, int width, int height,
@@ -152,9 +162,14 @@ void computeFrustum(const Camera* camera, float farDistance, int width, int heig
   planes[5] = plane(f.forward * tanV + f.up);
 }
 
-DrawPass::DrawPass(Rasterizer3D& r, const DrawSettings& s, bool testFrustum)
-    : rasterizer(&r), settings(&s), frustumTest(testFrustum) {
-  openGL = dynamic_cast<RasterizerGL*>(&r) != nullptr;
+DrawPass::DrawPass(Rasterizer3D& r, const DrawScene& scene, bool testFrustum)
+    : rasterizer(&r),
+      options(scene.options),
+      edits(scene.edits),
+      view(scene.view),
+      pickNames(r.loadsPickNames()),
+      frustumTest(testFrustum),
+      stride(std::max<uint32_t>(1, scene.view->sampleStride)) {
   eye = cameraFrame(r.camera()).eye;
   for (int k = 1; k <= 32; ++k) {
     for (int i = 0; i < k; ++i) {
@@ -166,11 +181,11 @@ DrawPass::DrawPass(Rasterizer3D& r, const DrawSettings& s, bool testFrustum)
 }
 
 unsigned DrawPass::sidesFor(float radius, const Vector& position) const {
-  const int n = std::clamp(settings->segmentsPerDisc, 3, 16);
-  if (!settings->adaptiveQuality) return static_cast<unsigned>(n);
+  const int n = std::clamp(options->segmentsPerDisc(), 3, 16);
+  if (!options->adaptiveQuality()) return static_cast<unsigned>(n);
   // Nearer and larger discs get more sides: from 4 up to 2N.
   const float d = length(position - eye);
-  const float divisor = std::max(std::log(d) / 3.0f, 0.2f) * settings->lodMultiplier;
+  const float divisor = std::max(std::log(d) / 3.0f, 0.2f) * options->lodMultiplier();
   const float k = std::ceil(std::sqrt(radius) * 2.0f * static_cast<float>(n) / divisor);
   if (k > static_cast<float>(2 * n)) return static_cast<unsigned>(2 * n);
   if (!(k >= 4.0f)) return 4;
@@ -178,49 +193,34 @@ unsigned DrawPass::sidesFor(float radius, const Vector& position) const {
 }
 
 bool DrawPass::insideFrustum(const Vector& position, float radius) const {
-  for (const FrustumPlane& plane : settings->frustum) {
+  for (const FrustumPlane& plane : view->frustum) {
     if (!(dot(plane.normal, position) + plane.offset >= -radius)) return false;
   }
   return true;
 }
 
-void DrawPass::drawDisc(const Vector& position, const Vector& normal, float radius,
-                        const Color& colour, uint32_t index, int b) const {
+void DrawPass::drawDisc(const DrawnSample& s, uint32_t index, int b) const {
   Vector u, v;
-  discBasis(normal, u, v);
-  if (openGL) static_cast<RasterizerGL*>(rasterizer)->loadName(index);
-  const unsigned k = sidesFor(radius, position);
+  discBasis(s.normal, u, v);
+  if (pickNames) rasterizer->loadPickName(index);
+  const unsigned k = sidesFor(s.radius, s.position);
   Vector vertices[32];
   for (unsigned i = 0; i < k; ++i) {
-    vertices[i] = position + u * (radius * cosines[k][i]) + v * (radius * sines[k][i]);
+    vertices[i] = s.position + u * (s.radius * cosines[k][i]) + v * (s.radius * sines[k][i]);
   }
   if (b == 0) {
-    rasterizer->drawQuadOrPolygon(vertices, k, colour * settings->brightness);
+    rasterizer->drawQuadOrPolygon(vertices, k, s.colour * options->brightness());
   } else {
     rasterizer->drawPolygonRGBA(vertices, k, index);
   }
 }
 
 template <int b>
-int DrawSamplesCb<b>::process(IrradSample& s) {
+bool DrawSamplesCb<b>::process(const DrawnSample& s) {
   const uint32_t index = first + count++;
-  if (!testSampleBit(pass->settings->deletedSamples, index)) {
-    const float r = irradianceRadius(s);
-    if (!pass->frustumTest || pass->insideFrustum(s.position, r)) {
-      pass->drawDisc(s.position, s.normal, r, sampleColour(s), index, b);
-    }
-  }
-  return count < limit ? 1 : 0;
-}
-
-template <int b>
-bool DrawSamplesCb<b>::processLight(const LightMapSample& s) {
-  const uint32_t index = first + count++;
-  if (!testSampleBit(pass->settings->deletedSamples, index)) {
-    const float r = s.radius();
-    if (!pass->frustumTest || pass->insideFrustum(s.position, r)) {
-      pass->drawDisc(s.position, s.normal, r, s.colour(), index, b);
-    }
+  if ((pass->stride == 1 || index % pass->stride == 0) && !pass->edits->deleted(index) &&
+      (!pass->frustumTest || pass->insideFrustum(s.position, s.radius))) {
+    pass->drawDisc(s, index, b);
   }
   return count < limit;
 }
@@ -244,11 +244,8 @@ void DrawThreaded<Map, Cb>::run(std::atomic<int32_t>*, std::atomic<int32_t>*, in
         cb.limit);
   cb.count = 0;
   if (cb.limit == 0) return;
-  if constexpr (std::is_same_v<Map, LightMap>) {
-    drawLightFrom(map_, cb);
-  } else {
-    map_.enumerateSamples(cb.first, &cb);
-  }
+  const typename SampleSourceOf<Map>::type source(map_);
+  source.forEach(cb.first, [&cb](const DrawnSample& s) { return cb.process(s); });
 }
 
 template class DrawThreaded<LightMap, DrawSamplesCb<0>>;
@@ -257,28 +254,25 @@ template class DrawThreaded<IrradianceMap, DrawSamplesCb<0>>;
 template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
 template <int b>
-uint32_t drawSamples(const DrawPass& pass, const DrawnMap& map, ThreadManager* threads) {
-  const uint32_t total = sampleCountOf(map);
-  const bool threaded = !pass.openGL && pass.settings->multiThreadedSoftware &&
-                        total >= kMinThreadedSamples && threads != nullptr;
+uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
+  const DrawnMap& map = scene.map;
+  uint32_t total = 0;
+  withSampleSource(map, [&total](const auto& source) { total = source.count(); });
+  ThreadManager* threads = scene.threads;
+  const bool threaded = pass.rasterizer->drawsFromThreads() &&
+                        pass.options->multiThreadedSoftware() && total >= kMinThreadedSamples &&
+                        threads != nullptr;
   if (!threaded) {
     DrawSamplesCb<b> cb;
     cb.pass = &pass;
-    if (map.light != nullptr) {
-      drawLightFrom(*map.light, cb);
-    } else if (map.irradiance != nullptr) {
-      map.irradiance->enumerateSamples(0, &cb);
-    }
+    runOver(map, 0, cb);
     return 1;
   }
 
-  const uint32_t n = static_cast<uint32_t>(std::max(1, defaultThreadCount()));
+  const uint32_t n = static_cast<uint32_t>(std::max(1, threads->threadCount()));
   auto records = std::make_unique<DrawSamplesCb<b>[]>(n);
   for (uint32_t i = 0; i < n; ++i) records[i].pass = &pass;
-  // Each worker's primitives go to its own bin of the software rasterizer, replayed in thread
-  // order: the picture is the one thread's.
-  auto* sw = dynamic_cast<RasterizerSW*>(pass.rasterizer);
-  if (sw != nullptr) sw->setBinIndexSource([threads] { return threads->currentThreadIndex(); });
+  pass.rasterizer->beginThreadedDrawing([threads] { return threads->currentThreadIndex(); });
   if (map.light != nullptr) {
     DrawThreaded<LightMap, DrawSamplesCb<b>> job(*map.light, records.get(), total);
     threads->run(static_cast<int32_t>(n), &job, nullptr, false);
@@ -286,167 +280,89 @@ uint32_t drawSamples(const DrawPass& pass, const DrawnMap& map, ThreadManager* t
     DrawThreaded<IrradianceMap, DrawSamplesCb<b>> job(*map.irradiance, records.get(), total);
     threads->run(static_cast<int32_t>(n), &job, nullptr, false);
   }
-  if (sw != nullptr) {
-    sw->setBinIndexSource(nullptr);
-    sw->flush();
-  }
+  pass.rasterizer->endThreadedDrawing();
   return n;
 }
 
-template uint32_t drawSamples<0>(const DrawPass&, const DrawnMap&, ThreadManager*);
-template uint32_t drawSamples<1>(const DrawPass&, const DrawnMap&, ThreadManager*);
+template uint32_t drawSamples<0>(const DrawPass&, const DrawScene&);
+template uint32_t drawSamples<1>(const DrawPass&, const DrawScene&);
 
-void drawFrame(Rasterizer3D& rasterizer, const DrawnMap& map, ThreadManager* threads,
-               DrawSettings& settings) {
-  rasterizer.setClearColor({0.25f, 0.25f, 0.25f});
-  rasterizer.setBackfaceCulling(settings.backfaceCulling);
-  rasterizer.beginFrame();
-  computeFrustum(rasterizer.camera(), rasterizer.farDistance(), rasterizer.viewportWidth(),
-                 rasterizer.viewportHeight(), settings.frustum);
-  rasterizer.setDepthTest(true);
-  rasterizer.setFillMode(1);
+void drawFrame(Rasterizer3D& r, const DrawScene& scene) {
+  const DrawOptions& o = *scene.options;
+  r.setClearColor({0.25f, 0.25f, 0.25f});
+  r.setBackfaceCulling(o.backfaceCulling());
+  r.beginFrame();
+  computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
+                 scene.view->frustum);
+  r.setDepthTest(true);
+  r.setFillMode(1);
+  drawSamplesCached<0>(r, scene, scene.cache != nullptr ? &scene.cache->samples : nullptr);
 
-  auto* gl = dynamic_cast<RasterizerGL*>(&rasterizer);
-  if (gl != nullptr && settings.sampleList != 0) {
-    gl->callList(settings.sampleList);
-  } else {
-    bool compiling = false;
-    if (gl != nullptr && settings.useDisplayLists && !settings.adaptiveQuality) {
-      settings.sampleList = gl->beginList();
-      compiling = settings.sampleList != 0;
-    }
-    // The compiled list must hold every sample: no frustum test while compiling.
-    const DrawPass pass(rasterizer, settings, !settings.useDisplayLists);
-    drawSamples<0>(pass, map, threads);
-    if (compiling) {
-      gl->endList();
-      gl->callList(settings.sampleList);
-    }
+  if (scene.edits->hasSelection()) {
+    r.setFillMode(0);
+    r.beginOverlayOutlines();
+    const DrawPass pass(r, scene, true);
+    DrawSelectedSamplesCb cb(pass);
+    runOver(scene.map, 0, cb);
+    r.endOverlayOutlines();
   }
 
-  if (settings.hasSelection) {
-    rasterizer.setFillMode(0);
-    if (gl != nullptr) {
-      gl->setLineOffset(true);
-    } else {
-      rasterizer.setDepthTest(false);
-    }
-    const DrawPass pass(rasterizer, settings, true);
-    drawSelected(pass, map);
-    if (gl != nullptr) gl->setLineOffset(false);
+  if (o.showAxis()) {
+    r.setLineWidth(2.0f);
+    r.setFillMode(0);
+    r.setDepthTest(false);
+    const float l = length(scene.view->sceneMax - scene.view->sceneMin) / 10.0f;
+    r.drawLine({0, 0, 0}, {l, 0, 0}, {1, 0, 0});
+    r.drawLine({0, 0, 0}, {0, l, 0}, {0, 1, 0});
+    r.drawLine({0, 0, 0}, {0, 0, l}, {0, 0, 1});
+    r.setDepthTest(true);
   }
-
-  if (settings.showAxis) {
-    if (gl != nullptr) gl->setLineWidth(2.0f);
-    rasterizer.setFillMode(0);
-    rasterizer.setDepthTest(false);
-    const float l = length(settings.sceneMax - settings.sceneMin) / 10.0f;
-    rasterizer.drawLine({0, 0, 0}, {l, 0, 0}, {1, 0, 0});
-    rasterizer.drawLine({0, 0, 0}, {0, l, 0}, {0, 1, 0});
-    rasterizer.drawLine({0, 0, 0}, {0, 0, l}, {0, 0, 1});
-    rasterizer.setDepthTest(true);
-  }
-  rasterizer.swapBuffers();
+  r.swapBuffers();
 }
 
-void drawPickingPass(Rasterizer3D& rasterizer, const DrawnMap& map, ThreadManager* threads,
-                     DrawSettings& settings) {
-  computeFrustum(rasterizer.camera(), rasterizer.farDistance(), rasterizer.viewportWidth(),
-                 rasterizer.viewportHeight(), settings.frustum);
-  auto* gl = dynamic_cast<RasterizerGL*>(&rasterizer);
-  if (gl != nullptr && settings.pickingList != 0) {
-    gl->callList(settings.pickingList);
-    return;
-  }
-  bool compiling = false;
-  if (gl != nullptr && settings.useDisplayLists && !settings.adaptiveQuality) {
-    settings.pickingList = gl->beginList();
-    compiling = settings.pickingList != 0;
-  }
-  const DrawPass pass(rasterizer, settings, !settings.useDisplayLists);
-  drawSamples<1>(pass, map, threads);
-  if (compiling) {
-    gl->endList();
-    gl->callList(settings.pickingList);
-  }
+void drawPickingPass(Rasterizer3D& r, const DrawScene& scene) {
+  computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
+                 scene.view->frustum);
+  drawSamplesCached<1>(r, scene, scene.cache != nullptr ? &scene.cache->picking : nullptr);
 }
 
-void invalidateDisplayLists(Rasterizer3D* rasterizer, DrawSettings& settings) {
-  if (auto* gl = dynamic_cast<RasterizerGL*>(rasterizer)) {
-    gl->deleteList(settings.sampleList);
-    gl->deleteList(settings.pickingList);
-  }
-  settings.sampleList = 0;
-  settings.pickingList = 0;
-}
-
-int GetSamplesIntensityCb::process(IrradSample& s) {
-  const Color c = s.decodedColour();
-  sum += 0.33333334f * (c.r + c.g + c.b);
+bool GetSamplesIntensityCb::process(const DrawnSample& s) {
+  sum += 0.33333334f * (s.colour.r + s.colour.g + s.colour.b);
   ++count;
-  return 1;
+  return true;
 }
 
-void automaticBrightness(const DrawnMap& map, DrawSettings& settings) {
-  double sum = 0.0;
-  int64_t count = 0;
-  if (map.light != nullptr) {
-    map.light->samples().forEach(0, [&](const LightMapSample& s) {
-      const Color c = s.colour();
-      sum += 0.33333334f * (c.r + c.g + c.b);
-      ++count;
-      return true;
-    });
-  } else if (map.irradiance != nullptr) {
-    GetSamplesIntensityCb cb;
-    map.irradiance->enumerateSamples(0, &cb);
-    sum = cb.sum;
-    count = cb.count;
-  }
-  settings.samplesSeen = count;
-  const double average = count > 0 ? sum / static_cast<double>(count) : 0.0;
-  settings.brightness = static_cast<float>(1.0 / (2.0 * average));
+int64_t automaticBrightness(const DrawnMap& map, DrawOptions& options) {
+  GetSamplesIntensityCb cb;
+  runOver(map, 0, cb);
+  const double average = cb.count > 0 ? cb.sum / static_cast<double>(cb.count) : 0.0;
+  options.setBrightness(static_cast<float>(1.0 / (2.0 * average)));
+  return cb.count;
 }
 
-void brightnessKey(bool shift, DrawSettings& settings) {
-  settings.brightness = shift ? settings.brightness / 1.125f : settings.brightness * 1.125f;
-  std::printf("Brightness set to %g\n", static_cast<double>(settings.brightness));
+void brightnessKey(bool shift, DrawOptions& options) {
+  const float b = options.brightness();
+  options.setBrightness(shift ? b / 1.125f : b * 1.125f);
+  std::printf("Brightness set to %g\n", static_cast<double>(options.brightness()));
   std::fflush(stdout);
 }
 
-void lodKey(bool plus, DrawSettings& settings) {
+void lodKey(bool plus, DrawOptions& options) {
+  const float lod = options.lodMultiplier();
   if (plus) {
-    if (settings.lodMultiplier < 2.9f) settings.lodMultiplier += 0.1f;
+    if (lod < 2.9f) options.setLodMultiplier(lod + 0.1f);
   } else {
-    if (settings.lodMultiplier > 0.4f) settings.lodMultiplier -= 0.1f;
+    if (lod > 0.4f) options.setLodMultiplier(lod - 0.1f);
   }
-  std::printf("LOD multiplier set to %g\n", static_cast<double>(settings.lodMultiplier));
+  std::printf("LOD multiplier set to %g\n", static_cast<double>(options.lodMultiplier()));
   std::fflush(stdout);
 }
 
 void sceneBounds(const DrawnMap& map, Vector& lo, Vector& hi) {
-  lo = {1e20f, 1e20f, 1e20f};
-  hi = {-1e20f, -1e20f, -1e20f};
-  auto grow = [&](const Vector& p) {
-    lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
-    hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
-  };
-  if (map.light != nullptr) {
-    map.light->samples().forEach(0, [&](const LightMapSample& s) {
-      grow(s.position);
-      return true;
-    });
-  } else if (map.irradiance != nullptr) {
-    struct BBoxCb final : EnumIrradianceSamplesCallback {
-      std::function<void(const Vector&)> f;
-      int process(IrradSample& s) override {
-        f(s.position);
-        return 1;
-      }
-    } cb;
-    cb.f = grow;
-    map.irradiance->enumerateSamples(0, &cb);
-  }
+  BBoxCb cb;
+  runOver(map, 0, cb);
+  lo = cb.lo;
+  hi = cb.hi;
 }
 
 }  // namespace LUtils

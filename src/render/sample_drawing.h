@@ -1,18 +1,17 @@
 // Sample drawing: every irradiance or light-cache sample as a flat, unlit disc in its colour times
 // the brightness, frustum-culled, optionally split across the thread manager's workers for the
 // software rasterizer; the same discs in index colours for colour picking; selection boxes, the
-// axis cross, and the viewer-wide drawing settings with their brightness and LOD keys.
+// axis cross, the automatic brightness and the brightness and LOD keys. Everything is written
+// once over the sample adaptor (sample_source.h) and asks the back end what it can do.
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
 #include "io/vector.h"
-#include "irradiance/irradiance_map.h"
+#include "render/draw_options.h"
+#include "render/sample_source.h"
 #include "threads/thread_manager.h"
-
-class LightMap;
-struct LightMapSample;
 
 namespace LUtils {
 
@@ -25,43 +24,55 @@ struct FrustumPlane {
   float offset = 0.0f;
 };
 
-// The viewer-wide drawing settings: one set per process, driven by the viewer's menus and keys
-// and read by the drawing code every frame.
-struct DrawSettings {
-  bool useOpenGL = true;
-  bool multiThreadedSoftware = true;
-  int32_t segmentsPerDisc = 6;  // quality: 6, 10 or 16
-  bool adaptiveQuality = false;
-  float lodMultiplier = 1.0f;
-  float brightness = 1.0f;
-  bool backfaceCulling = false;
-  bool useDisplayLists = false;
-  bool showAxis = false;
-  Vector cameraPosition;
+// The view a frame is drawn for, besides the camera itself: the scene's bounds (for the axis),
+// the frustum of the frame being drawn, and how many of the samples a frame draws.
+struct DrawView {
   Vector sceneMin{1e20f, 1e20f, 1e20f};
   Vector sceneMax{-1e20f, -1e20f, -1e20f};
-  // One bit per sample index: bit (index mod 8) of byte (index / 8).
-  std::vector<uint8_t> deletedSamples;
-  std::vector<uint8_t> selectedSamples;
-  bool hasSelection = false;
-  Color selectionColour{1.0f, 0.85f, 0.0f};
   FrustumPlane frustum[6];
-  // OpenGL display lists: the samples, and the canvas's second list (the picking pass). 0: none.
-  uint32_t sampleList = 0;
-  uint32_t pickingList = 0;
-  // Samples seen by the last automatic brightness (for the status display).
-  int64_t samplesSeen = 0;
+  // 1 draws every sample. k > 1 draws only the samples whose index is a multiple of k: the same
+  // samples in every such frame, so that the reduced frames drawn while the camera moves do not
+  // flicker. Reduced frames neither compile nor replace compiled geometry.
+  uint32_t sampleStride = 1;
 };
 
-extern DrawSettings gDrawSettings;
+// The compiled geometry of the samples (display pass) and of the picking pass, where the back
+// end can compile geometry. It listens to the options and the edits and drops both whenever an
+// option changes or samples are deleted or restored: no caller drops them by hand.
+class GeometryCache {
+ public:
+  GeometryCache(DrawOptions& options, SampleEdits& edits);
+  ~GeometryCache();
+  GeometryCache(const GeometryCache&) = delete;
+  GeometryCache& operator=(const GeometryCache&) = delete;
 
-bool testSampleBit(const std::vector<uint8_t>& bits, uint32_t index);
-void setSampleBit(std::vector<uint8_t>& bits, uint32_t index);
+  // The back end that holds the geometry (null: none). A new one starts without geometry; what
+  // the old one held is dropped first.
+  void setRasterizer(Rasterizer3D* rasterizer);
+  void drop();
+  // How many times the geometry was dropped.
+  uint64_t drops() const { return drops_; }
 
-// The map the viewer shows: a light cache when one is given, else the irradiance map.
-struct DrawnMap {
-  IrradianceMap* irradiance = nullptr;
-  LightMap* light = nullptr;
+  uint32_t samples = 0;  // handles, 0: none
+  uint32_t picking = 0;
+
+ private:
+  DrawOptions& options_;
+  SampleEdits& edits_;
+  Rasterizer3D* rasterizer_ = nullptr;
+  int optionsHandle_ = 0;
+  int editsHandle_ = 0;
+  uint64_t drops_ = 0;
+};
+
+// Everything one frame or pick reads.
+struct DrawScene {
+  DrawnMap map;
+  const DrawOptions* options = nullptr;
+  const SampleEdits* edits = nullptr;
+  DrawView* view = nullptr;
+  GeometryCache* cache = nullptr;    // null: nothing is compiled
+  ThreadManager* threads = nullptr;  // null: every sample on the calling thread
 };
 
 // The six planes for the camera: near at 0.01 along the view, far at `farDistance`, the sides
@@ -72,36 +83,38 @@ void computeFrustum(const Camera* camera, float farDistance, int width, int heig
 // What the per-sample callbacks share during one pass.
 struct DrawPass {
   Rasterizer3D* rasterizer = nullptr;
-  const DrawSettings* settings = nullptr;
-  bool openGL = false;       // load each index as the GL selection name
-  bool frustumTest = true;   // off while a display list is compiled
+  const DrawOptions* options = nullptr;
+  const SampleEdits* edits = nullptr;
+  const DrawView* view = nullptr;
+  bool pickNames = false;   // load each index as the pick name
+  bool frustumTest = true;  // off while geometry is compiled
+  uint32_t stride = 1;
   Vector eye;
   // Unit-circle points for every side count up to 32.
   float cosines[33][32];
   float sines[33][32];
 
-  DrawPass(Rasterizer3D& r, const DrawSettings& s, bool testFrustum);
+  DrawPass(Rasterizer3D& r, const DrawScene& scene, bool testFrustum);
   // Sides of the disc of radius r at `position` for the current quality.
   unsigned sidesFor(float radius, const Vector& position) const;
   bool insideFrustum(const Vector& position, float radius) const;
   // Draws one disc: b = 0 in colour x brightness, b = 1 in the colour of `index`.
-  void drawDisc(const Vector& position, const Vector& normal, float radius, const Color& colour,
-                uint32_t index, int b) const;
+  void drawDisc(const DrawnSample& s, uint32_t index, int b) const;
 };
 
 // The per-sample drawing callback. b = 0 draws in the sample's colour, b = 1 in its index
 // colour (the picking pass). Indices run from `first` in enumeration order. Each record has a
 // cache line of its own: the drawing threads count in their records at every sample.
 template <int b>
-class alignas(64) DrawSamplesCb final : public EnumIrradianceSamplesCallback {
+class alignas(64) DrawSamplesCb final {
  public:
   uint32_t count = 0;
   uint32_t limit = 0xFFFFFFFFu;
   uint32_t first = 0;
   const DrawPass* pass = nullptr;
 
-  int process(IrradSample& sample) override;
-  bool processLight(const LightMapSample& sample);
+  // Returns false once `limit` samples were visited.
+  bool process(const DrawnSample& sample);
 };
 
 // A thread job drawing a map on n threads: thread i of n takes total / n samples from i x share
@@ -129,40 +142,36 @@ extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<0>>;
 extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
 // Draws every sample of the map with DrawSamplesCb<b>: on the thread manager's threads when the
-// rasterizer is the software one, multi-threaded software drawing is on and the map has at least
+// back end draws from threads, multi-threaded software drawing is on and the map has at least
 // 100 samples; otherwise on the calling thread. Returns the number of threads used.
 template <int b>
-uint32_t drawSamples(const DrawPass& pass, const DrawnMap& map, ThreadManager* threads);
+uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene);
 
 // The whole frame for the camera into the rasterizer (clear, samples, selection boxes, axis),
 // ending with swapBuffers.
-void drawFrame(Rasterizer3D& rasterizer, const DrawnMap& map, ThreadManager* threads,
-               DrawSettings& settings = gDrawSettings);
+void drawFrame(Rasterizer3D& rasterizer, const DrawScene& scene);
 // The picking pass: frustum, then every sample in its index colour (the caller has set up the
-// picking frame). On OpenGL with display lists on, the canvas's second list caches it.
-void drawPickingPass(Rasterizer3D& rasterizer, const DrawnMap& map, ThreadManager* threads,
-                     DrawSettings& settings = gDrawSettings);
+// picking frame). Where geometry can be compiled, the cache's picking geometry holds it.
+void drawPickingPass(Rasterizer3D& rasterizer, const DrawScene& scene);
 
-// Deletes both display lists (any rendering option change, deletion, undo); `rasterizer` may be
-// null or a software one, which keeps no lists.
-void invalidateDisplayLists(Rasterizer3D* rasterizer, DrawSettings& settings = gDrawSettings);
-
-// Sums the mean of the three colour channels of every irradiance sample and counts them.
-class GetSamplesIntensityCb final : public EnumIrradianceSamplesCallback {
+// Sums the mean of the three colour channels of every sample and counts them.
+class GetSamplesIntensityCb final {
  public:
   double sum = 0.0;
   int64_t count = 0;
-  int process(IrradSample& sample) override;
+  bool process(const DrawnSample& sample);
 };
 
-// brightness = 1 / (2 x the average sample intensity); an empty map gives infinity.
-void automaticBrightness(const DrawnMap& map, DrawSettings& settings = gDrawSettings);
+// brightness = 1 / (2 x the average sample intensity); an empty map gives infinity. Returns the
+// number of samples seen (for the status display).
+int64_t automaticBrightness(const DrawnMap& map, DrawOptions& options);
 
 // "B" (Shift: darker) and the LOD keys; each prints its console message. The caller repaints.
-void brightnessKey(bool shift, DrawSettings& settings = gDrawSettings);
-void lodKey(bool plus, DrawSettings& settings = gDrawSettings);
+void brightnessKey(bool shift, DrawOptions& options);
+void lodKey(bool plus, DrawOptions& options);
 
-// The scene bounding box over every sample (the viewer's BBoxCb).
+// The scene bounding box over every sample (the viewer's BBoxCb): min (1e20, 1e20, 1e20) and
+// max (-1e20, -1e20, -1e20) for a map without samples.
 void sceneBounds(const DrawnMap& map, Vector& min, Vector& max);
 
 }  // namespace LUtils

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <bit>
 #include <cmath>
 #include <mutex>
@@ -15,7 +16,6 @@
 #include "render/camera.h"
 #include "render/rasterizer_sw.h"
 #include "render/render_test_support.h"
-#include "render/synth_room.h"
 
 namespace LUtils {
 namespace {
@@ -54,6 +54,16 @@ class SpyRasterizer final : public Rasterizer3D {
   void drawQuadOrPolygon(const Vector* p, unsigned n, const Color& c) override {
     record(p, n, c, 0);
   }
+  bool drawsFromThreads() const override { return true; }
+  // Compiled geometry, counted: each handle is a number, deleting one records it.
+  bool canCacheGeometry() const override { return cacheable; }
+  uint32_t beginGeometry() override { return ++lastHandle; }
+  void deleteGeometry(uint32_t handle) override {
+    if (handle != 0) deleted.push_back(handle);
+  }
+  bool cacheable = false;
+  uint32_t lastHandle = 0;
+  std::vector<uint32_t> deleted;
 
   // The indices of the polygons drawn since the last call, in drawing order.
   std::vector<uint32_t> takeIndices() {
@@ -87,9 +97,14 @@ struct DrawingTest : ::testing::Test {
     camera.lookAt({0, 0, 10}, {0, 0, 0}, {0, 1, 0});
     spy.setCamera(&camera);
     spy.setFarDistance(100.0f);
-    computeFrustum(&camera, 100.0f, 800, 600, settings.frustum);
+    computeFrustum(&camera, 100.0f, 800, 600, view.frustum);
   }
-  DrawSettings settings;
+  DrawScene scene(DrawnMap map, ThreadManager* threads = nullptr) {
+    return {map, &options, &edits, &view, nullptr, threads};
+  }
+  DrawOptions options;
+  SampleEdits edits;
+  DrawView view;
   PinholeCamera camera;
   SpyRasterizer spy;
 };
@@ -100,13 +115,14 @@ TEST_F(DrawingTest, SmallMapsStayOnTheCallingThread) {
     DefIrradianceMap map;
     for (uint32_t i = 0; i < count; ++i) map.appendSample(sampleAt({i * 0.01f, 0, 0}));
     spy.threads.clear();
-    const DrawPass pass(spy, settings, true);
-    const uint32_t used = drawSamples<1>(pass, {&map, nullptr}, &threads);
+    const DrawScene drawn = scene({&map, nullptr}, &threads);
+    const DrawPass pass(spy, drawn, true);
+    const uint32_t used = drawSamples<1>(pass, drawn);
     if (count == 99) {
       EXPECT_EQ(used, 1u);
       EXPECT_EQ(spy.threads, std::set<std::thread::id>{std::this_thread::get_id()});
     } else {
-      EXPECT_EQ(used, static_cast<uint32_t>(defaultThreadCount()));
+      EXPECT_EQ(used, static_cast<uint32_t>(threads.threadCount()));
       EXPECT_EQ(spy.threads.count(std::this_thread::get_id()), 0u);
     }
     // Every index once, whichever thread drew it.
@@ -120,7 +136,7 @@ TEST_F(DrawingTest, SmallMapsStayOnTheCallingThread) {
 TEST_F(DrawingTest, SevenSamplesOnThreeThreadsShareTwoTwoThree) {
   DefIrradianceMap map;
   for (int i = 0; i < 7; ++i) map.appendSample(sampleAt({i * 0.1f, 0, 0}));
-  const DrawPass pass(spy, settings, true);
+  const DrawPass pass(spy, scene({&map, nullptr}), true);
   DrawSamplesCb<1> records[3];
   for (auto& r : records) r.pass = &pass;
   DrawThreaded<IrradianceMap, DrawSamplesCb<1>> job(map, records, 7);
@@ -141,59 +157,67 @@ TEST_F(DrawingTest, RadiusRuleDiffersBetweenMapKinds) {
   ls->normal = {0, 0, 1};
   ls->radiusSquared = 25.0f;  // disc radius 5
   ls->valueA[0] = std::bit_cast<uint32_t>(0.5f);
-  const DrawPass pass(spy, settings, true);
   for (const auto& [drawn, radius] : {std::pair{DrawnMap{&map, nullptr}, 1.0f},
                                       std::pair{DrawnMap{nullptr, &light}, 5.0f}}) {
     spy.polygons.clear();
-    drawSamples<0>(pass, drawn, nullptr);
+    const DrawPass pass(spy, scene(drawn), true);
+    drawSamples<0>(pass, scene(drawn));
     ASSERT_EQ(spy.polygons.size(), 1u);
     ASSERT_EQ(spy.polygons[0].points.size(), 6u);  // low quality
     for (const Vector& v : spy.polygons[0].points) EXPECT_NEAR(length(v), radius, 1e-5f);
   }
   // The colour arrives times the brightness, unclamped: mantissa 64 x 2^0 = 64.
   spy.polygons.clear();
-  settings.brightness = 0.5f;
-  drawSamples<0>(pass, {&map, nullptr}, nullptr);
+  options.setBrightness(0.5f);
+  const DrawPass pass(spy, scene({&map, nullptr}), true);
+  drawSamples<0>(pass, scene({&map, nullptr}));
   EXPECT_FLOAT_EQ(spy.polygons[0].colour.r, 32.0f);
 }
 
 TEST_F(DrawingTest, AdaptiveSidesFrustumAndDeletedSamples) {
-  settings.adaptiveQuality = true;
-  settings.segmentsPerDisc = 10;
-  const DrawPass pass(spy, settings, true);
+  options.setAdaptiveQuality(true);
+  options.setSegmentsPerDisc(10);
+  DefIrradianceMap map;
+  const DrawPass pass(spy, scene({&map, nullptr}), true);
   EXPECT_EQ(pass.sidesFor(0.0001f, {0, 0, -80}), 4u);  // tiny and far
   EXPECT_EQ(pass.sidesFor(4.0f, {0, 0, 9}), 20u);      // large and near: at most 2N
   // At d = 1 the divisor is held at 0.2 x LOD: ceil(sqrt(0.0001) x 20 / 0.2) = 1, so 4 sides;
   // r = 0.0016 gives ceil(0.04 x 100) = 4, r = 0.0025 ceil(0.05 x 100) = 5.
   EXPECT_EQ(pass.sidesFor(0.0025f, {0, 0, 9}), 5u);
-  settings.lodMultiplier = 0.5f;
+  options.setLodMultiplier(0.5f);
   EXPECT_EQ(pass.sidesFor(0.0025f, {0, 0, 9}), 10u);
 
-  settings.adaptiveQuality = false;
-  DefIrradianceMap map;
+  options.setAdaptiveQuality(false);
   map.appendSample(sampleAt({0, 0, 0}));
   map.appendSample(sampleAt({1, 0, 0}));
   map.appendSample(sampleAt({0, 0, 20}));  // behind the camera
   map.appendSample(sampleAt({2, 0, 0}));
-  setSampleBit(settings.deletedSamples, 1);
-  drawSamples<1>(pass, {&map, nullptr}, nullptr);
+  edits.editDeleted([](SampleBits& bits) { bits.set(1); });
+  drawSamples<1>(pass, scene({&map, nullptr}));
   // Deleted 1 and culled 2 keep their indices.
   EXPECT_EQ(spy.takeIndices(), (std::vector<uint32_t>{0, 3}));
 
   // Without the frustum test (a display list being compiled) the culled sample is drawn.
-  const DrawPass compiling(spy, settings, false);
-  drawSamples<1>(compiling, {&map, nullptr}, nullptr);
+  const DrawPass compiling(spy, scene({&map, nullptr}), false);
+  drawSamples<1>(compiling, scene({&map, nullptr}));
   EXPECT_EQ(spy.takeIndices(), (std::vector<uint32_t>{0, 2, 3}));
+
+  // A reduced frame draws the same samples every time: the indices that are multiples of the
+  // stride.
+  view.sampleStride = 2;
+  const DrawPass reduced(spy, scene({&map, nullptr}), false);
+  drawSamples<1>(reduced, scene({&map, nullptr}));
+  EXPECT_EQ(spy.takeIndices(), (std::vector<uint32_t>{0, 2}));
 }
 
 TEST_F(DrawingTest, BrightnessFromTheKeysAndTheAverageIntensity) {
   ::testing::internal::CaptureStdout();
-  brightnessKey(false, settings);
-  brightnessKey(true, settings);
-  settings.lodMultiplier = 2.9f;
-  lodKey(true, settings);  // at the top: unchanged, still printed
-  settings.lodMultiplier = 1.0f;
-  lodKey(false, settings);
+  brightnessKey(false, options);
+  brightnessKey(true, options);
+  options.setLodMultiplier(2.9f);
+  lodKey(true, options);  // at the top: unchanged, still printed
+  options.setLodMultiplier(1.0f);
+  lodKey(false, options);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "Brightness set to 1.125\nBrightness set to 1\nLOD multiplier set to 2.9\n"
             "LOD multiplier set to 0.9\n");
@@ -204,126 +228,73 @@ TEST_F(DrawingTest, BrightnessFromTheKeysAndTheAverageIntensity) {
   s.colour[0] = 96;  // (96 + 64 + 64) / 3 = 74.67 x 2^0
   map.appendSample(s);
   map.appendSample(sampleAt({1, 0, 0}));  // 64
-  automaticBrightness({&map, nullptr}, settings);
-  EXPECT_EQ(settings.samplesSeen, 2);
-  EXPECT_NEAR(settings.brightness, 1.0 / (2.0 * (74.666667 + 64.0) / 2.0), 1e-6);
+  EXPECT_EQ(automaticBrightness({&map, nullptr}, options), 2);
+  EXPECT_NEAR(options.brightness(), 1.0 / (2.0 * (74.666667 + 64.0) / 2.0), 1e-6);
   DefIrradianceMap empty;
-  automaticBrightness({&empty, nullptr}, settings);
-  EXPECT_TRUE(std::isinf(settings.brightness));
+  automaticBrightness({&empty, nullptr}, options);
+  EXPECT_TRUE(std::isinf(options.brightness()));
 }
 
-std::vector<uint32_t> swFrame(RasterizerSW& sw, SynthRoom& room, ThreadManager& threads,
-                              DrawSettings& settings) {
-  drawFrame(sw, {&room.map, nullptr}, &threads, settings);
-  return {sw.picture(), sw.picture() + static_cast<size_t>(sw.width()) * sw.height()};
-}
-
-TEST(SampleDrawing, ThreadedSoftwareFrameEqualsOneThread) {
-  SynthRoom room(120000, 640, 480);
-  DefThreadManager threads;
-  DrawSettings settings;
-  automaticBrightness({&room.map, nullptr}, settings);
-  RasterizerSW sw;
-  sw.resize(640, 480);
-  sw.setCamera(&room.camera);
-  sw.setFarDistance(room.farDistance);
-  settings.multiThreadedSoftware = false;
-  const std::vector<uint32_t> single = swFrame(sw, room, threads, settings);
-  settings.multiThreadedSoftware = true;
-  reloadDefaultThreadCount();
-  EXPECT_EQ(swFrame(sw, room, threads, settings), single);
-  // A selection draws boxes over the discs in both modes alike.
-  for (uint32_t i = 0; i < 120000; i += 997) setSampleBit(settings.selectedSamples, i);
-  settings.hasSelection = true;
-  settings.showAxis = true;
-  const std::vector<uint32_t> selectedThreaded = swFrame(sw, room, threads, settings);
-  settings.multiThreadedSoftware = false;
-  EXPECT_EQ(swFrame(sw, room, threads, settings), selectedThreaded);
-  EXPECT_NE(selectedThreaded, single);
-}
-
-TEST(SampleDrawing, BothBackEndsDrawTheSynthesisedRoomAlike) {
-  constexpr int kW = 800, kH = 600;
-  SynthRoom room(200000, kW, kH);
-  RasterizerGL gl;
-  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, kW, kH);
-  DefThreadManager threads;
-  DrawSettings settings;
-  automaticBrightness({&room.map, nullptr}, settings);
-  settings.segmentsPerDisc = 10;
-  RasterizerSW sw;
-  sw.resize(kW, kH);
-  for (Rasterizer3D* r : {static_cast<Rasterizer3D*>(&sw), static_cast<Rasterizer3D*>(&gl)}) {
-    r->setCamera(&room.camera);
-    r->setFarDistance(room.farDistance);
-    drawFrame(*r, {&room.map, nullptr}, &threads, settings);
-  }
-  std::vector<uint32_t> glPixels;
-  int w = 0, h = 0;
-  ASSERT_TRUE(gl.readPixels(glPixels, w, h));
-  const std::vector<uint32_t> swPixels(sw.picture(), sw.picture() + kW * kH);
-  writePng(testing::picturePath("synth_room_gl.png"), glPixels.data(), kW, kH);
-  writePng(testing::picturePath("synth_room_sw.png"), swPixels.data(), kW, kH);
-  const double equal = testing::equalFraction(glPixels, swPixels);
-  const double nearly = testing::nearlyEqualFraction(glPixels, swPixels);
-  std::printf("synthesised room, 200000 samples: %.4f of the pixels equal, %.4f within one level\n",
-              equal, nearly);
-  EXPECT_GT(nearly, 0.6);
-
-  // The picking pass: both back ends see mostly the same index under each pixel (coplanar,
-  // overlapping discs z-fight differently, as in the display pass).
-  for (Rasterizer3D* r : {static_cast<Rasterizer3D*>(&sw), static_cast<Rasterizer3D*>(&gl)}) {
-    r->setClearColor({1, 1, 1});
-    r->beginFrame();
-    drawPickingPass(*r, {&room.map, nullptr}, &threads, settings);
-  }
-  ASSERT_TRUE(gl.readPixels(glPixels, w, h));
-  const std::vector<uint32_t> swIndices(sw.colourBuffer(), sw.colourBuffer() + kW * kH);
-  const double sameIndex = testing::equalFraction(glPixels, swIndices);
-  std::printf("picking pass: %.4f of the pixels name the same sample\n", sameIndex);
-  EXPECT_GT(sameIndex, 0.6);
-}
-
-TEST(SampleDrawing, DisplayListsCompileOnceAndAreDropped) {
-  RasterizerGL gl;
-  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, 64, 64);
-  PinholeCamera camera;
-  camera.setImage(64, 64, 1.0f);
-  camera.lookAt({0, 0, 10}, {0, 0, 0}, {0, 1, 0});
-  gl.setCamera(&camera);
+TEST_F(DrawingTest, OptionsAndDeletionsDropCompiledGeometryOnceEachAndNothingElseDoes) {
+  spy.cacheable = true;
   DefIrradianceMap map;
-  map.appendSample(sampleAt({0, 0, 0}, 100.0f));
-  DrawSettings settings;
-  settings.useDisplayLists = true;
-  drawFrame(gl, {&map, nullptr}, nullptr, settings);
-  const uint32_t list = settings.sampleList;
-  EXPECT_NE(list, 0u);
-  drawFrame(gl, {&map, nullptr}, nullptr, settings);
-  EXPECT_EQ(settings.sampleList, list);
-  std::vector<uint32_t> pixels;
-  int w, h;
-  gl.readPixels(pixels, w, h);
-  EXPECT_NE(pixels[32 * 64 + 32] & 0xFFFFFFu, 0x404040u);  // the disc, replayed from the list
-
-  // The picking list is compiled straight after a frame that left lighting off, and called in
-  // frames that begin with it on: it must switch lighting off itself, or the index colours are
-  // lit.
-  invalidateDisplayLists(&gl, settings);
-  settings.useDisplayLists = false;
-  drawFrame(gl, {&map, nullptr}, nullptr, settings);
-  settings.useDisplayLists = true;
-  drawPickingPass(gl, {&map, nullptr}, nullptr, settings);
-  EXPECT_NE(settings.pickingList, 0u);
-  gl.setClearColor({1, 1, 1});
-  gl.beginFrame();
-  drawPickingPass(gl, {&map, nullptr}, nullptr, settings);
-  gl.readPixels(pixels, w, h);
-  EXPECT_EQ(pixels[32 * 64 + 32] & 0xFFFFFFu, 0u);  // index 0, unlit
-  invalidateDisplayLists(&gl, settings);
-  EXPECT_EQ(settings.sampleList, 0u);
-  settings.adaptiveQuality = true;  // no list in adaptive quality
-  drawFrame(gl, {&map, nullptr}, nullptr, settings);
-  EXPECT_EQ(settings.sampleList, 0u);
+  map.appendSample(sampleAt({0, 0, 0}));
+  map.appendSample(sampleAt({1, 0, 0}));
+  GeometryCache cache(options, edits);
+  cache.setRasterizer(&spy);
+  options.setUseDisplayLists(true);
+  DrawScene drawn = scene({&map, nullptr});
+  drawn.cache = &cache;
+  // Compiles both kinds of geometry and checks what one change drops.
+  auto compileThen = [&](const std::function<void()>& change) {
+    drawFrame(spy, drawn);
+    drawPickingPass(spy, drawn);
+    const uint32_t samples = cache.samples, picking = cache.picking;
+    EXPECT_NE(samples, 0u);
+    EXPECT_NE(picking, 0u);
+    const uint64_t before = cache.drops();
+    spy.deleted.clear();
+    change();
+    return std::pair{cache.drops() - before, spy.deleted == std::vector<uint32_t>{samples, picking}};
+  };
+  const std::vector<std::pair<const char*, std::function<void()>>> changes = {
+      {"OpenGL", [&] { options.setUseOpenGL(false); }},
+      {"multi-threaded", [&] { options.setMultiThreadedSoftware(false); }},
+      {"quality", [&] { options.setSegmentsPerDisc(16); }},
+      {"LOD", [&] { options.setLodMultiplier(1.5f); }},
+      {"brightness", [&] { options.setBrightness(3.0f); }},
+      {"culling", [&] { options.setBackfaceCulling(true); }},
+      {"axis", [&] { options.setShowAxis(true); }},
+      {"colour", [&] { options.setSelectionColour({0, 1, 0}); }},
+      {"delete", [&] { edits.editDeleted([](SampleBits& b) { b.set(1); }); }},
+      {"undo", [&] { edits.editDeleted([](SampleBits& b) { b.reset(1); }); }},
+      {"new map", [&] { edits.reset(2); }},
+  };
+  for (const auto& [name, change] : changes) {
+    EXPECT_EQ(compileThen(change), std::pair(uint64_t{1}, true)) << name;
+  }
+  // Adaptive quality compiles nothing; switching it on drops the compiled lists.
+  EXPECT_EQ(compileThen([&] { options.setAdaptiveQuality(true); }), std::pair(uint64_t{1}, true));
+  options.setAdaptiveQuality(false);
+  // Nothing else drops: the same value again, a selection, drawing, a reduced frame.
+  drawFrame(spy, drawn);
+  drawPickingPass(spy, drawn);
+  const uint64_t before = cache.drops();
+  spy.deleted.clear();
+  options.setSegmentsPerDisc(16);
+  options.setBrightness(3.0f);
+  edits.editSelected([](SampleBits& b) { b.set(0); });
+  edits.clearSelection();
+  view.sampleStride = 4;
+  drawFrame(spy, drawn);
+  view.sampleStride = 1;
+  drawFrame(spy, drawn);
+  EXPECT_EQ(cache.drops(), before);
+  EXPECT_TRUE(spy.deleted.empty());
+  // The display-lists option itself: off drops, and nothing is compiled while it is off.
+  EXPECT_EQ(compileThen([&] { options.setUseDisplayLists(false); }), std::pair(uint64_t{1}, true));
+  drawFrame(spy, drawn);
+  EXPECT_EQ(cache.samples, 0u);
 }
 
 }  // namespace

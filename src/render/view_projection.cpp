@@ -8,15 +8,11 @@ namespace LUtils {
 
 CameraFrame cameraFrame(const Camera* camera) {
   CameraFrame frame;
-  const auto* pinhole = dynamic_cast<const PinholeCamera*>(camera);
-  if (pinhole == nullptr) return frame;
-  frame.valid = true;
-  frame.eye = pinhole->positionF();
-  frame.right = pinhole->right;
-  frame.up = pinhole->up;
-  frame.forward = pinhole->forward;
-  frame.fieldOfView = pinhole->fieldOfView;
-  return frame;
+  if (camera == nullptr) return frame;
+  CameraFrame f;
+  if (!camera->drawingFrame(f.eye, f.right, f.up, f.forward, f.fieldOfView)) return frame;
+  f.valid = true;
+  return f;
 }
 
 double verticalFovDegrees(float horizontalFov, int width, int height) {

@@ -395,7 +395,7 @@ DefThreadManager::CompletionGroup* DefThreadManager::takeGroup() {
 int32_t DefThreadManager::run(int32_t threadCount, MultiThreaded* task,
                               ProgressCallback* progress, bool showProgress) {
   if (!task) return 0;
-  const int32_t requested = threadCount > 0 ? threadCount : defaultThreadCount();
+  const int32_t requested = threadCount > 0 ? threadCount : this->threadCount();
   task->baseProgress.store(0);
   task->result.store(0);
   if (progress) {

@@ -3,6 +3,7 @@
 // returns at once. Workers are made on demand and reused until terminateThreads.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -47,7 +48,7 @@ class ThreadManager {
   // which threads here cannot be: either way it is detached and ends with the process. Must not
   // overlap a run or runAsync on another thread; the manager can be used again afterwards.
   virtual void terminateThreads(bool force) = 0;
-  // Runs `task` on `threadCount` threads (0 or less: defaultThreadCount()) and waits for all of
+  // Runs `task` on `threadCount` threads (0 or less: the manager's threadCount()) and waits for all of
   // them. `progress` may be null; when given it hears the set-up and completion messages, is
   // asked every 200 ms whether to abort (a non-zero answer is stored in the task's result word)
   // and gets the summed progress when `showProgress` is set. Returns the task's result word.
@@ -63,11 +64,15 @@ class ThreadManager {
   // The calling worker's index in its current run, or 0xFFFFFFFF when the caller is not one of
   // this manager's workers.
   virtual uint32_t currentThreadIndex() = 0;
+  // The number of threads a run asked for 0 threads uses: defaultThreadCount() until set.
+  virtual int32_t threadCount() = 0;
+  // Values below 1 go back to defaultThreadCount().
+  virtual void setThreadCount(int32_t count) = 0;
   virtual ~ThreadManager() = default;
 };
 
-// The worker count used when run is asked for 0 threads: LUMORA_NUM_THREADS as read at start-up,
-// or the processor count when it is absent or not a positive number.
+// A new manager's thread count: LUMORA_NUM_THREADS as read at start-up, or the processor count
+// when it is absent or not a positive number.
 int32_t defaultThreadCount();
 // Reads LUMORA_NUM_THREADS again and makes the result the default; returns it.
 int32_t reloadDefaultThreadCount();
@@ -90,6 +95,11 @@ class DefThreadManager final : public ThreadManager {
   int32_t runAsync(AsyncTask* object, uint64_t argument) override;
   void setStackSize(uint32_t bytes) override;
   uint32_t currentThreadIndex() override;
+  int32_t threadCount() override { return threadCount_.load(std::memory_order_relaxed); }
+  void setThreadCount(int32_t count) override {
+    threadCount_.store(count > 0 ? std::min(count, kMaxDefaultThreads) : defaultThreadCount(),
+                       std::memory_order_relaxed);
+  }
 
   // The number of worker records (idle, busy or starting) the manager holds.
   size_t workerCount();
@@ -106,6 +116,7 @@ class DefThreadManager final : public ThreadManager {
   SpinningMutex lock_;  // guards both lists
   std::atomic<bool> lowPriority_{false};
   std::atomic<uint32_t> stackSize_{0};
+  std::atomic<int32_t> threadCount_{defaultThreadCount()};
 };
 
 }  // namespace LUtils

@@ -17,7 +17,7 @@
 #include "lightcache/light_map.h"
 #include "render/camera.h"
 #include "render/png_writer.h"
-#include "render/rasterizer_gl.h"
+#include "render/gl/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 #include "render/sample_drawing.h"
 #include "threads/thread_manager.h"
@@ -378,29 +378,29 @@ int main(int argc, char** argv) {
   if (!loadMap(o.input, map, error)) return failure(error);
   const LUtils::DrawnMap drawn = map.drawn();
 
-  LUtils::DrawSettings settings;
-  LUtils::sceneBounds(drawn, settings.sceneMin, settings.sceneMax);
+  LUtils::DrawOptions options;
+  LUtils::SampleEdits edits;
+  LUtils::DrawView view;
+  LUtils::sceneBounds(drawn, view.sceneMin, view.sceneMax);
   if (o.haveBrightness) {
-    settings.brightness = o.brightness;
+    options.setBrightness(o.brightness);
   } else {
-    LUtils::automaticBrightness(drawn, settings);
+    LUtils::automaticBrightness(drawn, options);
     // An empty or black map has no average to scale by.
-    if (!std::isfinite(settings.brightness)) settings.brightness = 1.0f;
+    if (!std::isfinite(options.brightness())) options.setBrightness(1.0f);
   }
-  settings.segmentsPerDisc = o.sides;
-  settings.adaptiveQuality = o.adaptive;
-  settings.lodMultiplier = o.lod;
-  settings.backfaceCulling = o.cull;
-  settings.showAxis = o.axis;
-  settings.useOpenGL = o.openGL;
-  settings.useDisplayLists = false;
-  settings.multiThreadedSoftware = !o.openGL && o.threads != 1;
+  options.setSegmentsPerDisc(o.sides);
+  options.setAdaptiveQuality(o.adaptive);
+  options.setLodMultiplier(o.lod);
+  options.setBackfaceCulling(o.cull);
+  options.setShowAxis(o.axis);
+  options.setUseOpenGL(o.openGL);
+  options.setMultiThreadedSoftware(!o.openGL && o.threads != 1);
 
   LUtils::PinholeCamera camera;
   const char* viewName = "";
   const float farDistance =
-      setUpView(o, map.irradiance.get(), settings.sceneMin, settings.sceneMax, camera, viewName);
-  settings.cameraPosition = camera.positionF();
+      setUpView(o, map.irradiance.get(), view.sceneMin, view.sceneMax, camera, viewName);
 
   std::vector<uint32_t> pixels;
   int width = 0, height = 0;
@@ -413,21 +413,18 @@ int main(int argc, char** argv) {
     }
     gl.setCamera(&camera);
     gl.setFarDistance(farDistance);
-    LUtils::drawFrame(gl, drawn, nullptr, settings);
+    LUtils::drawFrame(gl, {drawn, &options, &edits, &view, nullptr, nullptr});
     if (!gl.readPixels(pixels, width, height)) return failure("cannot read the OpenGL picture back");
   } else {
-    if (o.threads > 1) {
-      // The drawing job runs on the default number of workers.
-      setenv("LUMORA_NUM_THREADS", std::to_string(o.threads).c_str(), 1);
-      LUtils::reloadDefaultThreadCount();
-    }
     LUtils::DefThreadManager threads;
+    // 0: the manager's own count (LUMORA_NUM_THREADS, else one per processor).
+    threads.setThreadCount(o.threads);
     LUtils::RasterizerSW sw;
     sw.resize(o.width, o.height);
     if (o.threads > 0) sw.setReplayThreads(static_cast<unsigned>(o.threads));
     sw.setCamera(&camera);
     sw.setFarDistance(farDistance);
-    LUtils::drawFrame(sw, drawn, &threads, settings);
+    LUtils::drawFrame(sw, {drawn, &options, &edits, &view, nullptr, &threads});
     width = sw.width();
     height = sw.height();
     pixels.assign(sw.picture(), sw.picture() + static_cast<size_t>(width) * height);
@@ -441,7 +438,7 @@ int main(int argc, char** argv) {
                                      : static_cast<size_t>(map.irradiance->numSamples());
     std::printf("Wrote \"%s\": %d x %d, %zu %s samples, %s, %s renderer, brightness %g\n",
                 o.output.c_str(), width, height, samples, map.light ? "light cache" : "irradiance",
-                viewName, o.openGL ? "OpenGL" : "software", static_cast<double>(settings.brightness));
+                viewName, o.openGL ? "OpenGL" : "software", static_cast<double>(options.brightness()));
   }
   return 0;
 }

@@ -1,3 +1,5 @@
+// The software rasterizer checked against the OpenGL back end: the same primitives give the same
+// pixels except along edges, picks agree, and threaded drawing equals one thread.
 #include "render/rasterizer_sw.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +11,8 @@
 
 #include "render/camera.h"
 #include "render/disc_scene.h"
-#include "render/render_test_support.h"
+#include "render/gl/gl_test_support.h"
+#include "render/gl/rasterizer_gl.h"
 
 namespace LUtils {
 namespace {

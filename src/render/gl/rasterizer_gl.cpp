@@ -1,4 +1,4 @@
-#include "render/rasterizer_gl.h"
+#include "render/gl/rasterizer_gl.h"
 
 #include <GL/gl.h>
 #include <GL/glu.h>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "render/offscreen_gl_context.h"
+#include "render/gl/offscreen_gl_context.h"
 #include "render/view_projection.h"
 
 namespace LUtils {
@@ -272,41 +272,41 @@ int RasterizerGL::endSelection(SelectionCb& callback) {
   return hitCount_;
 }
 
-void RasterizerGL::loadName(uint32_t name) { glLoadName(name); }
+void RasterizerGL::loadPickName(uint32_t name) { glLoadName(name); }
 
 // A list must set the lighting itself: it is called in frames whose state the compile did not
 // see. Compiling does not change the context's state, and calling a list may.
-uint32_t RasterizerGL::beginList() {
+uint32_t RasterizerGL::beginGeometry() {
   const GLuint list = glGenLists(1);
   if (list != 0) glNewList(list, GL_COMPILE);
   lighting_ = kLightingUnknown;
   return list;
 }
 
-void RasterizerGL::endList() {
+void RasterizerGL::endGeometry() {
   glEndList();
   lighting_ = kLightingUnknown;
 }
 
-void RasterizerGL::callList(uint32_t list) {
+void RasterizerGL::drawGeometry(uint32_t list) {
   glCallList(list);
   lighting_ = kLightingUnknown;
 }
 
-void RasterizerGL::deleteList(uint32_t list) {
+void RasterizerGL::deleteGeometry(uint32_t list) {
   if (list != 0) glDeleteLists(list, 1);
 }
 
 void RasterizerGL::setLineWidth(float width) { glLineWidth(width); }
 
-void RasterizerGL::setLineOffset(bool on) {
-  if (on) {
-    glEnable(GL_POLYGON_OFFSET_LINE);
-    glPolygonOffset(0.0f, -200.0f);
-  } else {
-    glDisable(GL_POLYGON_OFFSET_LINE);
-  }
+// Outlines keep the depth test and are pulled towards the eye, so that boxes stay visible over
+// the discs they enclose but not over nearer geometry.
+void RasterizerGL::beginOverlayOutlines() {
+  glEnable(GL_POLYGON_OFFSET_LINE);
+  glPolygonOffset(0.0f, -200.0f);
 }
+
+void RasterizerGL::endOverlayOutlines() { glDisable(GL_POLYGON_OFFSET_LINE); }
 
 void RasterizerGL::drawLine(const Vector& a, const Vector& b, const Color& color) {
   lighting(false);

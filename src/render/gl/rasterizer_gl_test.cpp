@@ -1,4 +1,4 @@
-#include "render/rasterizer_gl.h"
+#include "render/gl/rasterizer_gl.h"
 
 #include <GL/gl.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "render/camera.h"
-#include "render/render_test_support.h"
+#include "render/gl/gl_test_support.h"
 
 namespace LUtils {
 namespace {
@@ -30,7 +30,7 @@ class GLPick : public ::testing::Test {
 
   void quad(uint32_t name, float x0, float y0, float x1, float y1, float z) {
     const Vector points[4] = {{x0, y0, z}, {x1, y0, z}, {x1, y1, z}, {x0, y1, z}};
-    gl_.loadName(name);
+    gl_.loadPickName(name);
     gl_.drawQuadOrPolygon(points, 4, {1, 1, 1});
   }
 

@@ -1,4 +1,4 @@
-#include "render/offscreen_gl_context.h"
+#include "render/gl/offscreen_gl_context.h"
 
 #include <EGL/egl.h>
 #include <EGL/eglext.h>

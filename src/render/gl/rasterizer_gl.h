@@ -74,18 +74,18 @@ class RasterizerGL final : public Rasterizer3D {
   // 0xAABBGGRR (red in the lowest byte), like RasterizerSW's buffers.
   bool readPixels(std::vector<uint32_t>& pixels, int& width, int& height) const;
 
-  // Loads the GL selection name of the primitives that follow (a sample's index).
-  void loadName(uint32_t name);
-
-  // Display lists: a new list compiled from the calls that follow until endList (0 when none
-  // could be made), calling one, deleting one (0 is ignored).
-  uint32_t beginList();
-  void endList();
-  void callList(uint32_t list);
-  void deleteList(uint32_t list);
-  void setLineWidth(float width);
-  // Pulls outlines towards the eye so that wire boxes stay visible over the discs they enclose.
-  void setLineOffset(bool on);
+  // Compiled geometry is a display list of the current context; deleting 0 is ignored.
+  bool canCacheGeometry() const override { return true; }
+  uint32_t beginGeometry() override;
+  void endGeometry() override;
+  void drawGeometry(uint32_t list) override;
+  void deleteGeometry(uint32_t list) override;
+  // Picks report the name loaded before each primitive (a sample's index).
+  bool loadsPickNames() const override { return true; }
+  void loadPickName(uint32_t name) override;
+  void beginOverlayOutlines() override;
+  void endOverlayOutlines() override;
+  void setLineWidth(float width) override;
 
   // The raw selection buffer (null before the first pick through the buffer).
   const uint32_t* selectBuffer() const { return selectBuffer_.get(); }
