@@ -37,3 +37,9 @@ function(cacheview_subsystem name)
     gtest_discover_tests(${name}_tests PROPERTIES LABELS ${name} DISCOVERY_TIMEOUT 60)
   endif()
 endfunction()
+
+# The version header, generated from the project version: cacheview_version.h.
+configure_file(${CMAKE_CURRENT_LIST_DIR}/version.h.in
+               ${CMAKE_BINARY_DIR}/generated/cacheview_version.h @ONLY)
+add_library(cacheview_version INTERFACE)
+target_include_directories(cacheview_version INTERFACE ${CMAKE_BINARY_DIR}/generated)

@@ -1,5 +1,7 @@
 #include "app/driver.h"
 
+#include "cacheview_version.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -210,7 +212,7 @@ int walkOptions(int argc, char** argv) {
 }  // namespace
 
 void printUsage() {
-  say("Lumora irradiance map viewer, version 1.5.3\n"
+  say("Lumora irradiance map viewer, version " CACHEVIEW_VERSION "\n"
       "Copyright (C) 2026 the cacheview authors. Provided as is, without any warranty.\n"
       "\n"
       "Usage:\n"

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cacheview_version.h"
 #include "io/file_errors.h"
 #include "irradiance/irradiance_map.h"
 #include "lightcache/light_map.h"
@@ -39,6 +40,7 @@ const char kUsage[] =
     "view of the whole map from its front (along +y with Z up, along -z with Y up).\n"
     "\n"
     "Options:\n"
+    "      --version           print the program's version and exit\n"
     "  -o, --output FILE       the picture to write (or give it as the last argument)\n"
     "  -b, --backend gl|sw     OpenGL in an off-screen context (default) or the software\n"
     "                          rasterizer\n"
@@ -238,6 +240,9 @@ int parseOptions(int argc, char** argv, Options& o) {
     long n = 0;
     if (is("-h", "--help")) {
       std::fputs(kUsage, stdout);
+      return 0;
+    } else if (is(nullptr, "--version")) {
+      std::printf("cacheview-render %s\n", CACHEVIEW_VERSION);
       return 0;
     } else if (is("-o", "--output")) {
       const char* v = value();
