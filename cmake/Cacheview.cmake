@@ -31,9 +31,7 @@ function(cacheview_subsystem name)
   if(CACHEVIEW_BUILD_TESTS AND test_sources)
     add_executable(${name}_tests ${test_sources})
     target_link_libraries(${name}_tests PRIVATE cv_${name} ${ARG_TEST_LIBS} GTest::gtest_main
-                          GTest::gmock cacheview_warnings)
-    target_compile_definitions(${name}_tests PRIVATE
-      CACHEVIEW_TEST_TMPDIR="${CMAKE_BINARY_DIR}/test-tmp")
+                          GTest::gmock cacheview_test_support cacheview_warnings)
     gtest_discover_tests(${name}_tests PROPERTIES LABELS ${name} DISCOVERY_TIMEOUT 60)
   endif()
 endfunction()
@@ -43,3 +41,10 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/version.h.in
                ${CMAKE_BINARY_DIR}/generated/cacheview_version.h @ONLY)
 add_library(cacheview_version INTERFACE)
 target_include_directories(cacheview_version INTERFACE ${CMAKE_BINARY_DIR}/generated)
+
+# What the tests share: the scratch-directory and whole-file helpers (test_support/*.h) and the
+# build's directory for files the tests leave behind.
+add_library(cacheview_test_support INTERFACE)
+target_include_directories(cacheview_test_support INTERFACE ${PROJECT_SOURCE_DIR}/tests/support)
+target_compile_definitions(cacheview_test_support INTERFACE
+  CACHEVIEW_TEST_TMPDIR="${CMAKE_BINARY_DIR}/test-tmp")

@@ -12,6 +12,7 @@
 
 #include "render/png_writer.h"
 #include "render/rasterizer.h"
+#include "test_support/scratch_dir.h"
 
 namespace LUtils::testing {
 
@@ -64,10 +65,7 @@ inline double nearlyEqualFraction(const std::vector<uint32_t>& a, const std::vec
 }
 
 // Where tests leave pictures for a person to look at.
-inline std::string picturePath(const std::string& name) {
-  std::filesystem::create_directories(CACHEVIEW_TEST_TMPDIR);
-  return std::string(CACHEVIEW_TEST_TMPDIR) + "/" + name;
-}
+inline std::string picturePath(const std::string& name) { return testTmpPath(name); }
 
 inline std::set<uint32_t> indicesIn(const uint32_t* pixels, size_t count) {
   std::set<uint32_t> indices;

@@ -14,6 +14,7 @@
 
 #include "lightcache/light_map.h"
 #include "synth/map_output.h"
+#include "test_support/scratch_dir.h"
 
 namespace LUtils {
 namespace {
@@ -23,31 +24,19 @@ struct ToolRun {
   std::string out, err;
 };
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using LUtils::testing::readWholeFile;
 
 std::string quoted(const std::string& s) { return "'" + s + "'"; }
 
-class RenderTool : public ::testing::Test {
+class RenderTool : public LUtils::testing::ScratchDirTest {
  protected:
+  RenderTool() : ScratchDirTest("render-tool") {}
+
   static void SetUpTestSuite() {
     hasDecoder_ = std::system("command -v convert >/dev/null 2>&1 && "
                               "command -v identify >/dev/null 2>&1") == 0;
   }
 
-  void SetUp() override {
-    std::filesystem::create_directories(CACHEVIEW_TEST_TMPDIR);
-    std::string pattern = std::string(CACHEVIEW_TEST_TMPDIR) + "/render-tool-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    if (!HasFailure()) std::filesystem::remove_all(dir_);
-  }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
   ToolRun run(const std::string& args) const {
     ToolRun r;
@@ -55,8 +44,8 @@ class RenderTool : public ::testing::Test {
                             quoted(path("out.txt")) + " 2> " + quoted(path("err.txt"));
     const int raw = std::system(cmd.c_str());
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = readText(path("out.txt"));
-    r.err = readText(path("err.txt"));
+    r.out = readWholeFile(path("out.txt"));
+    r.err = readWholeFile(path("err.txt"));
     return r;
   }
 
@@ -75,16 +64,15 @@ class RenderTool : public ::testing::Test {
                             " -depth 8 rgb:" + quoted(file + ".rgb") + " 2>/dev/null";
     ASSERT_EQ(std::system(cmd.c_str()), 0) << file << " does not decode";
     int w = 0, h = 0;
-    ASSERT_EQ(std::sscanf(readText(file + ".size").c_str(), "%d %d", &w, &h), 2);
+    ASSERT_EQ(std::sscanf(readWholeFile(file + ".size").c_str(), "%d %d", &w, &h), 2);
     EXPECT_EQ(w, width);
     EXPECT_EQ(h, height);
-    const std::string bytes = readText(file + ".rgb");
+    const std::string bytes = readWholeFile(file + ".rgb");
     rgb.assign(bytes.begin(), bytes.end());
     ASSERT_EQ(rgb.size(), static_cast<size_t>(width) * height * 3);
   }
 
   static inline bool hasDecoder_ = false;
-  std::string dir_;
 };
 
 // Pixels that are not the background grey (0.25 of full scale).

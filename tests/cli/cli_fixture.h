@@ -22,6 +22,7 @@
 #include "irradiance/irradiance_file.h"
 #include "irradiance/irradiance_map.h"
 #include "lightcache/light_map.h"
+#include "test_support/scratch_dir.h"
 
 namespace cvtest {
 
@@ -31,17 +32,9 @@ struct RunResult {
   std::string err;
 };
 
-class CliTest : public ::testing::Test {
+class CliTest : public LUtils::testing::ScratchDirTest {
  protected:
-  void SetUp() override {
-    std::filesystem::create_directories(CACHEVIEW_TEST_TMPDIR);
-    std::string pattern = std::string(CACHEVIEW_TEST_TMPDIR) + "/cli-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  CliTest() : ScratchDirTest("cli") {}
 
   // Runs cacheview in the test's directory. Batch runs never write to standard error.
   RunResult run(std::vector<std::string> args) {
@@ -146,8 +139,6 @@ class CliTest : public ::testing::Test {
     EXPECT_EQ(cache.load(path(name).c_str()), 0) << name;
     return cache.sampleCount();
   }
-
-  std::string dir_;
 };
 
 // n samples with distinct positions and colours, starting at `first`.

@@ -10,16 +10,14 @@
 #include <vector>
 
 #include "io/file_errors.h"
+#include "test_support/scratch_dir.h"
 
 namespace synth {
 namespace {
 
 using LUtils::IrradSample;
 
-std::string tempPath(const std::string& name) {
-  std::filesystem::create_directories(CACHEVIEW_TEST_TMPDIR);
-  return std::string(CACHEVIEW_TEST_TMPDIR) + "/synth_" + name;
-}
+std::string tempPath(const std::string& name) { return LUtils::testing::testTmpPath("synth_" + name); }
 
 std::vector<char> fileBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
