@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "io/vector.h"
 
@@ -99,6 +100,12 @@ class Rasterizer3D {
   virtual void endOverlayOutlines() {}
   // Width of lines in pixels, where the back end draws wider lines than one pixel.
   virtual void setLineWidth(float width) { (void)width; }
+
+  // The index colours of a picking frame (beginSelection with depth 0, then the picking pass),
+  // one entry per pixel, index = red + green x 256 + blue x 65536 (0xFFFFFF: the background).
+  // OpenGL drew the frame into a viewport of the pick rectangle's size and reads that viewport;
+  // the software back end reads the rectangle [x0, x1] x [y0, y1] of its frame.
+  virtual void readPickIndices(int x0, int y0, int x1, int y1, std::vector<uint32_t>& indices) = 0;
 
   Camera* camera() const { return camera_; }
   // The near plane is always 0.001 times the far distance.

@@ -166,6 +166,17 @@ const uint32_t* RasterizerSW::colourBuffer() {
   return back_.data();
 }
 
+// The rectangle, clipped to the frame, row by row.
+void RasterizerSW::readPickIndices(int x0, int y0, int x1, int y1, std::vector<uint32_t>& indices) {
+  const uint32_t* pixels = colourBuffer();
+  indices.clear();
+  for (int y = std::max(0, y0); y <= std::min(y1, height_ - 1); ++y) {
+    for (int x = std::max(0, x0); x <= std::min(x1, width_ - 1); ++x) {
+      indices.push_back(pixels[static_cast<size_t>(y) * width_ + x] & 0xFFFFFFu);
+    }
+  }
+}
+
 [[gnu::always_inline]] inline RasterizerSW::ClipVertex RasterizerSW::transform(
     const Vector& p) const {
   const float* m = mvp_;

@@ -63,6 +63,7 @@ class RasterizerSW final : public Rasterizer3D {
   void drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) override;
   void drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) override;
   void drawPoint(const Vector& position, int halfSize, const Color& color) override;
+  void readPickIndices(int x0, int y0, int x1, int y1, std::vector<uint32_t>& indices) override;
   // Finishes the frame and exchanges the two colour buffers.
   void swapBuffers() override;
 

@@ -320,6 +320,12 @@ void drawFrame(Rasterizer3D& r, const DrawScene& scene) {
   r.swapBuffers();
 }
 
+void drawSamplePass(Rasterizer3D& r, const DrawScene& scene) {
+  computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
+                 scene.view->frustum);
+  drawSamplesCached<0>(r, scene, scene.cache != nullptr ? &scene.cache->samples : nullptr);
+}
+
 void drawPickingPass(Rasterizer3D& r, const DrawScene& scene) {
   computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
                  scene.view->frustum);

@@ -150,6 +150,9 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene);
 // The whole frame for the camera into the rasterizer (clear, samples, selection boxes, axis),
 // ending with swapBuffers.
 void drawFrame(Rasterizer3D& rasterizer, const DrawScene& scene);
+// The samples of a frame without the rest of it (a pick through the back end's names): frustum,
+// then every sample with its index as pick name, through the cache's compiled samples.
+void drawSamplePass(Rasterizer3D& rasterizer, const DrawScene& scene);
 // The picking pass: frustum, then every sample in its index colour (the caller has set up the
 // picking frame). Where geometry can be compiled, the cache's picking geometry holds it.
 void drawPickingPass(Rasterizer3D& rasterizer, const DrawScene& scene);

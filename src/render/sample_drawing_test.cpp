@@ -55,6 +55,7 @@ class SpyRasterizer final : public Rasterizer3D {
     record(p, n, c, 0);
   }
   bool drawsFromThreads() const override { return true; }
+  void readPickIndices(int, int, int, int, std::vector<uint32_t>& indices) override { indices.clear(); }
   // Compiled geometry, counted: each handle is a number, deleting one records it.
   bool canCacheGeometry() const override { return cacheable; }
   uint32_t beginGeometry() override { return ++lastHandle; }

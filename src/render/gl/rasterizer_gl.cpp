@@ -390,6 +390,23 @@ void RasterizerGL::drawQuadOrPolygon(const Vector* points, unsigned count, const
   glEnd();
 }
 
+// The whole current viewport (the pick rectangle's) from the back buffer, as RGB bytes.
+void RasterizerGL::readPickIndices(int, int, int, int, std::vector<uint32_t>& indices) {
+  GLint viewport[4] = {0, 0, 0, 0};
+  glGetIntegerv(GL_VIEWPORT, viewport);
+  const size_t count = static_cast<size_t>(std::max(0, viewport[2])) * std::max(0, viewport[3]);
+  std::vector<uint8_t> rgb(count * 3);
+  glPixelStorei(GL_PACK_ALIGNMENT, 1);
+  if (count > 0) {
+    glReadPixels(viewport[0], viewport[1], viewport[2], viewport[3], GL_RGB, GL_UNSIGNED_BYTE,
+                 rgb.data());
+  }
+  indices.resize(count);
+  for (size_t i = 0; i < count; ++i) {
+    indices[i] = rgb[3 * i] + rgb[3 * i + 1] * 256u + rgb[3 * i + 2] * 65536u;
+  }
+}
+
 bool RasterizerGL::readPixels(std::vector<uint32_t>& pixels, int& width, int& height) const {
   GLint viewport[4] = {0, 0, 0, 0};
   glGetIntegerv(GL_VIEWPORT, viewport);

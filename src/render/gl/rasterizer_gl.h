@@ -86,6 +86,7 @@ class RasterizerGL final : public Rasterizer3D {
   void beginOverlayOutlines() override;
   void endOverlayOutlines() override;
   void setLineWidth(float width) override;
+  void readPickIndices(int x0, int y0, int x1, int y1, std::vector<uint32_t>& indices) override;
 
   // The raw selection buffer (null before the first pick through the buffer).
   const uint32_t* selectBuffer() const { return selectBuffer_.get(); }
