@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "app/map_files.h"
 #include "app/map_report.h"
 #include "app/my_progress.h"
 #include "app/process_state.h"
@@ -27,12 +28,6 @@ __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
 
 bool equals(const char* a, const char* b) { return a && std::strcmp(a, b) == 0; }
 
-// The text after the last '.', or null when the name has none.
-const char* extensionOf(const char* name) {
-  const char* dot = std::strrchr(name, '.');
-  return dot ? dot + 1 : nullptr;
-}
-
 // The conversion's target must end in exactly ".pts": the last '.' stands four characters
 // before the end.
 bool isPtsName(const char* name) {
@@ -44,25 +39,6 @@ const char* const kIrradianceMapWord = "irradiance map";
 const char* const kLightCacheWord = "light cache";
 
 // --- Light caches.
-
-// A -load of a light cache (by its extension, or when the file did not load as an irradiance
-// map). Returns 0 to go on with the next option, or the exit status.
-int loadLightCache(const char* name) {
-  auto* lightMap = new LightMap();
-  if (lightMap->load(name) != 0) {
-    delete lightMap;
-    say("Error loading file \"%s\"\n", name);
-    return kStatusLoadError;
-  }
-  setMapFileName(name);
-  say("Loaded %s file \"%s\"\n", kLightCacheWord, name);
-  if (!gLightMap) {
-    gLightMap = lightMap;
-  } else {
-    mergeLightMaps(*gLightMap, lightMap, gIncremental);  // takes the source
-  }
-  return 0;
-}
 
 // A -save while a light cache is in memory. Returns 0 to go on, or the exit status.
 int saveLightCache(const char* name) {
@@ -102,19 +78,24 @@ int mergeIrradianceMap(LUtils::IrradianceMap* source, WalkState& walk) {
 }
 
 int loadStep(const char* name, WalkState& walk) {
-  LUtils::IrradianceMap* map = LUtils::newIrradianceMap();
-  // A .lulmap file is always a light cache; any other file is one when it does not load as an
-  // irradiance map (the failed attempt is not reported).
-  const bool lightCache =
-      equals(extensionOf(name), "lulmap") || map->loadFromFile(name, 0, 0.0f) != 0;
-  if (lightCache) {
-    LUtils::deleteIrradianceMap(map);
-    return loadLightCache(name);
+  LUtils::IrradianceMap* map = nullptr;
+  LightMap* lightMap = nullptr;
+  if (loadMapFile(name, map, lightMap) != 0) {
+    say("Error loading file \"%s\"\n", name);
+    return kStatusLoadError;
+  }
+  setMapFileName(name);
+  if (lightMap) {
+    say("Loaded %s file \"%s\"\n", kLightCacheWord, name);
+    if (!gLightMap) {
+      gLightMap = lightMap;
+    } else {
+      mergeLightMaps(*gLightMap, lightMap, gIncremental);  // takes the source
+    }
+    return 0;
   }
 
-  setMapFileName(name);
   say("Loaded %s file \"%s\"\n", kIrradianceMapWord, name);
-  map->setHeader(*map->fileHeader());
   if (!gIrradianceMap) {
     gIrradianceMap = map;
     gInitialSettings = *map->fileHeader();

@@ -1,0 +1,57 @@
+// Everything one viewer draws with, apart from the window: the map shown, the drawing options, the
+// edits, the view and its compiled geometry, the drawing threads, the navigation and the settings
+// the menus show. The window owns one and turns its events into calls on it.
+#pragma once
+
+#include <cstdint>
+
+#include "render/draw_options.h"
+#include "render/sample_drawing.h"
+#include "render/sample_source.h"
+#include "threads/thread_manager.h"
+#include "viewer/navigation.h"
+#include "viewer/viewer_state.h"
+
+namespace LUtils {
+
+class Rasterizer3D;
+
+class ViewerScene {
+ public:
+  ViewerScene() = default;
+  ViewerScene(const ViewerScene&) = delete;
+  ViewerScene& operator=(const ViewerScene&) = delete;
+
+  // Shows `map` (not owned): new scene bounds and far distance, the automatic brightness, no
+  // sample deleted or selected, and the view stored in the irradiance map's settings when they
+  // hold one, else the default view. The rasterizer in use (may be null) gets the far distance.
+  void show(const DrawnMap& map, Rasterizer3D* rasterizer);
+  // What is shown and how many samples it has (as of the last show).
+  const DrawnMap& map() const { return map_; }
+  uint32_t sampleCount() const { return sampleCount_; }
+
+  // The view stored in the irradiance map shown, when it has one (light caches have none).
+  std::optional<StoredView> storedView() const;
+
+  // The frame's inputs for drawFrame.
+  DrawScene drawScene() { return {map_, &options, &edits, &view, &cache, &threads}; }
+
+  // Makes `rasterizer` (not owned) the one that draws: it draws through the navigation's camera,
+  // and the drawing options follow the settings' rasterizer choice. The far distance passes on
+  // from `previousFarDistance` when positive (the rasterizer replaced), else from navigation.
+  void attachRasterizer(Rasterizer3D* rasterizer, float previousFarDistance);
+
+  DrawOptions options;
+  SampleEdits edits;
+  DrawView view;
+  GeometryCache cache{options, edits};
+  DefThreadManager threads;
+  Navigation navigation;
+  ViewerSettings settings;
+
+ private:
+  DrawnMap map_;
+  uint32_t sampleCount_ = 0;
+};
+
+}  // namespace LUtils
