@@ -275,10 +275,10 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   pass.rasterizer->beginThreadedDrawing([threads] { return threads->currentThreadIndex(); });
   if (map.light != nullptr) {
     DrawThreaded<LightMap, DrawSamplesCb<b>> job(*map.light, records.get(), total);
-    threads->run(static_cast<int32_t>(n), &job, nullptr, false);
+    threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
   } else {
     DrawThreaded<IrradianceMap, DrawSamplesCb<b>> job(*map.irradiance, records.get(), total);
-    threads->run(static_cast<int32_t>(n), &job, nullptr, false);
+    threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
   }
   pass.rasterizer->endThreadedDrawing();
   return n;

@@ -73,6 +73,9 @@ struct DrawScene {
   DrawView* view = nullptr;
   GeometryCache* cache = nullptr;    // null: nothing is compiled
   ThreadManager* threads = nullptr;  // null: every sample on the calling thread
+  // Hears the thread manager's waits while the samples are drawn on its threads: the viewer
+  // keeps its window responsive there. Null: the calling thread just waits.
+  ProgressCallback* waitSink = nullptr;
 };
 
 // The six planes for the camera: near at 0.01 along the view, far at `farDistance`, the sides
