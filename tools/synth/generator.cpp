@@ -3,57 +3,30 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <thread>
 
+#include "synth/sampling.h"
 #include "synth/scene.h"
 
 namespace synth {
 
 using LUtils::Color;
 using LUtils::IrradSample;
+using detail::Frame;
+using detail::makeFrame;
+using detail::Rng;
 
 namespace {
-
-// PCG32: small, fast and the same on every platform.
-class Rng {
- public:
-  explicit Rng(uint64_t seed, uint64_t stream) : state_(0), inc_((stream << 1u) | 1u) {
-    next();
-    state_ += seed;
-    next();
-  }
-  uint32_t next() {
-    const uint64_t old = state_;
-    state_ = old * 6364136223846793005ULL + inc_;
-    const uint32_t xorshifted = static_cast<uint32_t>(((old >> 18u) ^ old) >> 27u);
-    const uint32_t rot = static_cast<uint32_t>(old >> 59u);
-    return (xorshifted >> rot) | (xorshifted << ((32 - rot) & 31));
-  }
-  // Uniform in [0, 1).
-  float uniform() { return static_cast<float>(next() >> 8) * (1.0f / 16777216.0f); }
-
- private:
-  uint64_t state_;
-  uint64_t inc_;
-};
 
 constexpr uint64_t kPilotStream = 0x5eed0f9110ull;
 constexpr uint32_t kChunkSamples = 8192;  // samples per independently seeded chunk
 constexpr int kPilotX = 128, kPilotY = 64;  // harmonic-distance pilot grid
 constexpr int kTilesX = 256, kTilesY = 192;  // tiles of the candidate distribution
 constexpr int kPilotPerTile = 4;
-constexpr int kHemisphereRays = 6;
-constexpr float kEscapeDistance = 100.0f;  // distance counted for a ray that leaves the room
-constexpr float kRayOffset = 1e-4f;
 // Spacing wanted where it is not clamped: this fraction of the harmonic-mean distance.
 constexpr float kSpacingFactor = 0.08f;
 // Disc radius for drawing relative to the local mean spacing; 0.8 covers a random
 // (Poisson-like) spread of samples with few gaps and moderate overlap.
 constexpr float kDiscCover = 0.85f;
-
-const Color kLightRadiance{9.0f, 8.4f, 7.2f};
-const Color kSkyRadiance{1.5f, 2.1f, 3.1f};
-const Color kBounce{0.10f, 0.09f, 0.075f};
 
 // Walker's alias method: draws index i with probability weight[i] / sum in constant time.
 class AliasTable {
@@ -96,41 +69,6 @@ class AliasTable {
   std::vector<uint32_t> alias_;
 };
 
-struct Frame {
-  Vector eye, right, up, forward;
-  float tanX = 0, tanY = 0;
-
-  Vector direction(float u, float v) const {
-    return forward + right * ((2.0f * u - 1.0f) * tanX) + up * ((1.0f - 2.0f * v) * tanY);
-  }
-  // Area of the image at unit distance in front of the eye.
-  float imageArea() const { return 4.0f * tanX * tanY; }
-};
-
-Frame makeFrame(const Params& p) {
-  Frame f;
-  f.eye = p.view.eye;
-  f.forward = LUtils::normalizeNewton(p.view.target - p.view.eye);
-  f.right = LUtils::normalizeNewton(cross(f.forward, p.view.up));
-  f.up = LUtils::normalizeNewton(cross(f.right, f.forward));
-  f.tanX = std::tan(p.view.fovX * 0.5f);
-  f.tanY = f.tanX * static_cast<float>(p.imageHeight) / static_cast<float>(p.imageWidth);
-  return f;
-}
-
-// Cosine-weighted direction about n.
-Vector cosineDirection(const Vector& n, float r1, float r2) {
-  const float sign = std::copysign(1.0f, n.z);
-  const float a = -1.0f / (sign + n.z);
-  const float b = n.x * n.y * a;
-  const Vector t1{1.0f + sign * n.x * n.x * a, sign * b, -sign * n.x};
-  const Vector t2{b, sign + n.y * n.y * a, -n.y};
-  const float phi = 6.2831853f * r1;
-  const float r = std::sqrt(r2);
-  const float z = std::sqrt(std::max(0.0f, 1.0f - r2));
-  return t1 * (r * std::cos(phi)) + t2 * (r * std::sin(phi)) + n * z;
-}
-
 // Spacing rules shared by the planning pilot and the generation: ratio = spacing wanted in
 // units of the unit-distance pixel (a * distance / t); c = the spacing in effective pixels.
 struct Spacing {
@@ -144,53 +82,6 @@ struct Spacing {
     return k * k;
   }
 };
-
-struct GeometryProbe {
-  float harmonic;  // harmonic-mean distance of the hemisphere rays
-};
-
-GeometryProbe probe(const Scene& scene, const Vector& p, const Vector& n, Rng& rng) {
-  float inverseSum = 0;
-  const Vector origin = p + n * kRayOffset;
-  for (int i = 0; i < kHemisphereRays; ++i) {
-    const float r1 = rng.uniform();
-    const float r2 = (static_cast<float>(i) + rng.uniform()) / kHemisphereRays;
-    const Hit h = scene.trace(origin, cosineDirection(n, r1, r2));
-    const float d = h.kind == HitKind::kSky || h.kind == HitKind::kNone
-                        ? kEscapeDistance
-                        : std::max(h.t, kRayOffset);
-    inverseSum += 1.0f / d;
-  }
-  return {kHemisphereRays / inverseSum};
-}
-
-// Light arriving at p from a rectangular emitter on a room face, with `rays` shadow rays.
-Color emitterIrradiance(const Scene& scene, const FaceRect& rect, HitKind kind,
-                        const Color& radiance, const Vector& p, const Vector& n, int rays,
-                        Rng& rng) {
-  const int axis = rect.face >> 1;
-  const float inward = rect.face & 1 ? 1.0f : -1.0f;  // emitter faces against this sign
-  const float coord = scene.faceCoord(rect.face);
-  const Vector origin = p + n * kRayOffset;
-  const int cols = rays >= 4 ? 2 : rays;
-  const int rows = rays / cols;
-  float sum = 0;
-  for (int i = 0; i < rays; ++i) {
-    // Stratified over a cols x rows grid of the rectangle.
-    const float sx = (static_cast<float>(i % cols) + rng.uniform()) / static_cast<float>(cols);
-    const float sy = (static_cast<float>(i / cols) + rng.uniform()) / static_cast<float>(rows);
-    const Vector q = rect.pointAt(sx, sy, coord);
-    const Vector w = q - origin;
-    const float dist2 = dot(w, w);
-    const Vector dir = w * (1.0f / std::sqrt(dist2));
-    const float cosP = dot(n, dir);
-    const float cosL = dir[axis] * inward;
-    if (cosP <= 0.0f || cosL <= 0.0f) continue;
-    if (scene.trace(origin, dir).kind != kind) continue;
-    sum += cosP * cosL / std::max(dist2, 0.05f);
-  }
-  return radiance * (sum * rect.area() / static_cast<float>(rays));
-}
 
 // Everything generation needs, computed once per call.
 struct Planner {
@@ -220,8 +111,8 @@ struct Planner {
         ratios.push_back(-1.0f);
         continue;
       }
-      const GeometryProbe g = probe(scene, h.point, h.normal, rng);
-      ratios.push_back(kSpacingFactor * g.harmonic / h.t);
+      const float harmonic = detail::harmonicDistance(scene, h.point, h.normal, rng);
+      ratios.push_back(kSpacingFactor * harmonic / h.t);
       sees = true;
     }
     if (!sees) return;
@@ -308,8 +199,8 @@ struct Planner {
       const float acceptClear =
           spacing.accept(kSpacingFactor * scene.clearance(h.point, h.object, h.face) / h.t);
       if (rng.uniform() * tileBound[tile] >= acceptClear) continue;
-      const GeometryProbe g = probe(scene, h.point, h.normal, rng);
-      const float c = spacing.pixels(kSpacingFactor * g.harmonic / h.t);
+      const float harmonic = detail::harmonicDistance(scene, h.point, h.normal, rng);
+      const float c = spacing.pixels(kSpacingFactor * harmonic / h.t);
       const float acceptHarmonic = (spacing.cMin / c) * (spacing.cMin / c);
       if (rng.uniform() * acceptClear >= acceptHarmonic) continue;
 
@@ -319,7 +210,7 @@ struct Planner {
       s.packNormal();
       const float radius = c * footprint;
       s.validRadius2 = radius * radius;
-      s.hitDistance = g.harmonic;
+      s.hitDistance = harmonic;
       s.footprint = footprint;
       const float cosView = std::max(std::fabs(dot(h.normal, dir)), 0.1f);
       const float disc = kDiscCover * radius / std::sqrt(cosView);
@@ -327,13 +218,7 @@ struct Planner {
       s.flags = (c >= spacing.cMax ? 3u : 4u) << IrradSample::kReasonShift;
       s.renderId = h.object;
 
-      // Bounce light fades where nearby geometry hems the point in.
-      Color e = kBounce * (0.3f + 0.7f * g.harmonic / (g.harmonic + 0.4f));
-      e += emitterIrradiance(scene, scene.light(), HitKind::kLight, kLightRadiance, h.point,
-                             h.normal, 4, rng);
-      e += emitterIrradiance(scene, scene.window(), HitKind::kSky, kSkyRadiance, h.point,
-                             h.normal, 2, rng);
-      encodeColour(e, s);
+      encodeColour(detail::lightingAt(scene, h.point, h.normal, harmonic, rng).total(), s);
       out.push_back(s);
     }
   }
@@ -460,31 +345,17 @@ int64_t generate(const Params& params, SampleSink& sink) {
   auto chunkSize = [&](uint64_t c) {
     return static_cast<uint32_t>(std::min<uint64_t>(kChunkSamples, params.count - c * kChunkSamples));
   };
-  unsigned threads = params.threads ? params.threads : std::thread::hardware_concurrency();
-  threads = static_cast<unsigned>(std::clamp<uint64_t>(threads, 1, std::min<uint64_t>(chunks, 64)));
-
-  std::vector<std::vector<IrradSample>> buffers(threads);
-  for (auto& b : buffers) b.reserve(kChunkSamples);
   int64_t delivered = 0;
-  for (uint64_t base = 0; base < chunks; base += threads) {
-    const unsigned n = static_cast<unsigned>(std::min<uint64_t>(threads, chunks - base));
-    std::vector<std::thread> workers;
-    for (unsigned i = 1; i < n; ++i) {
-      try {
-        workers.emplace_back([&, i] {
-          planner.generateChunk(params.seed, base + i, chunkSize(base + i), buffers[i]);
-        });
-      } catch (const std::system_error&) {
-        planner.generateChunk(params.seed, base + i, chunkSize(base + i), buffers[i]);
-      }
-    }
-    planner.generateChunk(params.seed, base, chunkSize(base), buffers[0]);
-    for (auto& w : workers) w.join();
-    for (unsigned i = 0; i < n; ++i) {
-      if (!sink.append(buffers[i].data(), buffers[i].size())) return delivered;
-      delivered += static_cast<int64_t>(buffers[i].size());
-    }
-  }
+  detail::runChunks<IrradSample>(
+      chunks, params.threads, kChunkSamples,
+      [&](uint64_t c, std::vector<IrradSample>& out) {
+        planner.generateChunk(params.seed, c, chunkSize(c), out);
+      },
+      [&](const std::vector<IrradSample>& out) {
+        if (!sink.append(out.data(), out.size())) return false;
+        delivered += static_cast<int64_t>(out.size());
+        return true;
+      });
   return delivered;
 }
 

@@ -1,5 +1,5 @@
-// cacheview-synth: writes a synthetic irradiance map of the procedural room, seen from a camera
-// preset or an explicit view, in any file version. See --help.
+// cacheview-synth: writes a synthetic irradiance map or light cache of the procedural room, seen
+// from a camera preset or an explicit view, in any file version. See --help.
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -9,23 +9,28 @@
 #include <string>
 
 #include "synth/generator.h"
+#include "synth/light_cache.h"
 #include "synth/map_output.h"
 
 namespace {
 
 const char kUsage[] =
-    "Usage: cacheview-synth [options] <output.lumap>\n"
+    "Usage: cacheview-synth [options] <output.lumap | output.lulmap>\n"
     "\n"
     "Writes an irradiance map of a synthetic room (8 x 6 x 3 units, Z up, with boxes, a ball, a\n"
     "ceiling light and a window) as a renderer's irradiance cache would sample it from one\n"
-    "camera: samples on the visible surfaces, denser in corners and at contacts. The same\n"
-    "options and seed always give the same file.\n"
+    "camera: samples on the visible surfaces, denser in corners and at contacts. When the\n"
+    "output ends in .lulmap (or with --light-cache) it writes a light cache of the same room\n"
+    "instead: samples spread evenly over the image, each a sphere whose radius grows with the\n"
+    "distance from the camera. The same options and seed always give the same file.\n"
     "\n"
     "Options:\n"
     "  -o, --output FILE     the map file to write (or give it as the last argument)\n"
     "  -n, --count N         number of samples, exactly (default 10000; up to 2147483647)\n"
     "  -V, --version V       file format version, hex (0xD0000) or decimal; one of 0x10000,\n"
-    "                        0x20000, ... 0xD0000 (default 0xD0000)\n"
+    "                        0x20000, ... 0xD0000 for an irradiance map (default 0xD0000),\n"
+    "                        0x10000 ... 0x60000 for a light cache (default 0x60000)\n"
+    "  -l, --light-cache     write a light cache whatever the output's name\n"
     "  -s, --seed S          random seed (default 1)\n"
     "  -c, --camera K        camera preset: 0 or 1, two frames of a walk through the room whose\n"
     "                        maps overlap partly (default 0)\n"
@@ -38,6 +43,8 @@ const char kUsage[] =
     "      --render-ids      set the header's contains-render-IDs flag\n"
     "      --min-rate R      coarsest spacing, 2^-R pixels (default -3)\n"
     "      --max-rate R      finest spacing, 2^-R pixels (default 0)\n"
+    "                        (these four shape irradiance maps only; a light cache has no\n"
+    "                        header)\n"
     "  -j, --threads N       worker threads (default: one per processor); the output does not\n"
     "                        depend on it\n"
     "  -q, --quiet           print nothing on success\n"
@@ -93,9 +100,9 @@ bool parseVector(const char* text, LUtils::Vector& out) {
 
 int main(int argc, char** argv) {
   synth::Params params;
-  uint32_t version = 0xD0000;
+  uint32_t version = 0;  // 0: the newest of the kind written
   int camera = 0;
-  bool haveEye = false, haveTarget = false, quiet = false;
+  bool haveEye = false, haveTarget = false, quiet = false, lightCache = false;
   LUtils::Vector eye, target;
   float fovDegrees = 70.0f;
   const char* output = nullptr;
@@ -116,10 +123,14 @@ int main(int argc, char** argv) {
       }
       params.count = static_cast<uint32_t>(n);
     } else if (is("-V", "--version")) {
-      if (!parseInteger(value(), 0, 0xFFFFFFFFLL, n) || !synth::isWritableVersion(static_cast<uint32_t>(n))) {
+      if (!parseInteger(value(), 1, 0xFFFFFFFFLL, n) ||
+          !(synth::isWritableVersion(static_cast<uint32_t>(n)) ||
+            synth::isLightCacheVersion(static_cast<uint32_t>(n)))) {
         return usageError("--version needs one of 0x10000, 0x20000, ... 0xD0000");
       }
       version = static_cast<uint32_t>(n);
+    } else if (is("-l", "--light-cache")) {
+      lightCache = true;
     } else if (is("-s", "--seed")) {
       if (!parseInteger(value(), 0, INT64_MAX, n)) return usageError("--seed needs a whole number");
       params.seed = static_cast<uint64_t>(n);
@@ -164,6 +175,12 @@ int main(int argc, char** argv) {
     }
   }
   if (!output) return usageError("no output file given");
+  const size_t nameLength = std::strlen(output);
+  if (nameLength >= 7 && std::strcmp(output + nameLength - 7, ".lulmap") == 0) lightCache = true;
+  if (version == 0) version = lightCache ? LightMap::kVersion6 : 0xD0000;
+  if (lightCache && !synth::isLightCacheVersion(version)) {
+    return usageError("a light cache's --version is one of 0x10000, 0x20000, ... 0x60000");
+  }
 
   params.view = synth::presetView(camera);
   if (haveEye) params.view.eye = eye;
@@ -173,14 +190,20 @@ int main(int argc, char** argv) {
   if (!problem.empty()) return usageError(problem);
 
   std::string message;
-  if (synth::writeMapFile(output, version, params, message) != 0) {
+  const int written = lightCache ? synth::writeLightCacheFile(output, version, params, message)
+                                 : synth::writeMapFile(output, version, params, message);
+  if (written != 0) {
     std::fprintf(stderr, "cacheview-synth: %s\n", message.c_str());
     return 1;
   }
   if (!quiet) {
-    std::printf("Wrote %u samples to \"%s\" (version 0x%X, seed %llu", params.count, output, version,
+    std::printf("Wrote %u%s samples to \"%s\" (version 0x%X, seed %llu", params.count,
+                lightCache ? " light-cache" : "", output, version,
                 static_cast<unsigned long long>(params.seed));
-    if (params.count > 0) {
+    if (lightCache && params.count > 0) {
+      std::printf(", sample radius %.4g x the distance from the camera",
+                  synth::lightSampleSize(params));
+    } else if (params.count > 0) {
       const synth::Plan plan = synth::planFor(params);
       std::printf(", effective resolution %d x %d", plan.effectiveWidth, plan.effectiveHeight);
     }
