@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds everything in Release and runs every test; then builds the
-# thread library's tests with ThreadSanitizer and runs them too.
+# thread library's tests with ThreadSanitizer and runs them too; then the map code with
+# AddressSanitizer and UndefinedBehaviorSanitizer: the unit tests of io, irradiance, lightcache
+# and app once, and the fuzz harnesses over the seed corpus and every regression input (fuzz/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh
@@ -11,3 +13,15 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCACHEVIEW_ONLY_THRE
   -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=thread" >/dev/null
 cmake --build build-tsan -j"$(nproc)"
 TSAN_OPTIONS="halt_on_error=1" ctest --test-dir build-tsan --output-on-failure -j"$(nproc)" --timeout 600
+
+asan_targets=(io_tests irradiance_tests lightcache_tests app_tests fuzz_irradiance_reader
+  fuzz_irradiance_merge fuzz_pts_lines fuzz_lightcache_reader fuzz_lightcache_merge)
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" \
+  -DCACHEVIEW_BUILD_VIEWER=OFF \
+  -DCACHEVIEW_BUILD_BENCH=OFF -DCACHEVIEW_BUILD_FUZZ=ON \
+  -DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer" \
+  -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" >/dev/null
+cmake --build build-asan -j"$(nproc)" --target "${asan_targets[@]}"
+ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1" \
+  ctest --test-dir build-asan -L '^(io|irradiance|lightcache|app|fuzz)$' --output-on-failure \
+  -j"$(nproc)" --timeout 600

@@ -1,10 +1,13 @@
-// Byte streams: the abstract PStream, PFileStream on a POSIX file descriptor and PBufferedStream,
-// which puts a fixed-size buffer in front of another stream. The map file code reads and writes
-// through these; every operation returns a 32-bit status, 0 for success.
+// Byte streams: the abstract PStream, PFileStream on a POSIX file descriptor, PBufferedStream,
+// which puts a fixed-size buffer in front of another stream, and PMemoryStream over bytes in
+// memory. The map file code reads and writes through these; every operation returns a 32-bit
+// status, 0 for success.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // The abstract stream. The order of the virtual operations is part of the interface.
 class PStream {
@@ -126,4 +129,42 @@ class PBufferedStream : public PStream {
   bool endReached_ = false;
   bool dirty_ = false;
   int mode_ = kReading;
+};
+
+// A stream over bytes in memory, behaving as a file of those bytes would: reads stop at the end
+// (a read there succeeds with 0 bytes), a seek may go past the end, and a write past the end
+// fills the gap with zeros. Either a read-only view of bytes the caller keeps alive (a write or
+// truncate then fails with -1), or a buffer of its own that grows as it is written. Lets the map
+// readers and writers run without a file, for tests and for fuzzing, where a file per input would
+// cost more than the parsing.
+class PMemoryStream : public PStream {
+ public:
+  PMemoryStream();                               // an empty, writable buffer
+  PMemoryStream(const void* data, size_t size);  // a read-only view
+  ~PMemoryStream() override;
+
+  int open() override;   // back to position 0; the bytes stay
+  int close() override;  // always succeeds; the bytes stay readable through bytes()
+  int flush() override;
+  int write(const void* buffer, uint32_t count, uint32_t* written) override;
+  int read(void* buffer, uint32_t count, uint32_t* bytesRead) override;
+  int seek(uint64_t offset) override;
+  int seekRelative(int64_t offset) override;
+  int seekFromEnd(int64_t offset) override;
+  int64_t size() override;
+  int truncate() override;
+  int64_t tell() override;
+  bool eof() override;
+  int isOpen() override;
+
+  // The bytes: the view, or what was written.
+  const uint8_t* data() const { return view_ ? view_ : owned_.data(); }
+  size_t byteCount() const { return view_ ? viewSize_ : owned_.size(); }
+  std::vector<uint8_t> bytes() const { return {data(), data() + byteCount()}; }
+
+ private:
+  const uint8_t* view_ = nullptr;
+  size_t viewSize_ = 0;
+  std::vector<uint8_t> owned_;
+  uint64_t position_ = 0;
 };

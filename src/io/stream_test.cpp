@@ -67,8 +67,8 @@ TEST_F(StreamTest, FileStreamReportsSystemErrorsAppendsAndTruncates) {
   EXPECT_EQ(readWholeFile(path("f")), "\1\2");
 }
 
-// Random reads and seeks through buffers of every size return what the file itself returns,
-// including short reads across the end.
+// Random reads and seeks through buffers of every size, and through a memory view of the same
+// bytes, return what the file itself returns, including short reads across the end.
 TEST_F(StreamTest, BufferedReadingMatchesFileOnRandomSequences) {
   std::mt19937 rng(7);
   std::string data(5000, '\0');
@@ -80,38 +80,58 @@ TEST_F(StreamTest, BufferedReadingMatchesFileOnRandomSequences) {
     ASSERT_EQ(plain.open(path("r").c_str(), PFileStream::kAccessRead, 1, 0), 0);
     ASSERT_EQ(underlying.open(path("r").c_str(), PFileStream::kAccessRead, 1, 0), 0);
     PBufferedStream buffered(PBufferedStream::kReading, &underlying, bufferSize);
+    PMemoryStream memory(data.data(), data.size());
     for (int step = 0; step < 400; ++step) {
       const int op = static_cast<int>(rng() % 4);
       if (op == 0) {
         const uint64_t to = rng() % 5200;
         ASSERT_EQ(buffered.seek(to), plain.seek(to));
+        ASSERT_EQ(memory.seek(to), 0);
       } else if (op == 1) {
         const int64_t off = static_cast<int64_t>(rng() % 400) - 200;
         if (plain.tell() + off < 0) continue;
         ASSERT_EQ(buffered.seekRelative(off), plain.seekRelative(off));
+        ASSERT_EQ(memory.seekRelative(off), 0);
       } else if (op == 2) {
         const int64_t off = -static_cast<int64_t>(rng() % 300);
         ASSERT_EQ(buffered.seekFromEnd(off), plain.seekFromEnd(off));
+        ASSERT_EQ(memory.seekFromEnd(off), 0);
       } else {
         const uint32_t n = rng() % 700;
-        std::vector<uint8_t> a(n), b(n);
-        uint32_t ga = 0, gb = 0;
+        std::vector<uint8_t> a(n), b(n), c(n);
+        uint32_t ga = 0, gb = 0, gc = 0;
         ASSERT_EQ(buffered.read(a.data(), n, &ga), 0);
         ASSERT_EQ(plain.read(b.data(), n, &gb), 0);
+        ASSERT_EQ(memory.read(c.data(), n, &gc), 0);
         ASSERT_EQ(ga, gb) << "buffer " << bufferSize << " step " << step;
+        ASSERT_EQ(gc, gb) << "memory, step " << step;
         ASSERT_EQ(a, b);
+        ASSERT_EQ(c, b);
       }
       ASSERT_EQ(buffered.tell(), plain.tell());
       ASSERT_EQ(buffered.eof(), plain.eof());
+      ASSERT_EQ(memory.tell(), plain.tell());
+      ASSERT_EQ(memory.eof(), plain.eof());
     }
+    // A view is read-only, and a seek before the start fails and stays put.
+    uint32_t written = 1;
+    EXPECT_EQ(memory.write("x", 1, &written), -1);
+    EXPECT_EQ(written, 0u);
+    EXPECT_EQ(memory.truncate(), -1);
+    ASSERT_EQ(memory.seek(3), 0);
+    EXPECT_EQ(memory.seekRelative(-4), -1);
+    EXPECT_EQ(memory.seekFromEnd(-5001), -1);
+    EXPECT_EQ(memory.tell(), 3);
   }
 }
 
-// Random writes and seeks through a buffer leave the same bytes as writing the file directly.
+// Random writes and seeks through a buffer, and into a memory stream, leave the same bytes as
+// writing the file directly (a write past the end fills the gap with zeros).
 TEST_F(StreamTest, BufferedWritingMatchesFileOnRandomSequences) {
   std::mt19937 rng(11);
   for (uint32_t bufferSize : {1u, 5u, 64u, 4096u}) {
     PFileStream plain, underlying;
+    PMemoryStream memory;
     ASSERT_EQ(plain.openForWriting(path("a").c_str(), 0), 0);
     ASSERT_EQ(underlying.openForWriting(path("b").c_str(), 0), 0);
     {
@@ -121,10 +141,12 @@ TEST_F(StreamTest, BufferedWritingMatchesFileOnRandomSequences) {
         if (op == 0) {
           const uint64_t to = rng() % 3000;
           ASSERT_EQ(buffered.seek(to), plain.seek(to));
+          ASSERT_EQ(memory.seek(to), 0);
         } else if (op == 1) {
           const int64_t off = static_cast<int64_t>(rng() % 200) - 100;
           if (plain.tell() + off < 0) continue;
           ASSERT_EQ(buffered.seekRelative(off), plain.seekRelative(off));
+          ASSERT_EQ(memory.seekRelative(off), 0);
         } else {
           std::vector<uint8_t> bytes(rng() % 300);
           for (auto& b : bytes) b = static_cast<uint8_t>(rng());
@@ -133,14 +155,19 @@ TEST_F(StreamTest, BufferedWritingMatchesFileOnRandomSequences) {
           ASSERT_EQ(buffered.write(bytes.data(), n, &wa), 0);
           ASSERT_EQ(plain.write(bytes.data(), n, &wb), 0);
           ASSERT_EQ(wa, wb);
+          ASSERT_EQ(memory.write(bytes.data(), n, &wa), 0);
+          ASSERT_EQ(wa, wb);
           ASSERT_EQ(buffered.size(), plain.size());
         }
         ASSERT_EQ(buffered.tell(), plain.tell());
+        ASSERT_EQ(memory.tell(), plain.tell());
       }
       ASSERT_EQ(buffered.close(), 0);
     }
     ASSERT_EQ(plain.close(), 0);
     ASSERT_EQ(readWholeFile(path("a")), readWholeFile(path("b"))) << "buffer " << bufferSize;
+    const std::vector<uint8_t> bytes = memory.bytes();
+    ASSERT_EQ(std::string(bytes.begin(), bytes.end()), readWholeFile(path("a")));
   }
 }
 

@@ -4,6 +4,7 @@
 #include <climits>
 
 #include "io/file_errors.h"
+#include "io/placement.h"
 #include "irradiance/irradiance_lookup.h"
 #include "threads/progress_callback.h"
 #include "threads/thread_manager.h"
@@ -34,8 +35,9 @@ IrradSample* WriteIrradianceMapStream::write(const IrradSample& sample) {
 // --- the map ---
 
 // The lock has a slot for every thread index a lookup may come with.
-DefIrradianceMap::DefIrradianceMap()
-    : rwLock_(static_cast<uint32_t>(std::max<int32_t>(64, defaultThreadCount()))) {}
+DefIrradianceMap::DefIrradianceMap(uint32_t samplesPerBlock)
+    : samples_(samplesPerBlock),
+      rwLock_(static_cast<uint32_t>(std::max<int32_t>(64, defaultThreadCount()))) {}
 
 DefIrradianceMap::~DefIrradianceMap() {
   for (ReadIrradianceMapStream* stream : readStreams_) delete stream;
@@ -179,8 +181,9 @@ int DefIrradianceMap::enumerateSamples(uint32_t first, EnumIrradianceSamplesCall
 
   int visited = 0;
   size_t i = first;
+  const size_t per = samples_.elementsPerBlock();
   while (i < end) {
-    const size_t b = i / kSamplesPerBlock;
+    const size_t b = i / per;
     IrradSample* block;
     if (lockedMode_) {
       std::lock_guard<SpinningMutex> guard(samples_.lock());
@@ -188,10 +191,10 @@ int DefIrradianceMap::enumerateSamples(uint32_t first, EnumIrradianceSamplesCall
     } else {
       block = samples_.block(b);
     }
-    const size_t blockEnd = std::min(end, (b + 1) * size_t{kSamplesPerBlock});
+    const size_t blockEnd = std::min(end, (b + 1) * per);
     for (; i < blockEnd; ++i) {
       ++visited;
-      if (!callback->process(block[i - b * kSamplesPerBlock])) return visited;
+      if (!callback->process(block[i - b * per])) return visited;
     }
   }
   return visited;
@@ -202,13 +205,18 @@ void DefIrradianceMap::querySamples(const Vector& p, StoreCB& store) {
     kdTree_.query(p, store);
     return;
   }
-  // Before the first prepare() there is no index: scan every sample.
+  // Before the first prepare() there is no index: scan every sample, with the index's rule for
+  // the samples it cannot place, so that the answer does not depend on whether it was built.
   const size_t n = sampleCount();
-  for (size_t b = 0; b * kSamplesPerBlock < n; ++b) {
+  const size_t per = samples_.elementsPerBlock();
+  for (size_t b = 0; b * per < n; ++b) {
     IrradSample* block = samples_.block(b);
-    const size_t len = std::min(n - b * kSamplesPerBlock, size_t{kSamplesPerBlock});
+    const size_t len = std::min(n - b * per, per);
     for (size_t i = 0; i < len; ++i) {
-      if (lengthSquared(p - block[i].position) < block[i].validRadius2) store.store(block[i]);
+      const IrradSample& s = block[i];
+      if (placeable(s.position, s.validRadius2) && lengthSquared(p - s.position) < s.validRadius2) {
+        store.store(block[i]);
+      }
     }
   }
 }

@@ -58,7 +58,9 @@ class DefIrradianceMap : public IrradianceMap {
   // prepare() argument of a load with index: also precompute per-sample interpolation data.
   static constexpr int kPrepareAfterLoad = 32767;
 
-  DefIrradianceMap();
+  // A smaller block serves tests and fuzzing, where a map of a few samples should neither cost a
+  // whole block nor leave the block boundaries untried.
+  explicit DefIrradianceMap(uint32_t samplesPerBlock = kSamplesPerBlock);
   ~DefIrradianceMap() override;
   DefIrradianceMap(const DefIrradianceMap&) = delete;
   DefIrradianceMap& operator=(const DefIrradianceMap&) = delete;
@@ -86,6 +88,10 @@ class DefIrradianceMap : public IrradianceMap {
                          int incremental) override;                         // 17
   uint32_t formatVersion() const override { return version_; }              // 19
   void setHeader(const IrradianceMapHeader& header) override { header_ = header; }  // 20
+
+  // The load of loadFromFile from a stream positioned at the start of the file's bytes; the
+  // caller opened it and closes it. Defined in irradiance_file.cpp.
+  int loadFromStream(PStream& in, int buildIndex, float timeOffset);
 
   // Writes the map as a current file (working settings, then the samples that saveCb accepts)
   // to an open stream. Returns 0 or -5. Defined in irradiance_file.cpp.
@@ -146,7 +152,7 @@ class DefIrradianceMap : public IrradianceMap {
   friend class ReadIrradianceMapStream;
   class AddCb;
 
-  BlockSequence<IrradSample> samples_{kSamplesPerBlock};
+  BlockSequence<IrradSample> samples_;
   bool lockedMode_ = false;
   IrradianceMapHeader header_;
   IrradianceMapHeader fileHeader_;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "io/placement.h"
+
 namespace LUtils {
 
 void InsertionGrid::clear() {
@@ -13,7 +15,6 @@ void InsertionGrid::clear() {
   poolSamples_.clear();
   for (std::vector<uint32_t>& list : freeRanges_) list.clear();
   levels_.clear();
-  unbounded_.clear();
   samples_.clear();
 }
 
@@ -101,8 +102,11 @@ void InsertionGrid::append(Slot& slot, const Sphere& s) {
   ++slot.count;
 }
 
-void InsertionGrid::insert(const Sphere& s) {
-  samples_.push_back(s.sample);
+bool InsertionGrid::insert(const Sphere& s) {
+  if (!placeable(s.sample->position, s.sample->validRadius2) ||
+      !(s.r > 0.0f && std::isfinite(s.r))) {
+    return false;
+  }
   // The bounding box in double, widened by far more than the rounding of its corners, so that
   // the box certainly holds every point the sphere's own test accepts.
   const double c[3] = {s.x, s.y, s.z};
@@ -114,11 +118,9 @@ void InsertionGrid::insert(const Sphere& s) {
     side = std::max(side, hi[a] - lo[a]);
   }
   int k = 0;
-  if (std::isfinite(side)) std::frexp(side, &k);  // side <= 2^k
-  if (!std::isfinite(side) || k > kMaxLevel) {
-    unbounded_.push_back(s);
-    return;
-  }
+  std::frexp(side, &k);  // side <= 2^k, finite for every placeable sample
+  if (k > kMaxLevel) return false;  // unreachable: kept so that a key can never overflow
+  samples_.push_back(s.sample);
   k = std::max(k + (k & 1), kMinLevel);
   auto level = std::find_if(levels_.begin(), levels_.end(), [k](const Level& l) { return l.k >= k; });
   if (level == levels_.end() || level->k != k) {
@@ -136,6 +138,7 @@ void InsertionGrid::insert(const Sphere& s) {
       }
     }
   }
+  return true;
 }
 
 }  // namespace LUtils

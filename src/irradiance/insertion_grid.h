@@ -16,8 +16,12 @@
 // that they are tested four at a time; a full cell moves to a range half as large again, and the
 // range it leaves is reused by the next cell that needs one of that size. The radius kept is the
 // validity radius when inserted, a bound: the query also tests the sample's current
-// validRadius2, which may only be lowered while indexed. Samples whose box is too large for any
-// level (an infinite radius) are kept in a list that every query scans.
+// validRadius2, which may only be lowered while indexed.
+//
+// The grid lists only the samples an index can place (io/placement.h): a finite position and a
+// finite, positive radius; it leaves any other out, so no query returns it. Box arithmetic is in
+// double, so every placeable sample, even at the float limit, has a level (the largest box, a
+// radius near 2^64 around a coordinate near 2^128, needs cells of about 2^90).
 #pragma once
 
 #include <bit>
@@ -42,8 +46,9 @@ class InsertionGrid {
   };
 
   void clear();
-  // Indexes the sample with the given bounding sphere (finite position, positive radius).
-  void insert(const Sphere& sphere);
+  // Indexes the sample with the given bounding sphere; a sample that cannot be placed is left
+  // out (false).
+  bool insert(const Sphere& sphere);
 
   // Samples indexed, in insertion order.
   size_t size() const { return samples_.size(); }
@@ -122,7 +127,6 @@ class InsertionGrid {
   std::vector<IrradSample*> poolSamples_;  // per cell range: c samples
   std::vector<uint32_t> freeRanges_[64];    // ranges left by cells that moved, by size class
   std::vector<Level> levels_;  // in use, by cell size
-  std::vector<Sphere> unbounded_;
   std::vector<IrradSample*> samples_;
 };
 
@@ -139,11 +143,6 @@ void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
   for (const Level& level : levels_) {
     const Slot* slot = find(keyAt(level, p));
     if (slot) scanCell(*slot, p, hits);
-  }
-  for (const Sphere& e : unbounded_) {
-    const float dx = p.x - e.x, dy = p.y - e.y, dz = p.z - e.z;
-    const float d2 = dx * dx + dy * dy + dz * dz;
-    hits.add(e.sample, d2);
   }
 }
 

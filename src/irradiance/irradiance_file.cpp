@@ -150,12 +150,20 @@ bool writeExactly(PStream& out, const void* buffer, uint32_t bytes) {
 
 // Reads `count` records in batches and hands each to `take` (false: storage full). Stops with
 // kFileReadError at the first record that is not complete; the records before it were taken.
-// Nothing here depends on `count`, so a huge count in a short file fails at its end.
+// Memory never follows `count`, so a huge count in a short file fails at its end: the staging
+// buffer holds one batch, or fewer records when the count or the stream's remaining bytes (where
+// the stream knows its size) say so.
 template <class Take>
 int readRecords(PStream& in, uint32_t count, uint32_t recordBytes, Take&& take) {
-  std::vector<uint8_t> staging(size_t{kRecordsPerBatch} * recordBytes);
+  uint64_t batch = std::min(count, kRecordsPerBatch);
+  const int64_t size = in.size(), at = in.tell();
+  if (size >= 0 && at >= 0) {
+    const uint64_t left = static_cast<uint64_t>(std::max(size, at) - at);
+    batch = std::min<uint64_t>(batch, left / recordBytes + 1);
+  }
+  std::vector<uint8_t> staging(batch * recordBytes);
   for (uint32_t left = count; left > 0;) {
-    const uint32_t want = std::min(left, kRecordsPerBatch);
+    const uint32_t want = std::min(left, static_cast<uint32_t>(batch));
     uint32_t got = 0;
     const int status = in.read(staging.data(), want * recordBytes, &got);
     const uint32_t whole = std::min(got / recordBytes, want);
@@ -171,9 +179,12 @@ int readRecords(PStream& in, uint32_t count, uint32_t recordBytes, Take&& take) 
 // Collects the samples a save writes into batches of records and writes them through the stream.
 class RecordWriter : public LUtils::EnumIrradianceSamplesCallback {
  public:
-  RecordWriter(PStream& out, uint32_t version, LUtils::IrradianceMap::SaveCb* saveCb)
+  // `count`: the samples to be written, which bounds the batch buffer for small maps.
+  RecordWriter(PStream& out, uint32_t version, LUtils::IrradianceMap::SaveCb* saveCb,
+               uint32_t count)
       : out_(out), version_(version), recordBytes_(recordSize(version)), saveCb_(saveCb),
-        buffer_(size_t{kRecordsPerBatch} * recordBytes_) {}
+        batch_(std::max(1u, std::min(count, kRecordsPerBatch))),
+        buffer_(size_t{batch_} * recordBytes_) {}
 
   int process(IrradSample& sample) override {
     if (saveCb_ && !saveCb_->accept(sample)) return 1;
@@ -184,7 +195,7 @@ class RecordWriter : public LUtils::EnumIrradianceSamplesCallback {
       encodeOldRecord(version_, sample, record);
     }
     ++written_;
-    if (++pending_ == kRecordsPerBatch) return flush() ? 1 : 0;
+    if (++pending_ == batch_) return flush() ? 1 : 0;
     return 1;
   }
 
@@ -202,6 +213,7 @@ class RecordWriter : public LUtils::EnumIrradianceSamplesCallback {
   uint32_t version_;
   uint32_t recordBytes_;
   LUtils::IrradianceMap::SaveCb* saveCb_;
+  uint32_t batch_;
   std::vector<uint8_t> buffer_;
   uint32_t pending_ = 0;
   uint64_t written_ = 0;
@@ -260,7 +272,7 @@ int writeMapFile(PStream& out, uint32_t version, const IrradianceMapHeader& head
     }
   }
 
-  RecordWriter writer(out, version, saveCb);
+  RecordWriter writer(out, version, saveCb, static_cast<uint32_t>(count));
   map.enumerateSamples(0, &writer);
   if (!writer.flush()) return LUtils::kFileWriteError;
   // A save callback whose count() disagrees with what it accepts would give a file that no
@@ -282,7 +294,12 @@ int DefIrradianceMap::loadFromFile(const char* name, int buildIndex, float timeO
     return kFileOpenError;
   }
   PBufferedStream in(PBufferedStream::kReading, &file, kIoBufferBytes);
+  const int result = loadFromStream(in, buildIndex, timeOffset);
+  if (in.close() != 0 && result == kFileOk) return kFileReadError;
+  return result;
+}
 
+int DefIrradianceMap::loadFromStream(PStream& in, int buildIndex, float timeOffset) {
   fileHeader_ = IrradianceMapHeader();
   uint32_t version = 0;
   if (!readExactly(in, &version, 4)) return kFileReadError;
@@ -326,7 +343,6 @@ int DefIrradianceMap::loadFromFile(const char* name, int buildIndex, float timeO
 
   version_ = version;
   if (buildIndex) prepare(kPrepareAfterLoad);
-  if (in.close() != 0) return kFileReadError;
   return kFileOk;
 }
 

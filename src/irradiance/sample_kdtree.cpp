@@ -6,6 +6,8 @@
 #include <system_error>
 #include <thread>
 
+#include "io/placement.h"
+
 namespace LUtils {
 
 void SampleKdTree::clear() {
@@ -15,11 +17,12 @@ void SampleKdTree::clear() {
 
 size_t SampleKdTree::size() const { return tree_.size() + grid_.size(); }
 
+// The samples the index cannot place (io/placement.h) are left out here, the one entry point
+// of both the tree and the grid.
 bool SampleKdTree::makeEntry(IrradSample& s, Entry& out) {
+  if (!placeable(s.position, s.validRadius2)) return false;
   const Vector& p = s.position;
-  if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) return false;
-  if (!(s.validRadius2 > 0.0f)) return false;  // also NaN: such a sphere contains nothing
-  out = {p.x, p.y, p.z, std::sqrt(s.validRadius2) * 1.0001f, &s};
+  out = {p.x, p.y, p.z, boundingRadius(s.validRadius2) * 1.0001f, &s};
   return true;
 }
 
@@ -138,16 +141,51 @@ namespace {
 
 constexpr int kBins = 16;
 
+// Bins and boxes of the split search are kept in double: the span of two finite floats may
+// exceed the float range (-3e38 and 3e38) and the reciprocal of a denormal span does, and either
+// would make a bin index out of NaN or infinity.
 struct Bin {
-  float lo[3], hi[3];
+  double lo[3], hi[3];
   uint32_t count;
 };
 
+constexpr double kInfD = std::numeric_limits<double>::infinity();
+
 // A query point falls into a box about in proportion to its volume (the boxes are padded by the
 // validity radii, so even boxes around a flat wall have depth).
-float boxCost(const float* lo, const float* hi) {
-  const float dx = hi[0] - lo[0], dy = hi[1] - lo[1], dz = hi[2] - lo[2];
-  return dx * dy * dz;
+double boxCost(const double* lo, const double* hi) {
+  return (hi[0] - lo[0]) * (hi[1] - lo[1]) * (hi[2] - lo[2]);
+}
+
+// The bin of a centre; the split search and the partition that follows it must agree.
+int binOf(float c, double lo, double scale) {
+  const double at = (double{c} - lo) * scale;
+  if (!(at > 0.0)) return 0;
+  return at >= kBins - 1 ? kBins - 1 : static_cast<int>(at);
+}
+
+int widestAxis(const float* plo, const float* phi) {
+  int widest = 0;
+  for (int a = 1; a < 3; ++a) {
+    if (double{phi[a]} - plo[a] > double{phi[widest]} - plo[widest]) widest = a;
+  }
+  return widest;
+}
+
+// The float bounds that enclose [lo, hi] computed in double: a bound beyond the float range
+// becomes infinite, which still holds every finite query point.
+constexpr float kInfF = std::numeric_limits<float>::infinity();
+constexpr double kMaxF = std::numeric_limits<float>::max();
+
+float floatBelow(double v) {
+  if (v < -kMaxF) return -kInfF;
+  const float f = static_cast<float>(v);
+  return static_cast<double>(f) > v ? std::nextafter(f, -kInfF) : f;
+}
+float floatAbove(double v) {
+  if (v > kMaxF) return kInfF;
+  const float f = static_cast<float>(v);
+  return static_cast<double>(f) < v ? std::nextafter(f, kInfF) : f;
 }
 
 }  // namespace
@@ -157,68 +195,57 @@ float boxCost(const float* lo, const float* hi) {
 // begin or end when no bin boundary separates the entries.
 uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
                                 const float* plo, const float* phi) {
-  constexpr float inf = std::numeric_limits<float>::infinity();
-  float bestCost = inf;
-  int bestAxis = -1, bestBin = 0;
+  double bestCost = kInfD;
+  int bestBin = -1;
   // Only the axis along which the centres spread widest is binned: a third of the work, for
   // trees that answer queries about as fast as those binned along all three.
-  int widest = 0;
-  for (int a = 1; a < 3; ++a) {
-    if (phi[a] - plo[a] > phi[widest] - plo[widest]) widest = a;
+  const int a = widestAxis(plo, phi);
+  const double extent = double{phi[a]} - plo[a];
+  if (!(extent > 0.0)) return begin;
+  const double lo = plo[a];
+  const double scale = kBins / extent * 0.9999;
+  Bin bins[kBins];
+  for (Bin& b : bins) b = {{kInfD, kInfD, kInfD}, {-kInfD, -kInfD, -kInfD}, 0};
+  for (uint32_t i = begin; i < end; ++i) {
+    const Entry& e = entries[i];
+    const float c[3] = {e.x, e.y, e.z};
+    Bin& b = bins[binOf(c[a], lo, scale)];
+    const double r = e.r;
+    for (int j = 0; j < 3; ++j) {
+      b.lo[j] = std::min(b.lo[j], c[j] - r);
+      b.hi[j] = std::max(b.hi[j], c[j] + r);
+    }
+    ++b.count;
   }
-  for (int a = widest; a == widest; ++a) {
-    const float extent = phi[a] - plo[a];
-    if (!(extent > 0.0f)) continue;
-    const float scale = kBins / extent * 0.9999f;
-    Bin bins[kBins];
-    for (Bin& b : bins) b = {{inf, inf, inf}, {-inf, -inf, -inf}, 0};
-    for (uint32_t i = begin; i < end; ++i) {
-      const Entry& e = entries[i];
-      const float c[3] = {e.x, e.y, e.z};
-      const int k = std::min(kBins - 1, static_cast<int>((c[a] - plo[a]) * scale));
-      Bin& b = bins[k];
-      const float r = e.r;
-      for (int j = 0; j < 3; ++j) {
-        b.lo[j] = std::min(b.lo[j], c[j] - r);
-        b.hi[j] = std::max(b.hi[j], c[j] + r);
-      }
-      ++b.count;
+  double rightCost[kBins];
+  Bin acc = {{kInfD, kInfD, kInfD}, {-kInfD, -kInfD, -kInfD}, 0};
+  for (int k = kBins - 1; k > 0; --k) {
+    for (int j = 0; j < 3; ++j) {
+      acc.lo[j] = std::min(acc.lo[j], bins[k].lo[j]);
+      acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
     }
-    float rightCost[kBins];
-    Bin acc = {{inf, inf, inf}, {-inf, -inf, -inf}, 0};
-    for (int k = kBins - 1; k > 0; --k) {
-      for (int j = 0; j < 3; ++j) {
-        acc.lo[j] = std::min(acc.lo[j], bins[k].lo[j]);
-        acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
-      }
-      acc.count += bins[k].count;
-      rightCost[k] = acc.count ? boxCost(acc.lo, acc.hi) * static_cast<float>(acc.count) : 0.0f;
+    acc.count += bins[k].count;
+    rightCost[k] = acc.count ? boxCost(acc.lo, acc.hi) * acc.count : 0.0;
+  }
+  acc = {{kInfD, kInfD, kInfD}, {-kInfD, -kInfD, -kInfD}, 0};
+  for (int k = 0; k < kBins - 1; ++k) {
+    for (int j = 0; j < 3; ++j) {
+      acc.lo[j] = std::min(acc.lo[j], bins[k].lo[j]);
+      acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
     }
-    acc = {{inf, inf, inf}, {-inf, -inf, -inf}, 0};
-    for (int k = 0; k < kBins - 1; ++k) {
-      for (int j = 0; j < 3; ++j) {
-        acc.lo[j] = std::min(acc.lo[j], bins[k].lo[j]);
-        acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
-      }
-      acc.count += bins[k].count;
-      if (acc.count == 0 || acc.count == end - begin) continue;
-      const float cost = boxCost(acc.lo, acc.hi) * static_cast<float>(acc.count) + rightCost[k + 1];
-      if (cost < bestCost) {
-        bestCost = cost;
-        bestAxis = a;
-        bestBin = k;
-      }
+    acc.count += bins[k].count;
+    if (acc.count == 0 || acc.count == end - begin) continue;
+    const double cost = boxCost(acc.lo, acc.hi) * acc.count + rightCost[k + 1];
+    if (cost < bestCost) {
+      bestCost = cost;
+      bestBin = k;
     }
   }
-  if (bestAxis < 0) return begin;
-  const float scale = kBins / (phi[bestAxis] - plo[bestAxis]) * 0.9999f;
-  const float lo = plo[bestAxis];
-  auto it = std::partition(entries.begin() + begin, entries.begin() + end,
-                           [&](const Entry& e) {
-                             const float c = bestAxis == 0 ? e.x : (bestAxis == 1 ? e.y : e.z);
-                             return std::min(kBins - 1, static_cast<int>((c - lo) * scale)) <=
-                                    bestBin;
-                           });
+  if (bestBin < 0) return begin;
+  auto it = std::partition(entries.begin() + begin, entries.begin() + end, [&](const Entry& e) {
+    const float c = a == 0 ? e.x : (a == 1 ? e.y : e.z);
+    return binOf(c, lo, scale) <= bestBin;
+  });
   return static_cast<uint32_t>(it - entries.begin());
 }
 
@@ -258,27 +285,31 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
   constexpr float inf = std::numeric_limits<float>::infinity();
   Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
   float plo[3] = {inf, inf, inf}, phi[3] = {-inf, -inf, -inf};
+  // The padded box in double (a centre near the float limit plus its radius overflows float),
+  // rounded outwards once at the end.
+  double blo[3] = {kInfD, kInfD, kInfD}, bhi[3] = {-kInfD, -kInfD, -kInfD};
   for (uint32_t i = begin; i < end; ++i) {
     const Entry& e = entries[i];
-    const float r = e.r;
+    const double r = e.r;
     const float c[3] = {e.x, e.y, e.z};
     for (int a = 0; a < 3; ++a) {
       plo[a] = std::min(plo[a], c[a]);
       phi[a] = std::max(phi[a], c[a]);
-      const float pad = r + std::abs(c[a]) * 1e-6f;
-      child.lo[a] = std::min(child.lo[a], c[a] - pad);
-      child.hi[a] = std::max(child.hi[a], c[a] + pad);
+      const double pad = r + std::abs(double{c[a]}) * 1e-6;
+      blo[a] = std::min(blo[a], c[a] - pad);
+      bhi[a] = std::max(bhi[a], c[a] + pad);
     }
+  }
+  for (int a = 0; a < 3; ++a) {
+    child.lo[a] = floatBelow(blo[a]);
+    child.hi[a] = floatAbove(bhi[a]);
   }
   const uint32_t count = end - begin;
   if (count <= kLeafSize || depth >= 60) return child;
 
   uint32_t mid = sahSplit(entries, begin, end, plo, phi);
   if (mid == begin || mid == end || depth >= 40) {
-    int axis = 0;
-    for (int a = 1; a < 3; ++a) {
-      if (phi[a] - plo[a] > phi[axis] - plo[axis]) axis = a;
-    }
+    const int axis = widestAxis(plo, phi);
     mid = begin + count / 2;
     auto key = [axis](const Entry& e) { return axis == 0 ? e.x : (axis == 1 ? e.y : e.z); };
     std::nth_element(entries.begin() + begin, entries.begin() + mid, entries.begin() + end,

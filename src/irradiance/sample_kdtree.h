@@ -11,8 +11,13 @@
 // validity radius read when the entry was last built). A query tests the bounding sphere
 // first and then the sample's current validRadius2, so radii may be lowered while indexed (the
 // incremental merge does that to neighbours) but must not grow, and positions must not change,
-// until the next rebuild. Samples whose position is not finite or whose radius is not positive can
-// never contain a point and are left out.
+// until the next rebuild.
+//
+// Samples the index cannot place (io/placement.h: a position or radius that is NaN or infinite,
+// a radius that is zero or negative) are left out of both the tree and the grid, in makeEntry(),
+// the one door to either: they stay in the map and are saved, but no query returns them. Every
+// finite position is placed, even where spans of positions overflow float or fall below its
+// resolution: the build does its extent and bin arithmetic in double.
 #pragma once
 
 #include <bit>

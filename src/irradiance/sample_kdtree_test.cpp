@@ -172,33 +172,87 @@ TEST(SampleKdTree, ContainmentIsStrictAndPilesAreFoundWhole) {
   EXPECT_EQ(viaTree(tree, {0, x, 0}).size(), 1u);
 }
 
-TEST(SampleKdTree, UnreachableSamplesAreLeftOut) {
+// The samples no index can place (a NaN or infinite coordinate or radius, a radius that is zero
+// or negative) are found by no query, whether built into the tree or inserted into the grid;
+// finite positions at the extremes are all found: spans beyond the float range (-3e38 and 3e38)
+// and below its resolution (a denormal apart), each with more samples than a leaf holds, so that
+// the split search runs over them. Probes at every centre and just inside and outside each sphere.
+TEST(SampleKdTree, SamplesNoIndexCanPlace) {
   constexpr float nan = std::numeric_limits<float>::quiet_NaN();
   constexpr float inf = std::numeric_limits<float>::infinity();
-  BlockSequence<IrradSample> samples;
-  samples.append(sphere(0, 0, 0, 0.0f));
-  samples.append(sphere(nan, 0, 0, 1.0f));
-  samples.append(sphere(inf, 0, 0, 1.0f));
-  IrradSample nanRadius = sphere(0, 0, 0, 1.0f);
-  nanRadius.validRadius2 = nan;
-  samples.append(nanRadius);
-  IrradSample everywhere = sphere(5, 5, 5, 1.0f);
-  everywhere.validRadius2 = inf;
-  samples.append(everywhere);
+  auto damaged = [&](BlockSequence<IrradSample>& samples) {
+    samples.append(sphere(0, 0, 0, 0.0f));
+    samples.append(sphere(nan, 0, 0, 1.0f));
+    samples.append(sphere(0, -inf, 0, 1.0f));
+    for (float r2 : {nan, inf, -1.0f}) {
+      IrradSample s = sphere(0.5f, 0, 0, 1.0f);
+      s.validRadius2 = r2;
+      samples.append(s);
+    }
+    samples.append(sphere(-3e30f, 1e30f, 0, 1e29f));  // the square of the radius overflows
+  };
+  std::vector<std::vector<IrradSample>> sets(3);
+  for (int i = 0; i < 20; ++i) {
+    sets[0].push_back(sphere(i % 2 ? 3e38f : -3e38f, static_cast<float>(i), 0, 0.75f));
+  }
+  sets[0].push_back(sphere(3.4e38f, 0, 0, 1e18f));  // its bounds pass the float limit
+  for (int i = 0; i < 16; ++i) sets[1].push_back(sphere(0, 0, 0, 1e-20f));
+  sets[1].push_back(sphere(1e-40f, 0, 0, 1e-20f));
+  sets[1].push_back(sphere(0, 0, 2e-45f, 1e-3f));
 
-  SampleKdTree tree;
-  tree.build(samples);
-  EXPECT_EQ(tree.size(), 1u);
-  EXPECT_EQ(viaTree(tree, {0, 0, 0}), (std::vector<const IrradSample*>{&samples[4]}));
-  EXPECT_EQ(viaTree(tree, {-1e10f, 3, 0}).size(), 1u);
-  EXPECT_TRUE(viaTree(tree, {nan, 0, 0}).empty());
-  for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
-  EXPECT_EQ(tree.size(), 2u);
+  for (int i = 0; i < 40; ++i) sets[2].push_back(sphere(static_cast<float>(i), 0, 0, 0.6f));
+
+  for (size_t set = 0; set < sets.size(); ++set) {
+    BlockSequence<IrradSample> samples;
+    damaged(samples);
+    const size_t firstGood = samples.size();
+    for (const IrradSample& s : sets[set]) samples.append(s);
+    damaged(samples);
+    std::vector<Vector> probes = {{0, 0, 0}, {0.5f, 0, 0}, {nan, 0, 0}, {inf, 0, 0}};
+    std::vector<float> scales = {0.0f, 0.999f};
+    for (float f = 1.0f; f < 1.3f; f += 0.01f) scales.push_back(f);
+    for (size_t i = firstGood; i < firstGood + sets[set].size(); ++i) {
+      const IrradSample& s = samples[i];
+      for (float f : scales) {
+        for (int a = 0; a < 3; ++a) {
+          for (float sign : {-1.0f, 1.0f}) {
+            Vector p = s.position;
+            p[a] += sign * f * std::sqrt(s.validRadius2);
+            probes.push_back(p);
+          }
+        }
+      }
+    }
+    auto placedOnly = [&](const Vector& p) {
+      std::vector<const IrradSample*> found;
+      for (size_t i = firstGood; i < firstGood + sets[set].size(); ++i) {
+        if (lengthSquared(p - samples[i].position) < samples[i].validRadius2) {
+          found.push_back(&samples[i]);
+        }
+      }
+      std::sort(found.begin(), found.end());
+      return found;
+    };
+
+    SampleKdTree built, inserted;
+    built.build(samples);
+    for (size_t i = 0; i < samples.size(); ++i) inserted.insert(samples[i]);
+    EXPECT_EQ(built.size(), sets[set].size());
+    EXPECT_EQ(inserted.insertedCount(), sets[set].size());
+    size_t hits = 0;
+    for (const Vector& p : probes) {
+      const auto expected = placedOnly(p);
+      hits += expected.size();
+      ASSERT_EQ(viaTree(built, p), expected) << "set " << set << " at " << p.x << " " << p.y;
+      ASSERT_EQ(viaTree(inserted, p), expected) << "set " << set << " at " << p.x << " " << p.y;
+    }
+    EXPECT_GT(hits, sets[set].size());
+  }
 }
 
 // Inserted samples where the grid's arithmetic is tight: spheres whose boxes end exactly on cell
 // borders, tiny radii far from the origin, cells 2^18 apart that share a list, radii from 1e-18
-// to infinity. Probes just inside and just outside each sphere along every axis.
+// to 1e18. Probes just inside and just outside each sphere along every axis.
 TEST(SampleKdTree, InsertedSamplesAtTheGridsLimits) {
   BlockSequence<IrradSample> samples;
   samples.append(sphere(0, 0, 0, 1.0f));
@@ -206,16 +260,13 @@ TEST(SampleKdTree, InsertedSamplesAtTheGridsLimits) {
   samples.append(sphere(-4, 4, -4, 0.5f));
   samples.append(sphere(1e6f, -1e6f, 3.0f, 1e-3f));
   samples.append(sphere(4.0f * 262144.0f, 0, 0, 0.5f));  // shares a cell with (0, 0, 0)
-  samples.append(sphere(-3e30f, 1e30f, 0, 1e29f));
+  samples.append(sphere(-3e30f, 1e30f, 0, 1e18f));
   samples.append(sphere(1e-20f, 0, 0, 1e-18f));
-  IrradSample everywhere = sphere(7, 7, 7, 1.0f);
-  everywhere.validRadius2 = std::numeric_limits<float>::infinity();
-  samples.append(everywhere);
 
   SampleKdTree tree;
   for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
   EXPECT_EQ(tree.insertedCount(), samples.size());
-  for (size_t i = 0; i + 1 < samples.size(); ++i) {
+  for (size_t i = 0; i < samples.size(); ++i) {
     const IrradSample& s = samples[i];
     const float r = std::sqrt(s.validRadius2);
     for (float f : {0.0f, 0.999f, 0.99999f, 1.0f, 1.00001f}) {

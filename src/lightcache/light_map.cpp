@@ -41,7 +41,7 @@ bool LightMapFilter_store::accept(const LightMapSample& sample) {
   return along <= 0.01f * LUtils::lengthSquared(d);
 }
 
-LightMap::LightMap() = default;
+LightMap::LightMap(uint32_t samplesPerBlock) : samples_(samplesPerBlock), nodes_(samplesPerBlock) {}
 
 size_t LightMap::sampleCount() {
   std::lock_guard<LUtils::SpinningMutex> guard(samples_.lock());
@@ -153,7 +153,13 @@ int LightMap::load(const char* fileName) {
   FILE* f = std::fopen(fileName, "rb");
   if (!f) return LUtils::kFileOpenError;
   FileCloser closer(f);
+  // Only a regular file's size is known before reading it.
+  struct stat st;
+  const bool sized = fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode);
+  return loadFrom(f, sized ? int64_t(st.st_size) : -1);
+}
 
+int LightMap::loadFrom(std::FILE* f, int64_t size) {
   uint32_t version = 0;
   if (std::fread(&version, 4, 1, f) != 1) return LUtils::kFileFormatError;
   const uint32_t recBytes = recordBytes(version);
@@ -162,11 +168,10 @@ int LightMap::load(const char* fileName) {
   if (std::fread(&count, 4, 1, f) != 1) return LUtils::kFileFormatError;
   const size_t total = count > 0 ? size_t(count) : 0;
 
-  // A regular file too short for its count is refused before anything is touched, so a cut file
-  // never replaces or half-extends what is in memory.
-  struct stat st;
-  if (fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)) {
-    const uint64_t available = st.st_size > 8 ? uint64_t(st.st_size) - 8 : 0;
+  // A file of known size too short for its count is refused before anything is touched, so a
+  // cut file never replaces or half-extends what is in memory.
+  if (size >= 0) {
+    const uint64_t available = size > 8 ? uint64_t(size) - 8 : 0;
     if (available < uint64_t(total) * recBytes) return LUtils::kFileFormatError;
   }
 
@@ -205,16 +210,17 @@ int LightMap::load(const char* fileName) {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
+// The sample count a save writes, or -1 when the file's 32-bit count cannot hold it.
+int64_t LightMap::saveCount(SaveCb* saveCb) {
+  if (saveCb) return saveCb->count();
+  const int64_t count = int64_t(sampleCount());
+  return count > std::numeric_limits<int32_t>::max() ? -1 : count;
+}
+
 int LightMap::save(const char* fileName, SaveCb* saveCb) {
   if (!fileName || !*fileName) return LUtils::kFileOk;
-
-  int64_t count;
-  if (saveCb) {
-    count = saveCb->count();
-  } else {
-    count = int64_t(sampleCount());
-    if (count > std::numeric_limits<int32_t>::max()) return LUtils::kFileWriteError;
-  }
+  const int64_t count = saveCount(saveCb);
+  if (!saveCb && count < 0) return LUtils::kFileWriteError;
 
   LUtils::SafeFileReplace target;
   if (target.begin(fileName) != 0) return LUtils::kFileOpenError;
@@ -224,7 +230,26 @@ int LightMap::save(const char* fileName, SaveCb* saveCb) {
     return LUtils::kFileOpenError;
   }
   std::setvbuf(f, nullptr, _IOFBF, 1 << 20);
+  bool ok = writeSamples(f, count, saveCb);
+  ok = std::fflush(f) == 0 && ok;
+  // Devices and pipes written in place cannot be synchronised; that is not a failure.
+  if (ok && fsync(fileno(f)) != 0 && errno != EINVAL && errno != EROFS) ok = false;
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok) {
+    target.abandon();
+    return LUtils::kFileWriteError;
+  }
+  return target.commit() == 0 ? LUtils::kFileOk : LUtils::kFileWriteError;
+}
 
+int LightMap::saveTo(std::FILE* f, SaveCb* saveCb) {
+  const int64_t count = saveCount(saveCb);
+  if (!saveCb && count < 0) return LUtils::kFileWriteError;
+  const bool ok = writeSamples(f, count, saveCb) && std::fflush(f) == 0;
+  return ok ? LUtils::kFileOk : LUtils::kFileWriteError;
+}
+
+bool LightMap::writeSamples(std::FILE* f, int64_t count, SaveCb* saveCb) {
   const uint32_t header[2] = {kVersion6, uint32_t(int32_t(count))};
   bool ok = std::fwrite(header, 4, 2, f) == 2;
   for (size_t b = 0; ok && b < samples_.blockCount(); ++b) {
@@ -238,13 +263,5 @@ int LightMap::save(const char* fileName, SaveCb* saveCb) {
       if (saveCb->accept(block[i])) ok = std::fwrite(&block[i], sizeof(LightMapSample), 1, f) == 1;
     }
   }
-  ok = std::fflush(f) == 0 && ok;
-  // Devices and pipes written in place cannot be synchronised; that is not a failure.
-  if (ok && fsync(fileno(f)) != 0 && errno != EINVAL && errno != EROFS) ok = false;
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok) {
-    target.abandon();
-    return LUtils::kFileWriteError;
-  }
-  return target.commit() == 0 ? LUtils::kFileOk : LUtils::kFileWriteError;
+  return ok;
 }

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 
 #include "io/vector.h"
@@ -135,7 +136,9 @@ class LightMap {
   static constexpr uint32_t kSamplesPerBlock = 20000;
   static constexpr int32_t kDefaultTreeParameter = 500;
 
-  LightMap();
+  // A smaller block (samples and tree nodes alike) serves tests and fuzzing, where a cache of a
+  // few samples should neither cost whole blocks nor leave the block boundaries untried.
+  explicit LightMap(uint32_t samplesPerBlock = kSamplesPerBlock);
   LightMap(const LightMap&) = delete;
   LightMap& operator=(const LightMap&) = delete;
 
@@ -147,12 +150,19 @@ class LightMap {
   // read before are kept; a partial record never becomes a sample). The tree is rebuilt after
   // every load that reads records.
   int load(const char* fileName);
+  // The same from an open file positioned at its start (the caller closes it). `size` is the
+  // file's size in bytes when known, so that a count it cannot hold is refused before anything
+  // changes; -1 when it is not (a pipe): such a file is read until it ends.
+  int loadFrom(std::FILE* file, int64_t size);
 
   // Writes all samples (or those saveCb accepts, with saveCb->count() as the count) in the newest
   // version. The file is written beside the target and renamed over it only when complete.
   // Returns 0 (also for a null or empty name, which writes nothing), -2 when the file cannot be
   // created, -5 when writing fails (an existing file is then left intact).
   int save(const char* fileName, SaveCb* saveCb);
+  // The same to an open file, written from its current position and flushed, not synchronised
+  // or closed. Returns 0 or -5.
+  int saveTo(std::FILE* file, SaveCb* saveCb);
 
   size_t sampleCount();  // read under the sample lock
 
@@ -195,12 +205,14 @@ class LightMap {
  private:
   void resetTree();
   void buildTree();
+  int64_t saveCount(SaveCb* saveCb);
+  bool writeSamples(std::FILE* file, int64_t count, SaveCb* saveCb);
 
   uint32_t treeState_ = 0;  // depth of the built tree, 0 before a build
   LightMapNode* root_ = nullptr;
   int needsRebuild_ = 1;
-  LUtils::BlockSequence<LightMapSample> samples_{kSamplesPerBlock};
-  LUtils::BlockSequence<LightMapNode> nodes_{kSamplesPerBlock};
+  LUtils::BlockSequence<LightMapSample> samples_;
+  LUtils::BlockSequence<LightMapNode> nodes_;
   LUtils::SpinningMutex insertionLock_;
   int multithreaded_ = 0;
   int32_t treeParameter_ = kDefaultTreeParameter;

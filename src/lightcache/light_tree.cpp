@@ -5,6 +5,7 @@
 #include <new>
 #include <vector>
 
+#include "io/placement.h"
 #include "lightcache/light_map.h"
 
 namespace {
@@ -39,13 +40,14 @@ class TreeBuilder {
       return node;
     }
 
+    // Spans and the middle in double: the span of two finite floats may overflow float.
     int axis = 0;
     for (int a = 1; a < 3; ++a) {
-      if (hi[a] - lo[a] > hi[axis] - lo[axis]) axis = a;
+      if (double{hi[a]} - lo[a] > double{hi[axis]} - lo[axis]) axis = a;
     }
     size_t mid = 0;
     if (n > middleAbove_ && depth < kMiddleDepthLimit && hi[axis] > lo[axis]) {
-      const float split = lo[axis] + 0.5f * (hi[axis] - lo[axis]);
+      const double split = 0.5 * (double{lo[axis]} + double{hi[axis]});
       mid = size_t(std::partition(items, items + n,
                                   [&](const BuildItem& it) { return it.c[axis] < split; }) -
                    items);
@@ -76,8 +78,8 @@ class TreeBuilder {
 
   static void centreBox(const BuildItem* items, size_t n, float lo[3], float hi[3]) {
     for (int a = 0; a < 3; ++a) {
-      lo[a] = 1e20f;
-      hi[a] = -1e20f;
+      lo[a] = kInf;
+      hi[a] = -kInf;
     }
     for (size_t i = 0; i < n; ++i) {
       for (int a = 0; a < 3; ++a) {
@@ -111,12 +113,6 @@ class TreeBuilder {
   uint32_t depth_ = 0;
 };
 
-// A sample can be found only with a finite position and a radius that is not negative or NaN;
-// any other sample contains no point, so the tree leaves it out.
-bool indexable(const LightMapSample& s) {
-  return std::isfinite(s.position.x) && std::isfinite(s.position.y) &&
-         std::isfinite(s.position.z) && s.radiusSquared >= 0.0f;
-}
 
 }  // namespace
 
@@ -128,13 +124,13 @@ void LightMap::buildTree() {
     LUtils::reportBlockAllocationFailure();
     return;  // no tree: queries scan the samples
   }
-  float lo[3] = {1e20f, 1e20f, 1e20f};
-  float hi[3] = {-1e20f, -1e20f, -1e20f};
+  float lo[3] = {kInf, kInf, kInf};
+  float hi[3] = {-kInf, -kInf, -kInf};
   samples_.forEach(0, [&](LightMapSample& s) {
-    if (!indexable(s)) return true;
-    // Widened by a relative 2^-20 so that the box covers every point the float sphere test
-    // accepts.
-    const float r = std::sqrt(s.radiusSquared) * (1.0f + 0x1p-20f);
+    // The samples no index can place (io/placement.h) stay out of the tree.
+    if (!LUtils::placeable(s.position, s.radiusSquared)) return true;
+    // Widened so that the box covers every point the float sphere test accepts.
+    const float r = LUtils::boundingRadius(s.radiusSquared);
     items.push_back({{s.position.x, s.position.y, s.position.z}, r, &s});
     for (int a = 0; a < 3; ++a) {
       lo[a] = std::min(lo[a], s.position[a]);
@@ -158,8 +154,10 @@ void LightMap::buildTree() {
 size_t LightMap::query(const LUtils::Vector& p, LightMapFilter* filter, LightMapStoreCb& store) {
   size_t stored = 0;
   bool goOn = true;
+  // The scan without a tree applies the tree's rule, so that both answer the same.
   auto offer = [&](LightMapSample& s) {
-    if (s.sphereContains(p) && (!filter || filter->accept(s))) {
+    if (s.sphereContains(p) && LUtils::placeable(s.position, s.radiusSquared) &&
+        (!filter || filter->accept(s))) {
       ++stored;
       goOn = store.store(s) != 0;
     }

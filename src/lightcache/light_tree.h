@@ -1,6 +1,8 @@
 // The node of the light cache's spatial tree: a bounding-volume hierarchy over the sample spheres
 // (centre = position, radius = sqrt(radiusSquared)). Nodes live in the light cache's node block
-// sequence, laid out depth first; a node is exactly one 64-byte cache line.
+// sequence, laid out depth first; a node is exactly one 64-byte cache line. Samples with a
+// non-finite position or radius, or a radius that is not positive, are in no node: no query
+// returns them (the rule of io/placement.h, shared with the irradiance indexes).
 #pragma once
 
 #include <cstdint>

@@ -148,31 +148,86 @@ TEST(LightMapTree, QueriesEqualABruteForceScan) {
   }
 }
 
-TEST(LightMapTree, SamplesThatContainNothingAreLeftOut) {
-  LightMap map;
-  fill(map, 200, Layout::kUniform, 7);
+// The samples no index can place (a NaN or infinite coordinate or radius, a radius that is zero
+// or negative) are in no leaf and found by no query, with a tree or without one (a single
+// sample); they stay in the map. Finite positions at the extremes are all found: a span beyond
+// the float range and one a denormal wide, each larger than a leaf.
+TEST(LightMapTree, SamplesNoIndexCanPlace) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
-  map.samples()[3].radiusSquared = -1.0f;
-  map.samples()[4].radiusSquared = nan;
-  map.samples()[5].position.y = nan;
-  map.samples()[6].position.z = inf;
-  map.samples()[7].radiusSquared = inf;  // contains every finite point
-  map.samples()[8].radiusSquared = 0.0f;  // contains its own centre only
-  map.rebuildTree();
+  auto damaged = [&](LightMap& map) {
+    for (float r2 : {-1.0f, 0.0f, nan, inf}) {
+      LightMapSample* s = map.insertSample();
+      s->radiusSquared = r2;
+    }
+    for (LUtils::Vector p : {LUtils::Vector{0, nan, 0}, LUtils::Vector{0, 0, inf}}) {
+      LightMapSample* s = map.insertSample();
+      s->position = p;
+      s->radiusSquared = 1.0f;
+    }
+  };
+  using Set = std::vector<std::pair<LUtils::Vector, float>>;  // centre, radius
+  std::vector<Set> sets(4);
+  for (int i = 0; i < 12; ++i) sets[0].push_back({{i % 2 ? 3e38f : -3e38f, float(i), 0}, 0.75f});
+  sets[0].push_back({{3.4e38f, 0, 0}, 1e18f});
+  for (int i = 0; i < 16; ++i) sets[1].push_back({{0, 0, 0}, 1e-20f});
+  sets[1].push_back({{1e-40f, 0, 0}, 1e-20f});
 
-  // Samples 3 to 6 contain no point and are left out; every other one sits in exactly one leaf.
-  std::vector<const LightMapSample*> expected;  // one block: index order is address order
-  for (size_t i = 0; i < 200; ++i) {
-    if (i < 3 || i > 6) expected.push_back(&map.samples()[i]);
+  for (int i = 0; i < 50; ++i) sets[2].push_back({{i * 0.02f, 0.5f, 0.5f}, 0.05f});
+  sets[3].push_back({{0.25f, 0, 0}, 0.5f});  // one sample: no tree, a scan
+  // Squared radii of sixty times the smallest float: squares of distances near the radius round
+  // by a good part of it, so points beyond the radius pass the test (found by fuzzing).
+  sets.emplace_back();
+  const float tiny = std::sqrt(60 * 0x1p-149f), off = -3.72535e-27f;
+  for (int i = 0; i < 12; ++i) {
+    sets[4].push_back({i % 2 ? LUtils::Vector{off, off, off} : LUtils::Vector{}, tiny});
   }
-  EXPECT_EQ(treeSamples(map), expected);
 
-  for (const LUtils::Vector& p : queryPoints(map, 8)) ASSERT_EQ(treeHits(map, p, nullptr),
-                                                                bruteHits(map, p, nullptr));
-  EXPECT_EQ(treeHits(map, {50.0f, -3.0f, 9.0f}, nullptr),
-            std::vector<LightMapSample*>{&map.samples()[7]});
-  EXPECT_EQ(treeHits(map, {inf, 0.0f, 0.0f}, nullptr), std::vector<LightMapSample*>{});
+  for (size_t set = 0; set < sets.size(); ++set) {
+    LightMap map;
+    damaged(map);
+    std::vector<LightMapSample*> good;
+    for (const auto& [c, r] : sets[set]) {
+      LightMapSample* s = map.insertSample();
+      s->position = c;
+      s->radiusSquared = r * r;
+      good.push_back(s);
+    }
+    if (set != 3) damaged(map);
+    map.rebuildTree();
+    EXPECT_EQ(map.sampleCount(), good.size() + (set != 3 ? 12 : 6));
+    auto inTree = treeSamples(map);
+    std::sort(inTree.begin(), inTree.end());
+    if (set != 3) {
+      EXPECT_EQ(inTree, std::vector<const LightMapSample*>(good.begin(), good.end()));
+    }
+
+    std::vector<LUtils::Vector> probes = {{0, 0, 0}, {inf, 0, 0}, {nan, 0, 0}};
+    std::vector<float> scales = {0.0f, 0.999f};
+    for (float f = 1.0f; f < 1.3f; f += 0.01f) scales.push_back(f);
+    for (const LightMapSample* s : good) {
+      for (float f : scales) {
+        for (int a = 0; a < 3; ++a) {
+          for (float sign : {-1.0f, 1.0f}) {
+            LUtils::Vector p = s->position;
+            p[a] += sign * f * s->radius();
+            probes.push_back(p);
+          }
+        }
+      }
+    }
+    size_t hits = 0;
+    for (const LUtils::Vector& p : probes) {
+      std::vector<LightMapSample*> expected;
+      for (LightMapSample* s : good) {
+        if (s->sphereContains(p)) expected.push_back(s);
+      }
+      std::sort(expected.begin(), expected.end());
+      hits += expected.size();
+      ASSERT_EQ(treeHits(map, p, nullptr), expected) << "set " << set << " at " << p.x;
+    }
+    EXPECT_GT(hits, good.size());
+  }
 }
 
 TEST(LightMapTree, InsertedSamplesWaitForTheRebuild) {

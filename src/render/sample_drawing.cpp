@@ -50,7 +50,7 @@ class DrawSelectedSamplesCb final {
   explicit DrawSelectedSamplesCb(const DrawPass& pass) : pass_(pass) {}
   bool process(const DrawnSample& s) {
     const uint32_t index = count_++;
-    if (pass_.edits->selected(index) && !pass_.edits->deleted(index) &&
+    if (pass_.edits->selected(index) && !pass_.edits->deleted(index) && s.drawable() &&
         pass_.insideFrustum(s.position, s.radius)) {
       drawSelectionBox(*pass_.rasterizer, s.position, s.normal, s.radius,
                        pass_.options->selectionColour());
@@ -69,6 +69,7 @@ class BBoxCb final {
   Vector lo{1e20f, 1e20f, 1e20f};
   Vector hi{-1e20f, -1e20f, -1e20f};
   bool process(const DrawnSample& s) {
+    if (!s.drawable()) return true;
     const Vector& p = s.position;
     lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
     hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
@@ -219,6 +220,7 @@ template <int b>
 bool DrawSamplesCb<b>::process(const DrawnSample& s) {
   const uint32_t index = first + count++;
   if ((pass->stride == 1 || index % pass->stride == 0) && !pass->edits->deleted(index) &&
+      s.drawable() &&
       (!pass->frustumTest || pass->insideFrustum(s.position, s.radius))) {
     pass->drawDisc(s, index, b);
   }
@@ -333,6 +335,7 @@ void drawPickingPass(Rasterizer3D& r, const DrawScene& scene) {
 }
 
 bool GetSamplesIntensityCb::process(const DrawnSample& s) {
+  if (!s.drawable()) return true;
   sum += 0.33333334f * (s.colour.r + s.colour.g + s.colour.b);
   ++count;
   return true;

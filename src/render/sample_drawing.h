@@ -160,7 +160,7 @@ void drawSamplePass(Rasterizer3D& rasterizer, const DrawScene& scene);
 // picking frame). Where geometry can be compiled, the cache's picking geometry holds it.
 void drawPickingPass(Rasterizer3D& rasterizer, const DrawScene& scene);
 
-// Sums the mean of the three colour channels of every sample and counts them.
+// Sums the mean of the three colour channels of every drawable sample and counts them.
 class GetSamplesIntensityCb final {
  public:
   double sum = 0.0;

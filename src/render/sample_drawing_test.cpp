@@ -6,6 +6,7 @@
 #include <functional>
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <mutex>
 #include <numeric>
 #include <set>
@@ -209,6 +210,28 @@ TEST_F(DrawingTest, AdaptiveSidesFrustumAndDeletedSamples) {
   const DrawPass reduced(spy, scene({&map, nullptr}), false);
   drawSamples<1>(reduced, scene({&map, nullptr}));
   EXPECT_EQ(spy.takeIndices(), (std::vector<uint32_t>{0, 2}));
+}
+
+// Samples no index can place (a damaged file) keep their indices but are not drawn, picked,
+// bounded or counted in the brightness.
+TEST_F(DrawingTest, SamplesNoIndexCanPlaceAreLeftOutButKeepTheirIndices) {
+  DefIrradianceMap map;
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float inf = std::numeric_limits<float>::infinity();
+  map.appendSample(sampleAt({0, 0, 0}));
+  map.appendSample(sampleAt({nan, 0, 0}));
+  map.appendSample(sampleAt({1, 0, 0}, inf));
+  map.appendSample(sampleAt({1, 1, 0}, 0.0f));
+  map.appendSample(sampleAt({2, 0, 0}));
+  const DrawPass pass(spy, scene({&map, nullptr}), true);
+  drawSamples<1>(pass, scene({&map, nullptr}));
+  EXPECT_EQ(spy.takeIndices(), (std::vector<uint32_t>{0, 4}));
+  Vector lo, hi;
+  sceneBounds({&map, nullptr}, lo, hi);
+  EXPECT_EQ(lo.x, 0.0f);
+  EXPECT_EQ(hi.x, 2.0f);
+  EXPECT_EQ(hi.y, 0.0f);
+  EXPECT_EQ(automaticBrightness({&map, nullptr}, options), 2);
 }
 
 TEST_F(DrawingTest, BrightnessFromTheKeysAndTheAverageIntensity) {

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "io/placement.h"
 #include "io/vector.h"
 #include "irradiance/irradiance_map.h"
 #include "lightcache/light_map.h"
@@ -19,6 +20,11 @@ struct DrawnSample {
   Vector normal;
   float radius;  // of the drawn disc
   Color colour;  // decoded, before the brightness
+
+  // The rule of the spatial indexes (io/placement.h), for the drawn disc: a sample with a
+  // non-finite position or a radius that is not finite and positive is neither drawn, nor
+  // picked, nor counted in the bounds or the brightness. It keeps its index, and a save keeps it.
+  bool drawable() const { return placeable(position, radius * radius); }
 };
 
 // The map the viewer shows: a light cache when one is given, else the irradiance map.
