@@ -7,11 +7,11 @@
 #include <string>
 
 #include "io/file_errors.h"
-#include "io/test_files.h"
+#include "test_support/scratch_dir.h"
 
 namespace {
 
-using SafeFileTest = LUtils::testing::TempDirTest;
+using SafeFileTest = LUtils::testing::ScratchDirTest;
 using LUtils::testing::readWholeFile;
 using LUtils::testing::writeWholeFile;
 

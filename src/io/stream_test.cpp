@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "io/stream.h"
-#include "io/test_files.h"
+#include "test_support/scratch_dir.h"
 
 namespace {
 
-using StreamTest = LUtils::testing::TempDirTest;
+using StreamTest = LUtils::testing::ScratchDirTest;
 using LUtils::testing::readWholeFile;
 
 TEST_F(StreamTest, StringsRoundTripWithLengthPrefix) {

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "io/test_files.h"
+#include "test_support/scratch_dir.h"
 #include "threads/progress_callback.h"
 
 namespace LUtils {
@@ -184,7 +184,7 @@ TEST(DefIrradianceMap, LockedModeAppendsFromSeveralThreads) {
   EXPECT_EQ(map.numSamples(), 80000);
 }
 
-using DefIrradianceMapFile = testing::TempDirTest;
+using DefIrradianceMapFile = testing::ScratchDirTest;
 
 TEST_F(DefIrradianceMapFile, LoadAndAddKeepsWhatIsThere) {
   DefIrradianceMap map, source;

@@ -22,7 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "io/stream.h"
-#include "io/test_files.h"
+#include "test_support/scratch_dir.h"
 #include "irradiance/def_irradiance_map.h"
 
 namespace {
@@ -131,7 +131,7 @@ int inChild(const std::function<int()>& fn) {
   return static_cast<int8_t>(WEXITSTATUS(status));
 }
 
-class IrradianceFile : public LUtils::testing::TempDirTest {
+class IrradianceFile : public LUtils::testing::ScratchDirTest {
  protected:
   // The bytes of `map` written with `header` as a file of `version` by the format's writer.
   std::string written(uint32_t version, DefIrradianceMap& map,

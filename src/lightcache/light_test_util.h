@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "io/test_files.h"
+#include "test_support/scratch_dir.h"
 #include "lightcache/light_map.h"
 
 namespace lighttest {
 
-class ScratchDir : public LUtils::testing::TempDirTest {
+class ScratchDir : public LUtils::testing::ScratchDirTest {
  protected:
   static void writeWords(const std::string& p, const std::vector<uint32_t>& words,
                          size_t cutBytes = 0) {
