@@ -134,22 +134,6 @@ std::vector<MenuSpec> menuBar(const UpAxisMenuText& upAxis, const ViewerSettings
   return bar;
 }
 
-bool commandInBuild(int id) {
-  switch (id) {
-    case kCmdSave:
-    case kCmdAdd:
-    case kCmdIncrementalAdd:
-    case kCmdSelectionColour:
-    case kCmdClearSelection:
-    case kCmdUndo:
-    case kCmdRedo:
-    case kCmdDeleteSelection:
-      return false;
-    default:
-      return true;
-  }
-}
-
 KeyBinding keyBinding(const KeyInput& key) {
   const auto command = [](int id) { return KeyBinding{KeyAction::kCommand, id, false}; };
   switch (key.special) {
@@ -234,6 +218,8 @@ KeyBinding keyBinding(const KeyInput& key) {
       return command(kCmdDepthVisible);
     case U'd':
       return command(kCmdDepthFull);
+    case U'i':
+      return {KeyAction::kInspect, 0, false};
     default:
       return {};
   }

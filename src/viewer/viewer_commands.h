@@ -93,11 +93,6 @@ std::vector<MenuSpec> menuBar(const UpAxisMenuText& upAxis, const ViewerSettings
 std::string selectionDepthLabel(float depth);
 std::string selectionRadiusLabel(int radius);
 
-// Commands that belong to parts of the viewer this build does not have yet: they answer with a
-// message instead of doing nothing.
-bool commandInBuild(int id);
-inline constexpr const char* kNotInBuildMessage =
-    "This command is not in this build of cacheview yet.";
 
 // What a key on the canvas does.
 enum class KeyAction : uint8_t {
@@ -109,6 +104,7 @@ enum class KeyAction : uint8_t {
   kLodMinus,
   kDollyForward,
   kDollyBackward,
+  kInspect,  // show the values of the visible sample under the cursor
 };
 
 enum class SpecialKey : uint8_t { kNone, kUp, kDown, kDelete, kKeypadPlus, kKeypadMinus };

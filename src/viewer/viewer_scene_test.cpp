@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "irradiance/def_irradiance_map.h"
+#include "render/gl/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 
 namespace LUtils {
@@ -63,6 +64,45 @@ TEST(ViewerScene, ShowingAMapSizesEverythingForItAndAReplacedRasterizerKeepsTheF
   EXPECT_EQ(second.camera(), &scene.navigation.camera());
   EXPECT_FALSE(scene.options.useOpenGL());
   EXPECT_FALSE(scene.options.multiThreadedSoftware());
+}
+
+// The inspector's one-pixel pick on both back ends: the sample in the middle of the default view,
+// nothing in a corner, nothing once the sample is deleted; and the line it shows.
+TEST(ViewerScene, TheInspectorPicksTheVisibleSampleUnderAPixel) {
+  DefIrradianceMap map;
+  WriteIrradianceMapStream* writer = map.openWriteStream();
+  IrradSample far = sampleAt({0.0f, 0.0f, -1.0f});
+  far.drawRadius2 = 1.0f;
+  IrradSample near = sampleAt({0.0f, 0.0f, 0.0f});
+  near.drawRadius2 = 0.25f;
+  near.renderId = 7;
+  writer->write(far);
+  writer->write(near);
+  map.closeWriteStream(writer);
+
+  RasterizerSW sw;
+  RasterizerGL gl;
+  gl.resize(64, 48);
+  std::vector<Rasterizer3D*> backEnds{&sw};
+  if (gl.hasOffscreenContext()) backEnds.push_back(&gl);
+  for (Rasterizer3D* r : backEnds) {
+    ViewerScene scene;
+    r->resize(64, 48);
+    scene.navigation.setCanvasSize(64, 48);
+    scene.attachRasterizer(r, -1.0f);
+    scene.show({&map, nullptr}, r);
+    scene.navigation.showView(StandardView::kTop);  // looking down -z: the near disc in front
+    EXPECT_EQ(scene.pickVisible(*r, 32, 24), std::optional<uint32_t>(1u));
+    EXPECT_EQ(scene.pickVisible(*r, 0, 0), std::nullopt);
+    scene.edits.editDeleted([](SampleBits& bits) { bits.set(1); });
+    EXPECT_EQ(scene.pickVisible(*r, 32, 24), std::optional<uint32_t>(0u));
+  }
+  ViewerScene scene;
+  scene.show({&map, nullptr}, nullptr);
+  EXPECT_EQ(scene.describeSample(1),
+            "Sample 1: position (0, 0, 0), normal (0, 0, 1), colour (64, 64, 64), radius 0.5, "
+            "render ID 7, time 0");
+  EXPECT_EQ(scene.describeSample(2), "");
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ std::vector<MenuItemState> menuItemStates(const ViewerSettings& s, const DrawOpt
       check(kCmdMediumQuality, sides == 10),
       check(kCmdHighQuality, sides == 16),
       check(kCmdShowAxis, o.showAxis()),
-      check(kCmdActivateSelection, s.selection.active),
+      check(kCmdActivateSelection, s.selection.activated),
       check(kCmdSelectRectangle, !s.selection.paint),
       check(kCmdSelectPaint, s.selection.paint),
       check(kCmdSimilarNormals, s.selection.similarNormals),
@@ -72,11 +72,6 @@ void adjustPaintRadius(SelectionSettings& selection, bool larger, int width, int
   } else if (selection.paintRadius >= 1) {
     --selection.paintRadius;
   }
-}
-
-void wheelPaintRadius(SelectionSettings& selection, int steps, int width, int height) {
-  selection.paintRadius =
-      std::clamp(selection.paintRadius + steps, 0, largestRadius(width, height));
 }
 
 uint32_t movingSampleStride(double fullFrameMs, double budgetMs) {

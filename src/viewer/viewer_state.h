@@ -8,26 +8,12 @@
 #include <vector>
 
 #include "irradiance/irradiance_map_header.h"
+#include "viewer/selection.h"
 
 namespace LUtils {
 
 class DrawOptions;
 class SampleBits;
-
-// The specified selection depth and the paint radius the viewer starts with.
-inline constexpr float kInitialSelectionDepth = 1.0f;
-inline constexpr int kInitialPaintRadius = 5;
-
-// What the selection tools are set to (the gestures themselves are not part of this build).
-struct SelectionSettings {
-  bool active = false;
-  bool paint = false;  // paint brush instead of rectangle
-  bool similarNormals = false;
-  bool xorRectangle = false;
-  int depthMode = 0;  // 0 visible, 1 specified depth, 2 full depth
-  float specifiedDepth = kInitialSelectionDepth;
-  int paintRadius = kInitialPaintRadius;
-};
 
 struct ViewerSettings {
   bool useOpenGL = true;
@@ -65,8 +51,6 @@ void adjustSelectionDepth(SelectionSettings& selection, bool deeper);
 // The radius items: +1 up to min(width, height) / 2 - 1, -1 while at least 1.
 void adjustPaintRadius(SelectionSettings& selection, bool larger, int canvasWidth,
                        int canvasHeight);
-// The wheel in paint mode: `steps` (rotation / delta) added, clamped to [0, min(w, h) / 2 - 1].
-void wheelPaintRadius(SelectionSettings& selection, int steps, int canvasWidth, int canvasHeight);
 
 // Reduced frames while the camera moves. A frame drawn with stride k draws every k-th sample, so
 // k = ceil(full frame time / budget) keeps a moving frame near the budget. 1 when the full frame

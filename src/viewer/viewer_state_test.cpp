@@ -136,11 +136,11 @@ TEST(ViewerState, PaintRadiusStaysWithinHalfTheCanvas) {
   adjustPaintRadius(s, true, 20, 30);  // largest 20 / 2 - 1 = 9
   adjustPaintRadius(s, true, 20, 30);
   EXPECT_EQ(s.paintRadius, 9);
-  wheelPaintRadius(s, -100, 20, 30);
+  s.wheelRadius(-100, 20, 30);
   EXPECT_EQ(s.paintRadius, 0);
   adjustPaintRadius(s, false, 20, 30);
   EXPECT_EQ(s.paintRadius, 0);
-  wheelPaintRadius(s, 3, 20, 30);
+  s.wheelRadius(3, 20, 30);
   EXPECT_EQ(s.paintRadius, 3);
 }
 

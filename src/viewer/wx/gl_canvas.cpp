@@ -1,9 +1,12 @@
 // The canvas: wx events to navigation and drawing calls, and the frame on the screen.
 #include "viewer/wx/gl_canvas.h"
 
-#include <wx/bitmap.h>
+#include <GL/gl.h>
+#include <wx/app.h>
 #include <wx/dcclient.h>
+#include <wx/evtloop.h>
 #include <wx/image.h>
+#include <wx/thread.h>
 #include <wx/utils.h>
 
 #include <algorithm>
@@ -16,6 +19,7 @@
 #include "render/gl/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 #include "render/sample_drawing.h"
+#include "viewer/wx/selection_tool.h"
 
 namespace {
 
@@ -64,7 +68,32 @@ LUtils::SpecialKey specialKey(int code) {
   }
 }
 
+// The software rasterizer's picture (0xAABBGGRR: red in the lowest byte) as a bitmap.
+wxBitmap softwareBitmap(const LUtils::RasterizerSW& sw) {
+  const int width = sw.width();
+  const int height = sw.height();
+  if (width <= 0 || height <= 0) return wxBitmap();
+  wxImage image(width, height, false);
+  unsigned char* rgb = image.GetData();
+  const uint32_t* pixels = sw.picture();
+  const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height);
+  for (size_t i = 0; i < count; ++i) {
+    const uint32_t p = pixels[i];
+    rgb[3 * i] = static_cast<unsigned char>(p & 0xFFu);
+    rgb[3 * i + 1] = static_cast<unsigned char>((p >> 8) & 0xFFu);
+    rgb[3 * i + 2] = static_cast<unsigned char>((p >> 16) & 0xFFu);
+  }
+  return wxBitmap(image);
+}
+
 }  // namespace
+
+void CanvasWaitSink::processMessages() {
+  // Only the main thread's loop handles events, and a wait inside a yield does not yield again.
+  wxEventLoopBase* loop = wxEventLoopBase::GetActive();
+  if (loop == nullptr || !wxThread::IsMain() || loop->IsYielding()) return;
+  loop->YieldFor(wxEVT_CATEGORY_UI | wxEVT_CATEGORY_USER_INPUT);
+}
 
 CacheViewOpenGLCanvas::CacheViewOpenGLCanvas(wxWindow* parent, LUtils::ViewerScene& scene,
                                              Host host)
@@ -84,6 +113,11 @@ CacheViewOpenGLCanvas::CacheViewOpenGLCanvas(wxWindow* parent, LUtils::ViewerSce
     if (!context_->IsOK()) context_.reset();
   }
   SetBackgroundStyle(wxBG_STYLE_PAINT);
+  selection_ = std::make_unique<SelectionTool>(*this, scene_);
+  scene_.waitSink = &waitSink_;
+  if (const char* log = std::getenv("CACHEVIEW_FRAME_LOG"); log != nullptr && log[0] != '\0') {
+    frameLog_ = std::fopen(log, "a");
+  }
   scene_.settings.openGLAvailable = context_ != nullptr;
   if (!scene_.settings.openGLAvailable) {
     scene_.settings.useOpenGL = false;
@@ -108,6 +142,14 @@ CacheViewOpenGLCanvas::~CacheViewOpenGLCanvas() {
   settleTimer_.Stop();
   if (HasCapture()) ReleaseMouse();
   releaseRasterizer();
+  scene_.waitSink = nullptr;
+  if (frameLog_ != nullptr) std::fclose(frameLog_);
+}
+
+bool CacheViewOpenGLCanvas::makeContextCurrent() {
+  // The software rasterizer draws into memory: there is nothing to make current.
+  if (gl_ == nullptr) return true;
+  return context_ && SetCurrent(*context_);
 }
 
 void CacheViewOpenGLCanvas::releaseRasterizer() {
@@ -123,6 +165,8 @@ void CacheViewOpenGLCanvas::createRasterizer() {
   gRasterizer = nullptr;
   gl_ = nullptr;
   sw_ = nullptr;
+  softwarePicture_ = wxBitmap();
+  frameWanted_ = true;
   if (scene_.settings.useOpenGL && context_) {
     gl_ = new LUtils::RasterizerGL();
     gl_->useWindowContext();
@@ -149,56 +193,107 @@ void CacheViewOpenGLCanvas::onSettled(wxTimerEvent&) {
 
 // --- painting
 
+void CacheViewOpenGLCanvas::Refresh(bool eraseBackground, const wxRect* rect) {
+  frameWanted_ = true;
+  wxGLCanvas::Refresh(eraseBackground, rect);
+}
+
+void CacheViewOpenGLCanvas::afterFrame(std::function<void()> action) {
+  if (drawing_) {
+    deferred_.push_back(std::move(action));
+  } else {
+    action();
+  }
+}
+
+void CacheViewOpenGLCanvas::runDeferred() {
+  // An action may run a dialog, whose loop may draw a frame and defer more: those run after it.
+  while (!deferred_.empty() && !drawing_) {
+    std::vector<std::function<void()>> actions;
+    actions.swap(deferred_);
+    for (std::function<void()>& action : actions) action();
+  }
+}
+
 void CacheViewOpenGLCanvas::onPaint(wxPaintEvent&) {
   wxPaintDC dc(this);
   if (gRasterizer == nullptr) return;
+  if (sw_ != nullptr) {
+    // The software frame is drawn outside the paint; this shows the last one finished.
+    const wxSize size = GetClientSize();
+    const bool stale = frameWanted_ || !softwarePicture_.IsOk() ||
+                       softwarePicture_.GetWidth() != size.x ||
+                       softwarePicture_.GetHeight() != size.y;
+    if (softwarePicture_.IsOk()) dc.DrawBitmap(softwarePicture_, 0, 0, false);
+    if (stale && !drawing_ && !softwareQueued_) {
+      softwareQueued_ = true;
+      CallAfter([this] { drawSoftwareFrame(); });
+    }
+    return;
+  }
+  if (drawing_) return;  // cannot happen: OpenGL frames do not wait for the workers
+
   const wxSize size = GetClientSize();
   const int width = std::max(size.x, 1);
   const int height = std::max(size.y, 1);
-
+  // A context that cannot be made current yet keeps the size for the next paint.
+  if (!context_ || !SetCurrent(*context_)) return;
+  drawing_ = true;
+  frameWanted_ = false;
   LUtils::DrawView& view = scene_.view;
   view.sampleStride = moving_ ? LUtils::movingSampleStride(lastFullFrameMs_) : 1u;
   const auto start = std::chrono::steady_clock::now();
-  if (gl_ != nullptr) {
-    // A context that cannot be made current yet keeps the size for the next paint.
-    if (!context_ || !SetCurrent(*context_)) return;
-    if (gl_->viewportWidth() != width || gl_->viewportHeight() != height) {
-      gl_->setViewportSize(width, height);
-    }
-    LUtils::drawFrame(*gl_, scene_.drawScene());
-    SwapBuffers();
-  } else {
-    if (sw_->width() != width || sw_->height() != height) sw_->resize(width, height);
-    LUtils::drawFrame(*sw_, scene_.drawScene());
-    paintSoftwarePicture(dc);
+  if (gl_->viewportWidth() != width || gl_->viewportHeight() != height) {
+    gl_->setViewportSize(width, height);
   }
+  LUtils::drawFrame(*gl_, scene_.drawScene());
+  SwapBuffers();
+  if (frameLog_ != nullptr) glFinish();  // the time logged is the frame's, not its submission's
   const double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  lastStride_ = view.sampleStride;
-  if (lastStride_ == 1) lastFullFrameMs_ = ms;
-
-  const LUtils::SampleEdits& edits = scene_.edits;
-  host_.showStatus(wxString::FromUTF8(LUtils::frameStatusText(
-      LUtils::drawnSampleCount(scene_.sampleCount(), edits.deletedBits(), lastStride_),
-      edits.deletedBits().countSet(), edits.selectedBits().countSet(), ms)));
+  drawing_ = false;
+  finishFrame(scene_.options.useDisplayLists() ? "gl-lists" : "gl", ms);
 }
 
-void CacheViewOpenGLCanvas::paintSoftwarePicture(wxDC& dc) {
-  const int width = sw_->width();
-  const int height = sw_->height();
-  if (width <= 0 || height <= 0) return;
-  wxImage image(width, height, false);
-  unsigned char* rgb = image.GetData();
-  const uint32_t* pixels = sw_->picture();
-  const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height);
-  // 0xAABBGGRR: red in the lowest byte.
-  for (size_t i = 0; i < count; ++i) {
-    const uint32_t p = pixels[i];
-    rgb[3 * i] = static_cast<unsigned char>(p & 0xFFu);
-    rgb[3 * i + 1] = static_cast<unsigned char>((p >> 8) & 0xFFu);
-    rgb[3 * i + 2] = static_cast<unsigned char>((p >> 16) & 0xFFu);
+void CacheViewOpenGLCanvas::drawSoftwareFrame() {
+  softwareQueued_ = false;
+  if (drawing_ || sw_ == nullptr) return;
+  const wxSize size = GetClientSize();
+  const int width = std::max(size.x, 1);
+  const int height = std::max(size.y, 1);
+  drawing_ = true;
+  frameWanted_ = false;
+  LUtils::RasterizerSW* sw = sw_;
+  LUtils::DrawView& view = scene_.view;
+  view.sampleStride = moving_ ? LUtils::movingSampleStride(lastFullFrameMs_) : 1u;
+  const auto start = std::chrono::steady_clock::now();
+  if (sw->width() != width || sw->height() != height) sw->resize(width, height);
+  // Events are handled while the workers draw (the wait sink): a motion there moves the camera,
+  // which this frame has already taken, and asks for the next frame.
+  LUtils::drawFrame(*sw, scene_.drawScene());
+  softwarePicture_ = softwareBitmap(*sw);
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  drawing_ = false;
+  finishFrame(scene_.options.multiThreadedSoftware() ? "sw-threads" : "sw", ms);
+  // The paint shows the picture, and draws the next frame when one was asked for meanwhile.
+  wxGLCanvas::Refresh(false);
+  runDeferred();
+}
+
+void CacheViewOpenGLCanvas::finishFrame(const char* kind, double ms) {
+  lastStride_ = scene_.view.sampleStride;
+  if (lastStride_ == 1) lastFullFrameMs_ = ms;
+  const LUtils::SampleEdits& edits = scene_.edits;
+  const uint64_t drawn =
+      LUtils::drawnSampleCount(scene_.sampleCount(), edits.deletedBits(), lastStride_);
+  if (frameLog_ != nullptr) {
+    std::fprintf(frameLog_, "%s %u %llu %.3f\n", kind, lastStride_,
+                 static_cast<unsigned long long>(drawn), ms);
+    std::fflush(frameLog_);
   }
-  dc.DrawBitmap(wxBitmap(image), 0, 0, false);
+  host_.showStatus(wxString::FromUTF8(LUtils::frameStatusText(
+      drawn, edits.deletedBits().countSet(), edits.selectedBits().countSet(), ms)));
 }
 
 void CacheViewOpenGLCanvas::onSize(wxSizeEvent& event) {
@@ -216,21 +311,31 @@ bool CacheViewOpenGLCanvas::handleKey(const LUtils::KeyInput& key) {
     case LUtils::KeyAction::kNone:
       return false;
     case LUtils::KeyAction::kCommand:
-      host_.runCommand(binding.command);
+      afterFrame([this, id = binding.command] { host_.runCommand(id); });
       return true;
+    // The workers read the options: they change between frames.
     case LUtils::KeyAction::kBrighter:
     case LUtils::KeyAction::kDarker:
-      LUtils::brightnessKey(binding.action == LUtils::KeyAction::kDarker, scene_.options);
-      break;
+      afterFrame([this, darker = binding.action == LUtils::KeyAction::kDarker] {
+        LUtils::brightnessKey(darker, scene_.options);
+        Refresh(false);
+      });
+      return true;
     case LUtils::KeyAction::kLodPlus:
     case LUtils::KeyAction::kLodMinus:
-      LUtils::lodKey(binding.action == LUtils::KeyAction::kLodPlus, scene_.options);
-      break;
+      afterFrame([this, plus = binding.action == LUtils::KeyAction::kLodPlus] {
+        LUtils::lodKey(plus, scene_.options);
+        Refresh(false);
+      });
+      return true;
     case LUtils::KeyAction::kDollyForward:
     case LUtils::KeyAction::kDollyBackward:
       scene_.navigation.dolly(binding.action == LUtils::KeyAction::kDollyForward, binding.fast);
       noteMotion();
       break;
+    case LUtils::KeyAction::kInspect:
+      selection_->inspect(ScreenToClient(wxGetMousePosition()));
+      return true;
   }
   Refresh(false);
   return true;
@@ -301,15 +406,10 @@ void CacheViewOpenGLCanvas::onMouse(wxMouseEvent& event) {
       }
       break;
     }
-    case LUtils::MouseResult::kStartRectangle:
-    case LUtils::MouseResult::kStartRectangleAfterClearing:
-    case LUtils::MouseResult::kStartPaint:
-      // Selecting samples is not part of this build: end the gesture and say so.
-      nav.buttonUp(LUtils::MouseButton::kLeft, in);
-      if (HasCapture()) ReleaseMouse();
-      CallAfter([this] { host_.selectionNotInBuild(); });
+    case LUtils::MouseResult::kNone:
       break;
-    default:
+    default:  // the rubber band, the paint brush and their picks
+      selection_->gesture(result, in);
       break;
   }
 }
@@ -325,7 +425,7 @@ void CacheViewOpenGLCanvas::onWheel(wxMouseEvent& event) {
     host_.showStatus(wxString::FromUTF8(LUtils::selectionDepthLabel(selection.specifiedDepth)));
   } else if (selection.paint) {
     const wxSize size = GetClientSize();
-    LUtils::wheelPaintRadius(selection, steps, size.x, size.y);
+    selection.wheelRadius(steps, size.x, size.y);
     host_.showStatus(wxString::FromUTF8(LUtils::selectionRadiusLabel(selection.paintRadius)));
   } else {
     return;

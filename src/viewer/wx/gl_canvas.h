@@ -1,14 +1,33 @@
 // CacheViewOpenGLCanvas: the viewer's drawing window. It turns mouse, key, size and paint events
 // into calls on the viewer's navigation and drawing layer, holds the OpenGL context the OpenGL
 // rasterizer draws into, and shows the software rasterizer's picture when that one draws.
+//
+// The OpenGL rasterizer draws in the paint handler. The software rasterizer draws its frame
+// outside it, just after a paint found the picture out of date, and the paint that follows shows
+// it: while its workers draw, the window keeps handling its events (the wait sink below), and
+// the toolkit holds back every input event while a window paints. A frame is never drawn inside
+// another: a paint during a frame shows the last finished picture, and what asks for a frame
+// then gets the next one. Menu commands, option keys and closing the window, which would change
+// what the workers read, wait until the frame is done; camera motions do not.
+//
+// Developer hook: when the environment variable CACHEVIEW_FRAME_LOG names a file, every frame
+// drawn appends one line to it,
+//     <kind> <stride> <samples drawn> <milliseconds>
+// with kind gl, gl-lists (OpenGL with display lists), sw or sw-threads (the software rasterizer on
+// one thread or on the thread manager's), the stride of a reduced frame (1: every sample), and
+// the time from the start of the frame until it is presented: swapped and finished (glFinish)
+// for OpenGL, turned into the bitmap the paint shows for software. Nothing else changes.
 #pragma once
 
+#include <wx/bitmap.h>
 #include <wx/glcanvas.h>
 #include <wx/timer.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "viewer/viewer_commands.h"
 #include "viewer/viewer_scene.h"
@@ -17,6 +36,24 @@ namespace LUtils {
 class RasterizerGL;
 class RasterizerSW;
 }  // namespace LUtils
+class SelectionTool;
+
+// Hears the thread manager's waits while a software frame is drawn on its workers: lets the
+// toolkit handle the window's pending user-interface and input events. Progress and the manager's
+// text messages are not shown.
+class CanvasWaitSink final : public LUtils::ProgressCallback {
+ public:
+  void setTotal(int32_t) override {}
+  int32_t getTotal() override { return 0; }
+  void setProgress(int32_t) override {}
+  int32_t getProgress() override { return 0; }
+  void setTitle(const char*) override {}
+  int wantsMessageProcessing() override { return 1; }
+  void processMessages() override;
+  void message(int, int, const char*, ...) override {}
+  void start() override {}
+  void done() override {}
+};
 
 class CacheViewOpenGLCanvas final : public wxGLCanvas {
  public:
@@ -24,7 +61,6 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
   struct Host {
     std::function<void(int id)> runCommand;           // a menu command chosen by key
     std::function<void(const wxString&)> showStatus;  // the status bar's text
-    std::function<void()> selectionNotInBuild;        // a selection gesture was started
     std::function<void()> selectionSettingsChanged;   // the wheel changed the radius or depth
   };
 
@@ -45,6 +81,20 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
   // has settled, then the whole map once.
   void noteMotion();
 
+  // For the selection gestures: the OpenGL context made current (always true for software), the
+  // kind of rasterizer drawing, the last software picture and the status bar.
+  bool makeContextCurrent();
+  bool drawsWithOpenGL() const { return gl_ != nullptr; }
+  const wxBitmap& softwarePicture() const { return softwarePicture_; }
+  void showStatus(const wxString& text) { host_.showStatus(text); }
+
+  // Runs `action` now, or once the frame being drawn is done when one is.
+  void afterFrame(std::function<void()> action);
+  bool drawingFrame() const { return drawing_; }
+
+  // Asks for a new frame (every repaint request of the viewer comes here).
+  void Refresh(bool eraseBackground = true, const wxRect* rect = nullptr) override;
+
  private:
   void onPaint(wxPaintEvent& event);
   void onSize(wxSizeEvent& event);
@@ -57,10 +107,13 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
 
   bool handleKey(const LUtils::KeyInput& key);
   void endDrags();
-  void paintSoftwarePicture(wxDC& dc);
+  void drawSoftwareFrame();
+  void finishFrame(const char* kind, double ms);
+  void runDeferred();
 
   LUtils::ViewerScene& scene_;
   Host host_;
+  std::unique_ptr<SelectionTool> selection_;
   std::unique_ptr<wxGLContext> context_;
   LUtils::RasterizerGL* gl_ = nullptr;  // the rasterizer in use, by kind (gRasterizer owns it)
   LUtils::RasterizerSW* sw_ = nullptr;
@@ -68,4 +121,12 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
   bool moving_ = false;
   uint32_t lastStride_ = 1;
   double lastFullFrameMs_ = 0.0;
+
+  CanvasWaitSink waitSink_;
+  bool drawing_ = false;          // a frame is being drawn
+  bool frameWanted_ = true;       // the picture shown is out of date
+  bool softwareQueued_ = false;   // a software frame is queued to be drawn
+  wxBitmap softwarePicture_;      // the last finished software frame
+  std::vector<std::function<void()>> deferred_;
+  std::FILE* frameLog_ = nullptr;
 };

@@ -2,11 +2,18 @@
 #include "viewer/wx/main_window.h"
 
 #include <dlfcn.h>
+#include <wx/colordlg.h>
+#include <wx/dnd.h>
+#include <wx/evtloop.h>
 #include <wx/filedlg.h>
 #include <wx/menu.h>
 #include <wx/msgdlg.h>
+#include <wx/thread.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 #include "app/map_files.h"
@@ -15,15 +22,34 @@
 #include "cacheview_version.h"
 #include "irradiance/def_irradiance_map.h"
 #include "lightcache/light_map.h"
+#include "threads/debug_trace.h"
 #include "viewer/wx/gl_canvas.h"
 
 namespace {
 
 const char kTitle[] = "Irradiance map viewer";
-const char kOpenTitle[] = "Choose irradiance or light cache file to load";
-const char kAllCachesFilter[] =
-    "All cache files(*.lumap, *.lulmap)|*.lumap;*.lulmap|Irradiance map (*.lumap)|*.lumap|"
-    "Light cache (*.lulmap)|*.lulmap|All files(*.*)|*.*";
+
+// A map file dropped on the window opens as with the open command.
+class MapDropTarget final : public wxFileDropTarget {
+ public:
+  explicit MapDropTarget(CacheViewMainWindow& window) : window_(window) {}
+  bool OnDropFiles(wxCoord, wxCoord, const wxArrayString& files) override {
+    if (files.empty()) return false;
+    // Opened once the drop has finished, not inside the toolkit's drag-and-drop handling.
+    window_.CallAfter([w = &window_, name = files[0].utf8_string()] { w->openFile(name); });
+    return true;
+  }
+
+ private:
+  CacheViewMainWindow& window_;
+};
+
+// A menu label for the debug trace, with its tab written out.
+std::string traceLabel(std::string label) {
+  const size_t tab = label.find('\t');
+  if (tab != std::string::npos) label.replace(tab, 1, "\\t");
+  return label;
+}
 
 // Builds the irradiance map's index under the viewer's reference settings and gives it back its
 // own settings.
@@ -59,13 +85,15 @@ CacheViewMainWindow::CacheViewMainWindow(LUtils::ViewerScene& scene)
   CacheViewOpenGLCanvas::Host host;
   host.runCommand = [this](int id) { runCommandFromKey(id); };
   host.showStatus = [this](const wxString& text) { SetStatusText(text); };
-  host.selectionNotInBuild = [this] { notInBuild(); };
   host.selectionSettingsChanged = [this] { updateSelectionLabels(); };
   canvas_ = new CacheViewOpenGLCanvas(this, scene_, std::move(host));
   SetClientSize(800, 600);
   canvas_->createRasterizer();
   Bind(wxEVT_MENU, &CacheViewMainWindow::onMenu, this);
+  Bind(wxEVT_MENU_OPEN, &CacheViewMainWindow::onMenuOpen, this);
   Bind(wxEVT_CLOSE_WINDOW, &CacheViewMainWindow::onClose, this);
+  SetDropTarget(new MapDropTarget(*this));
+  canvas_->SetDropTarget(new MapDropTarget(*this));
 }
 
 void CacheViewMainWindow::buildMenuBar() {
@@ -128,6 +156,33 @@ void CacheViewMainWindow::syncMenus() {
     item->Enable(state.enabled);
   }
   updateSelectionLabels();
+  refreshEditMenu();
+}
+
+void CacheViewMainWindow::refreshEditMenu() {
+  const LUtils::EditHistory& history = scene_.history;
+  std::string undo;
+  try {
+    undo = history.undoLabel();
+  } catch (const std::out_of_range&) {
+    // Everything is undone: the history has no edit at its position. The item keeps its plain
+    // label and stays enabled; choosing it does nothing (see editCommand).
+    undo = "Undo \tCtrl+z";
+  }
+  const std::string redo = history.redoLabel();
+  wxMenuBar* bar = GetMenuBar();
+  bar->SetLabel(LUtils::kCmdUndo, wxString::FromUTF8(undo));
+  bar->Enable(LUtils::kCmdUndo, history.canUndo());
+  bar->SetLabel(LUtils::kCmdRedo, wxString::FromUTF8(redo));
+  bar->Enable(LUtils::kCmdRedo, history.canRedo());
+  LUtils::debugTrace("edit menu: \"%s\" %s, \"%s\" %s\n", traceLabel(undo).c_str(),
+                     history.canUndo() ? "enabled" : "disabled", traceLabel(redo).c_str(),
+                     history.canRedo() ? "enabled" : "disabled");
+}
+
+void CacheViewMainWindow::onMenuOpen(wxMenuEvent& event) {
+  refreshEditMenu();
+  event.Skip();
 }
 
 void CacheViewMainWindow::updateSelectionLabels() {
@@ -151,7 +206,28 @@ void CacheViewMainWindow::redraw() {
   canvas_->Refresh(false);
 }
 
-void CacheViewMainWindow::onClose(wxCloseEvent&) {
+void CacheViewMainWindow::onClose(wxCloseEvent& event) {
+  if (canvas_->drawingFrame()) {
+    // The software frame being drawn reads the scene: the window is asked again after it.
+    const bool force = !event.CanVeto();
+    if (!force) event.Veto();
+    canvas_->afterFrame([this, force] { Close(force); });
+    return;
+  }
+  if (event.CanVeto()) {
+    if (merging_) {
+      event.Veto();
+      return;
+    }
+    if (scene_.history.modified()) {
+      const int answer = wxMessageBox("The map has deleted samples that are not saved. Save it?",
+                                      kTitle, wxYES_NO | wxCANCEL | wxICON_QUESTION, this);
+      if (answer == wxCANCEL || (answer == wxYES && !saveMap())) {
+        event.Veto();
+        return;
+      }
+    }
+  }
   canvas_->releaseRasterizer();
   Destroy();
 }
@@ -163,22 +239,21 @@ void CacheViewMainWindow::showMapsInMemory() {
   redraw();
 }
 
-bool CacheViewMainWindow::openMap(bool atStartup) {
-  std::string name = atStartup ? gMapFileName : "";
-  if (name.empty()) {
-    const wxString chosen =
-        wxFileSelector(kOpenTitle, wxEmptyString, wxEmptyString, "lumap", kAllCachesFilter,
-                       wxFD_OPEN | wxFD_FILE_MUST_EXIST, this);
-    if (chosen.empty()) return false;
-    name = chosen.utf8_string();
-  }
+bool CacheViewMainWindow::chooseFile(LUtils::FilePurpose purpose) {
+  const LUtils::FileDialogSpec spec = LUtils::fileDialogSpec(purpose, gLightMap != nullptr);
+  const long style = spec.save ? wxFD_SAVE : wxFD_OPEN | wxFD_FILE_MUST_EXIST;
+  const wxString chosen = wxFileSelector(spec.title, wxEmptyString, wxEmptyString,
+                                         LUtils::kDefaultMapExtension, spec.filter, style, this);
+  if (chosen.empty()) return false;
+  setMapFileName(chosen.utf8_string().c_str());
+  updateTitle();
+  return true;
+}
 
+bool CacheViewMainWindow::loadInPlace(const std::string& name) {
   LUtils::IrradianceMap* irradiance = nullptr;
   LightMap* light = nullptr;
-  if (loadMapFile(name.c_str(), irradiance, light) != 0) {
-    if (!atStartup) wxMessageBox("Unrecognized map format.", kTitle, wxOK, this);
-    return false;
-  }
+  if (loadMapFile(name.c_str(), irradiance, light) != 0) return false;
   if (irradiance == nullptr) {
     // A light cache is shown; the irradiance map in memory becomes an empty one.
     irradiance = LUtils::newIrradianceMap();
@@ -190,19 +265,133 @@ bool CacheViewMainWindow::openMap(bool atStartup) {
   LightMap* oldLight = gLightMap;
   gIrradianceMap = irradiance;
   gLightMap = light;
-  setMapFileName(name.c_str());
-  // The scene lets go of the old maps before they are deleted.
+  // The scene lets go of the old maps before they are deleted; it starts without edits.
   showMapsInMemory();
   LUtils::deleteIrradianceMap(oldIrradiance);
   delete oldLight;
+  refreshEditMenu();
+  return true;
+}
+
+bool CacheViewMainWindow::openMap(bool atStartup) {
+  const std::string previous = gMapFileName;
+  if (!atStartup || previous.empty()) {
+    if (!chooseFile(LUtils::FilePurpose::kOpen)) return false;
+  }
+  if (!loadInPlace(gMapFileName)) {
+    setMapFileName(previous.c_str());
+    updateTitle();
+    if (!atStartup) wxMessageBox("Unrecognized map format.", kTitle, wxOK, this);
+    return false;
+  }
   updateTitle();
   return true;
+}
+
+bool CacheViewMainWindow::openFile(const std::string& name) {
+  if (merging_) return false;
+  if (!loadInPlace(name)) {
+    wxMessageBox("Unrecognized map format.", kTitle, wxOK, this);
+    return false;
+  }
+  setMapFileName(name.c_str());
+  updateTitle();
+  return true;
+}
+
+bool CacheViewMainWindow::saveMap() {
+  const std::string previous = gMapFileName;
+  if (!chooseFile(LUtils::FilePurpose::kSave)) return false;
+  if (LUtils::saveMapInMemory(gMapFileName, scene_.edits.deletedBits(), scene_.sampleCount()) !=
+      0) {
+    setMapFileName(previous.c_str());
+    updateTitle();
+    wxMessageBox("Error saving file.", kTitle, wxOK, this);
+    return false;
+  }
+  scene_.history.setModified(false);
+  return true;
+}
+
+void CacheViewMainWindow::addMap(bool incremental) {
+  const std::string previous = gMapFileName;
+  if (!chooseFile(LUtils::FilePurpose::kAdd)) return;
+  // The status bar shows the console's percentage, and the window keeps painting while the merge
+  // runs: only paint and size events are let through (never input, which could start another
+  // command), at most every 50 ms, and never from a merge's worker thread.
+  auto lastPump = std::chrono::steady_clock::now();
+  LUtils::MergeProgress progress([this, &lastPump](const char* title, int percent) {
+    if (!wxThread::IsMain()) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (percent < 100 && now - lastPump < std::chrono::milliseconds(50)) return;
+    lastPump = now;
+    wxEventLoopBase* loop = wxEventLoopBase::GetActive();
+    if (loop != nullptr && !loop->IsYielding()) loop->YieldFor(wxEVT_CATEGORY_UI);
+    SetStatusText(wxString::Format("%s %d%%", wxString::FromUTF8(title), percent));
+  });
+  merging_ = true;
+  const LUtils::AddResult result =
+      LUtils::addMapFile(gMapFileName, incremental, scene_.edits.deletedBits(), progress, stdout,
+                         [this] { scene_.follow({gIrradianceMap, gLightMap}); });
+  merging_ = false;
+  if (result != LUtils::AddResult::kAdded) {
+    setMapFileName(previous.c_str());
+    updateTitle();
+    if (result == LUtils::AddResult::kIrradianceLoadFailed) {
+      wxMessageBox("Unrecognized irradiance map format.", kTitle, wxOK, this);
+    }
+    return;
+  }
+  // The merged map is shown afresh: default or stored view, no edits, an empty history.
+  showMapsInMemory();
+  refreshEditMenu();
+}
+
+void CacheViewMainWindow::chooseSelectionColour() {
+  const LUtils::Color& now = scene_.options.selectionColour();
+  wxColourData data;
+  data.SetColour(wxColour(static_cast<unsigned char>(std::min(255.0f, now.r * 256.0f)),
+                          static_cast<unsigned char>(std::min(255.0f, now.g * 256.0f)),
+                          static_cast<unsigned char>(std::min(255.0f, now.b * 256.0f))));
+  wxColourDialog dialog(this, &data);
+  if (dialog.ShowModal() != wxID_OK) return;
+  const wxColour c = dialog.GetColourData().GetColour();
+  // Components are stored as 0..255 times 1/256: white becomes 0.99609375.
+  constexpr float kScale = 0.00390625f;
+  scene_.options.setSelectionColour({c.Red() * kScale, c.Green() * kScale, c.Blue() * kScale});
+  redraw();
+}
+
+void CacheViewMainWindow::editCommand(int id) {
+  LUtils::EditHistory& history = scene_.history;
+  switch (id) {
+    case LUtils::kCmdDeleteSelection:
+      history.deleteSelection(scene_.edits, scene_.sampleCount());
+      break;
+    case LUtils::kCmdUndo:
+      try {
+        history.undo();
+      } catch (const std::out_of_range&) {
+        // Once every edit is undone the history has no edit at its position and says so with
+        // out_of_range. To the user, Undo then simply does nothing.
+      }
+      break;
+    case LUtils::kCmdRedo:
+      history.redo();
+      break;
+    default:
+      return;
+  }
+  // Deleting and restoring samples drops the compiled geometry by itself (the cache listens).
+  refreshEditMenu();
+  redraw();
 }
 
 // --- commands
 
 void CacheViewMainWindow::onMenu(wxCommandEvent& event) {
-  runCommand(event.GetId());
+  // A command may replace what a software frame being drawn reads: it waits for the frame.
+  canvas_->afterFrame([this, id = event.GetId()] { runCommand(id); });
 }
 
 void CacheViewMainWindow::runCommandFromKey(int id) {
@@ -216,16 +405,10 @@ void CacheViewMainWindow::runCommandFromKey(int id) {
   runCommand(id);
 }
 
-void CacheViewMainWindow::notInBuild() {
-  wxMessageBox(LUtils::kNotInBuildMessage, kTitle, wxOK, this);
-}
-
 void CacheViewMainWindow::runCommand(int id) {
   using namespace LUtils;
-  if (!commandInBuild(id)) {
-    notInBuild();
-    return;
-  }
+  // A command chosen while a merge lets the window paint waits for the merge to end.
+  if (merging_) return;
   Navigation& nav = scene_.navigation;
   DrawOptions& options = scene_.options;
   SelectionSettings& selection = scene_.settings.selection;
@@ -233,11 +416,18 @@ void CacheViewMainWindow::runCommand(int id) {
     case kCmdOpen:
       openMap(false);
       return;
+    case kCmdSave:
+      saveMap();
+      return;
+    case kCmdAdd:
+    case kCmdIncrementalAdd:
+      addMap(id == kCmdIncrementalAdd);
+      return;
     case kCmdProperties:
       showProperties();
       return;
     case kCmdExit:
-      Close(true);
+      Close(false);  // asks about unsaved deletions, as closing the window does
       return;
     case kCmdAbout:
       showAbout();
@@ -315,9 +505,9 @@ void CacheViewMainWindow::runCommand(int id) {
     case kCmdActivateSelection:
     case kCmdSelectRectangle:
     case kCmdSelectPaint:
-      selection.active = checked(kCmdActivateSelection);
+      selection.activated = checked(kCmdActivateSelection);
       selection.paint = checked(kCmdSelectPaint);
-      nav.setSelectionTool(selection.active,
+      nav.setSelectionTool(selection.activated,
                            selection.paint ? SelectionShape::kPaint : SelectionShape::kRectangle);
       return;
     case kCmdSimilarNormals:
@@ -325,6 +515,17 @@ void CacheViewMainWindow::runCommand(int id) {
       return;
     case kCmdXorRectangle:
       selection.xorRectangle = checked(id);
+      return;
+    case kCmdSelectionColour:
+      chooseSelectionColour();
+      return;
+    case kCmdClearSelection:
+      scene_.edits.clearSelection();
+      break;
+    case kCmdDeleteSelection:
+    case kCmdUndo:
+    case kCmdRedo:
+      editCommand(id);
       return;
     case kCmdDepthVisible:
       selection.depthMode = 0;

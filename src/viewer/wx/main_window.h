@@ -5,11 +5,15 @@
 
 #include <wx/frame.h>
 
+#include <string>
+
+#include "viewer/file_commands.h"
 #include "viewer/viewer_commands.h"
 #include "viewer/viewer_scene.h"
 
 class CacheViewOpenGLCanvas;
 class wxMenu;
+class wxMenuEvent;
 
 class CacheViewMainWindow final : public wxFrame {
  public:
@@ -22,6 +26,8 @@ class CacheViewMainWindow final : public wxFrame {
   // dialog was cancelled or the file did not load; from the menu a failure is shown and the maps,
   // the file name and the title stay as they were.
   bool openMap(bool atStartup);
+  // Opens `name` as the menu's open command does after its dialog (a file dropped on the window).
+  bool openFile(const std::string& name);
   // Shows the maps in memory (gLightMap, else gIrradianceMap) on the canvas.
   void showMapsInMemory();
   // Checks and enables the menu items as the settings say.
@@ -36,16 +42,31 @@ class CacheViewMainWindow final : public wxFrame {
  private:
   void buildMenuBar();
   void onMenu(wxCommandEvent& event);
+  void onMenuOpen(wxMenuEvent& event);
   void onClose(wxCloseEvent& event);
   void runCommand(int id);
   bool checked(int id) const;
   void switchRasterizer(LUtils::RasterizerChoice choice);
+
+  // The file dialog of a purpose. On confirmation the path goes into gMapFileName and the title;
+  // false when cancelled.
+  bool chooseFile(LUtils::FilePurpose purpose);
+  // Loads `name` in place of the maps in memory; false (and nothing changed) when it does not
+  // load.
+  bool loadInPlace(const std::string& name);
+  // The save command; false when cancelled or failed.
+  bool saveMap();
+  void addMap(bool incremental);
+  void chooseSelectionColour();
+  void editCommand(int id);
+  // The Undo and Redo items' labels and enabled states, from the history.
+  void refreshEditMenu();
   void showProperties();
   void showAbout();
-  void notInBuild();
   void updateSelectionLabels();
   void redraw();
 
   LUtils::ViewerScene& scene_;
   CacheViewOpenGLCanvas* canvas_ = nullptr;
+  bool merging_ = false;
 };
