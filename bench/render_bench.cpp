@@ -7,11 +7,13 @@
 
 #include "ratio_reporter.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "render/camera.h"
 #include "render/disc_basis.h"
@@ -135,9 +137,10 @@ void BM_GLDisplayList(benchmark::State& state) {
 }
 BENCHMARK(BM_GLDisplayList)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-void softwareFrames(benchmark::State& state, bool threaded) {
+void softwareFrames(benchmark::State& state, bool threaded, unsigned replayThreads = 0) {
   Scene& s = scene();
   RasterizerSW sw;
+  if (replayThreads > 0) sw.setReplayThreads(replayThreads);
   sw.resize(kWidth, kHeight);
   sw.setCamera(&s.camera);
   sw.setFarDistance(s.farDistance);
@@ -153,6 +156,41 @@ BENCHMARK(BM_SoftwareOneThread)->Unit(benchmark::kMillisecond)->UseRealTime()->I
 
 void BM_SoftwareAllThreads(benchmark::State& state) { softwareFrames(state, true); }
 BENCHMARK(BM_SoftwareAllThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+// The same frames as the viewer window draws them by default: 6-sided discs (low quality), and
+// the software rasterizer replaying its bins on one thread or on every processor as the window's
+// two software kinds do. bench/viewer_window_bench.py times the window against these.
+class ViewerQuality {
+ public:
+  ViewerQuality() { scene().options.setSegmentsPerDisc(6); }
+  ~ViewerQuality() { scene().options.setSegmentsPerDisc(8); }
+  ViewerQuality(const ViewerQuality&) = delete;
+  ViewerQuality& operator=(const ViewerQuality&) = delete;
+};
+
+void BM_ViewerGL(benchmark::State& state) {
+  const ViewerQuality quality;
+  BM_GLImmediate(state);
+}
+BENCHMARK(BM_ViewerGL)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+void BM_ViewerGLLists(benchmark::State& state) {
+  const ViewerQuality quality;
+  BM_GLDisplayList(state);
+}
+BENCHMARK(BM_ViewerGLLists)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+void BM_ViewerSoftware(benchmark::State& state) {
+  const ViewerQuality quality;
+  softwareFrames(state, false, 1);
+}
+BENCHMARK(BM_ViewerSoftware)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+void BM_ViewerSoftwareThreads(benchmark::State& state) {
+  const ViewerQuality quality;
+  softwareFrames(state, true, std::max(1u, std::thread::hardware_concurrency()));
+}
+BENCHMARK(BM_ViewerSoftwareThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 }  // namespace
 
