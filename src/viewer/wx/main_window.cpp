@@ -98,9 +98,9 @@ CacheViewMainWindow::CacheViewMainWindow(LUtils::ViewerScene& scene)
 
 void CacheViewMainWindow::buildMenuBar() {
   auto* bar = new wxMenuBar();
-  const std::vector<LUtils::MenuSpec> spec =
+  const std::vector<LUtils::MenuSpec> menus =
       LUtils::menuBar(scene_.navigation.upAxisMenuText(), scene_.settings);
-  for (const LUtils::MenuSpec& menuSpec : spec) {
+  for (const LUtils::MenuSpec& menuSpec : menus) {
     auto* top = new wxMenu();
     wxMenu* menu = top;
     wxMenu* submenu = nullptr;
@@ -240,10 +240,10 @@ void CacheViewMainWindow::showMapsInMemory() {
 }
 
 bool CacheViewMainWindow::chooseFile(LUtils::FilePurpose purpose) {
-  const LUtils::FileDialogSpec spec = LUtils::fileDialogSpec(purpose, gLightMap != nullptr);
-  const long style = spec.save ? wxFD_SAVE : wxFD_OPEN | wxFD_FILE_MUST_EXIST;
-  const wxString chosen = wxFileSelector(spec.title, wxEmptyString, wxEmptyString,
-                                         LUtils::kDefaultMapExtension, spec.filter, style, this);
+  const LUtils::FileDialogSpec dialog = LUtils::fileDialogSpec(purpose, gLightMap != nullptr);
+  const long style = dialog.save ? wxFD_SAVE : wxFD_OPEN | wxFD_FILE_MUST_EXIST;
+  const wxString chosen = wxFileSelector(dialog.title, wxEmptyString, wxEmptyString,
+                                         LUtils::kDefaultMapExtension, dialog.filter, style, this);
   if (chosen.empty()) return false;
   setMapFileName(chosen.utf8_string().c_str());
   updateTitle();
