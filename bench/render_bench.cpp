@@ -5,6 +5,7 @@
 #include <GL/gl.h>
 #include <benchmark/benchmark.h>
 
+#include "bench_room.h"
 #include "ratio_reporter.h"
 
 #include <algorithm>
@@ -49,14 +50,9 @@ Scene& scene() {
 }
 
 RasterizerGL* offscreenGL() {
-  static std::unique_ptr<RasterizerGL> gl = [] {
-    auto r = std::make_unique<RasterizerGL>();
-    r->resize(kWidth, kHeight);
-    r->setCamera(&scene().camera);
-    r->setFarDistance(scene().farDistance);
-    return r;
-  }();
-  return gl->hasOffscreenContext() ? gl.get() : nullptr;
+  static const std::unique_ptr<RasterizerGL> gl =
+      benchroom::makeOffscreenGL(scene(), kWidth, kHeight);
+  return gl.get();
 }
 
 // The reference: the same discs straight into OpenGL, nothing around them.

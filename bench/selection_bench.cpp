@@ -6,6 +6,7 @@
 // over the map's samples.
 #include <benchmark/benchmark.h>
 
+#include "bench_room.h"
 #include "ratio_reporter.h"
 
 #include <cstdio>
@@ -45,14 +46,9 @@ Scene& scene() {
 }
 
 RasterizerGL* offscreenGL() {
-  static std::unique_ptr<RasterizerGL> gl = [] {
-    auto r = std::make_unique<RasterizerGL>();
-    r->resize(kWidth, kHeight);
-    r->setCamera(&scene().camera);
-    r->setFarDistance(scene().farDistance);
-    return r;
-  }();
-  return gl->hasOffscreenContext() ? gl.get() : nullptr;
+  static const std::unique_ptr<RasterizerGL> gl =
+      benchroom::makeOffscreenGL(scene(), kWidth, kHeight);
+  return gl.get();
 }
 
 RasterizerSW& software() {

@@ -8,7 +8,6 @@ The Undo and Redo items' labels are read from the debug log (CACHEVIEW_DEBUG_LOG
 window writes them each time it refreshes them, as when the Edit menu opens.
 """
 
-import argparse
 import os
 import re
 import shutil
@@ -295,14 +294,7 @@ class ViewerEditGuiTest(unittest.TestCase):
 
 def main():
     global ARGS
-    p = argparse.ArgumentParser()
-    for name in ("--cacheview", "--synth", "--render", "--tmp"):
-        p.add_argument(name, required=True)
-    ARGS, rest = p.parse_known_args()
-    missing = xharness.missing_tools()
-    if missing:
-        print("skipped: not installed: " + ", ".join(missing))
-        sys.exit(xharness.SKIP)
+    ARGS, rest = xharness.parse_test_args()
     unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
 
 

@@ -7,7 +7,6 @@ Each process starts one X server for its test cases. With CACHEVIEW_SCREENSHOT_D
 OpenGL picture of the synthesised room is also written there as viewer.png (the README's).
 """
 
-import argparse
 import os
 import re
 import shutil
@@ -325,14 +324,7 @@ class ViewerGuiTest(unittest.TestCase):
 
 def main():
     global ARGS
-    p = argparse.ArgumentParser()
-    for name in ("--cacheview", "--synth", "--render", "--tmp"):
-        p.add_argument(name, required=True)
-    ARGS, rest = p.parse_known_args()
-    missing = xharness.missing_tools()
-    if missing:
-        print("skipped: not installed: " + ", ".join(missing))
-        sys.exit(xharness.SKIP)
+    ARGS, rest = xharness.parse_test_args()
     unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
 
 

@@ -6,11 +6,13 @@ Every wait polls for what it waits for (a window, a text, a settled picture) up 
 every process started here is ended in its own process group.
 """
 
+import argparse
 import os
 import pty
 import shutil
 import signal
 import subprocess
+import sys
 import threading
 import time
 import tty
@@ -337,3 +339,17 @@ class Program:
         self._reader.join(timeout=5)
         with self._lock, open(self.out_path, "wb") as f:
             f.write(self._out)
+
+
+def parse_test_args():
+    """The arguments every GUI test program takes (the programs it drives and its scratch
+    folder); the rest goes to unittest. Exits with SKIP when the X tools are not installed."""
+    p = argparse.ArgumentParser()
+    for name in ("--cacheview", "--synth", "--render", "--tmp"):
+        p.add_argument(name, required=True)
+    args, rest = p.parse_known_args()
+    missing = missing_tools()
+    if missing:
+        print("skipped: not installed: " + ", ".join(missing))
+        sys.exit(SKIP)
+    return args, rest
