@@ -8,7 +8,7 @@ packages=(
   libwxgtk3.2-dev libglib2.0-dev
   libgl-dev libglu1-mesa-dev libgl1-mesa-dri libegl-dev libegl-mesa0
   libgtest-dev libgmock-dev libbenchmark-dev
-  xvfb xauth xdotool imagemagick python3
+  xvfb xauth xdotool xclip imagemagick python3
   # clang with its runtime libraries (libFuzzer and the sanitizers): the fuzz harnesses
   clang libclang-rt-dev
 )

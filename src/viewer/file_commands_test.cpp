@@ -3,6 +3,7 @@
 #include "viewer/file_commands.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <string>
@@ -130,6 +131,13 @@ TEST_F(FileCommands, LightCacheAddRebuildsWithoutDeletedSamplesAndReportsBadFile
             AddResult::kLightCacheLoadFailed);
   EXPECT_EQ(consoleText(console).substr(static_cast<size_t>(before)),
             "Error loading file \"" + missing + "\"\n");
+  EXPECT_EQ(gLightMap->sampleCount(), 7u);
+
+  // A folder is no map either.
+  const std::string folder = path("folder.lulmap");
+  ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+  EXPECT_EQ(addMapFile(folder.c_str(), false, SampleBits{}, progress, console),
+            AddResult::kLightCacheLoadFailed);
   EXPECT_EQ(gLightMap->sampleCount(), 7u);
   std::fclose(console);
 }

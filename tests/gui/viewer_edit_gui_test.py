@@ -10,7 +10,9 @@ window writes them each time it refreshes them, as when the Edit menu opens.
 
 import os
 import re
+import resource
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -70,11 +72,11 @@ def after_loads(out):
 class Session(base.Viewer):
     """A viewer with its debug log, and the dialogs a file command opens."""
 
-    def __init__(self, test, args, cwd):
+    def __init__(self, test, args, cwd, **how):
         self.log = os.path.join(cwd, "debug.log")
         os.environ["CACHEVIEW_DEBUG_LOG"] = self.log
         try:
-            super().__init__(test, args, cwd, "viewer")
+            super().__init__(test, args, cwd, "viewer", **how)
         finally:
             del os.environ["CACHEVIEW_DEBUG_LOG"]
 
@@ -104,11 +106,8 @@ class Session(base.Viewer):
                     raise
 
     def message(self):
-        """Closes the message box (captioned with the bare title) and returns."""
-        box = base.X.wait_window(TITLE, timeout=15, proc=self.prog.proc)
-        base.X.focus(box)
-        base.X.key("Return")
-        base.X.wait_window_gone(TITLE)
+        """The text of the message box captioned with the bare title, which it closes."""
+        return self.dialog(TITLE)
 
     def edit_labels(self):
         """The Undo and Redo labels as the Edit menu shows them: the menu is opened, which
@@ -188,7 +187,7 @@ class ViewerEditGuiTest(unittest.TestCase):
         for bad in (jpeg, truncated, empty):
             v.key("o")
             v.choose(OPEN, bad)
-            v.message()
+            self.assertEqual(v.message(), "Unrecognized map format.")
             self.assertEqual(base.X.window_name(win), f"{TITLE}: {second}", bad)
         after = v.settled()
         self.assertLess(base.layout_change(after, shown), 0.01, "the old map is not drawn")
@@ -196,6 +195,53 @@ class ViewerEditGuiTest(unittest.TestCase):
         self.assertEqual(v.exit(), 0)
         self.assertEqual(v.prog.stdout(), "")
         self.assertEqual(v.prog.stderr(), "")
+
+    def test_unreadable_files_and_failed_saves(self):
+        """A file the user may not read and a light cache of a version this build does not
+        know give their message box and keep the map; a save into a read-only folder or onto a
+        full disk says "Error saving file." and leaves the old file byte for byte, with no
+        temporary file beside it. The viewer runs without the privilege to override file
+        permissions (tests may run as root) and with a file size limit standing in for a full
+        disk."""
+        first = synth(self.dir, "first.lumap")
+        locked = shutil.copy(first, os.path.join(self.dir, "locked.lumap"))
+        os.chmod(locked, 0)
+        future = synth(self.dir, "future.lulmap", count=2000)
+        with open(future, "r+b") as f:
+            f.write((0x7FFF0000).to_bytes(4, "little"))  # the version word
+        targets = {}
+        for folder in ("read-only", "full"):
+            os.makedirs(os.path.join(self.dir, folder))
+            targets[folder] = os.path.join(self.dir, folder, "kept.lumap")
+            with open(targets[folder], "wb") as f:
+                f.write(b"the old file")
+        os.chmod(os.path.dirname(targets["read-only"]), 0o555)
+        self.addCleanup(os.chmod, os.path.dirname(targets["read-only"]), 0o755)
+
+        def small_disk():
+            limit = 256 * 1024  # the map written is 1.7 MB
+            resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)  # a write past it fails instead
+
+        v = Session(self, [first], self.dir, preexec=small_disk,
+                    wrapper=["setpriv", "--bounding-set", "-dac_override,-dac_read_search"])
+        win = v.wait_main_window(f"{TITLE}: {first}")
+        shown = v.settled()
+        for bad in (locked, future):
+            v.key("o")
+            v.choose(OPEN, bad)
+            self.assertEqual(v.message(), "Unrecognized map format.")
+            self.assertEqual(base.X.window_name(win), f"{TITLE}: {first}", bad)
+        for folder, target in targets.items():
+            v.file_command(SAVE_ITEM, SAVE, target, location=False)
+            self.assertEqual(v.message(), "Error saving file.", folder)
+            self.assertEqual(base.X.window_name(win), f"{TITLE}: {first}", folder)
+            with open(target, "rb") as f:
+                self.assertEqual(f.read(), b"the old file", folder)
+            self.assertEqual(os.listdir(os.path.dirname(target)), ["kept.lumap"], folder)
+        self.assertLess(base.layout_change(v.settled(), shown), 0.01, "the map is not drawn")
+        self.assertEqual(v.exit(), 0)
+        self.assertEqual(v.prog.stdout(), "")
 
     def round_trip(self, name, options, measure):
         """Selects part of the room with a rubber band, deletes it, saves, undoes, saves,
@@ -207,6 +253,10 @@ class ViewerEditGuiTest(unittest.TestCase):
         v = Session(self, [path], self.dir)
         win = v.wait_main_window(f"{TITLE}: {path}")
         start = v.settled()
+        if ext == ".lulmap":
+            v.key("p")
+            self.assertEqual(v.dialog("Light cache properties"),
+                             "Number of samples: 20000\nSample size (bytes): 120")
 
         v.key("s")  # Activate Selection: a plain drag now draws a rubber band
         x0, y0 = v.canvas_at[0] + 250, v.canvas_at[1] + 200

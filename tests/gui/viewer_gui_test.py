@@ -91,8 +91,11 @@ def box_middle(directory, map_path):
 class Viewer:
     """One running viewer: its main window, its canvas and its console."""
 
-    def __init__(self, test, args, cwd, name):
-        self.prog = Program(X, [ARGS.cacheview] + list(args), cwd, name)
+    def __init__(self, test, args, cwd, name, wrapper=(), preexec=None):
+        """wrapper: a command line that runs the viewer (e.g. one that drops privileges);
+        preexec: a function the viewer's process runs before it starts."""
+        self.prog = Program(X, list(wrapper) + [ARGS.cacheview] + list(args), cwd, name,
+                            preexec)
         test.addCleanup(self.prog.stop)
 
     def wait_main_window(self, title):
@@ -142,13 +145,14 @@ class Viewer:
         self.menu("r", "Right", *(["Down"] * index), "Return")
 
     def dialog(self, title):
-        """Waits for a dialog by its exact title, closes it with Return and waits until it is
-        gone."""
+        """Waits for a dialog by its exact title, copies its text, closes it with Return and
+        waits until it is gone; returns the text."""
         d = X.wait_window(title, timeout=15, proc=self.prog.proc)
+        text = X.copied_text(d)
         X.focus(d)
         X.key("Return")
         X.wait_window_gone(title)
-        return d
+        return text
 
     def exit(self):
         """Leaves through File > Exit and returns the exit status."""
@@ -181,18 +185,22 @@ class ViewerGuiTest(unittest.TestCase):
         os.makedirs(self.dir)
 
     def test_missing_file_ends_without_a_window(self):
-        """A start-up open that fails ends the program before any window is shown."""
-        prog = Program(X, [ARGS.cacheview, "/no/such/file.lumap"], self.dir, "missing")
-        self.addCleanup(prog.stop)
-        seen = []
-        deadline = time.monotonic() + 15
-        while prog.proc.poll() is None and time.monotonic() < deadline:
-            seen += [X.window_name(w) for w in X.visible_windows()]
-            time.sleep(0.02)
-        self.assertIsNotNone(prog.proc.poll(), "still running 15 s after a failed open")
-        prog.wait_exit()
-        self.assertEqual(seen, [], "windows shown on a failed open")
-        self.assertNotRegex(prog.stdout() + prog.stderr(), r"Gtk|GLib|GLX|libGL|[Ww]arning")
+        """A start-up open that fails (a missing file, a folder) ends the program before any
+        window is shown."""
+        folder = os.path.join(self.dir, "folder.lumap")
+        os.makedirs(folder, exist_ok=True)
+        for name, path in (("missing", "/no/such/file.lumap"), ("folder", folder)):
+            prog = Program(X, [ARGS.cacheview, path], self.dir, name)
+            self.addCleanup(prog.stop)
+            seen = []
+            deadline = time.monotonic() + 15
+            while prog.proc.poll() is None and time.monotonic() < deadline:
+                seen += [X.window_name(w) for w in X.visible_windows()]
+                time.sleep(0.02)
+            self.assertIsNotNone(prog.proc.poll(), f"{name}: still running 15 s after")
+            prog.wait_exit()
+            self.assertEqual(seen, [], f"{name}: windows shown on a failed open")
+            self.assertNotRegex(prog.stdout() + prog.stderr(), r"Gtk|GLib|GLX|libGL|[Ww]arning")
 
     def test_rasterizers_brightness_and_lod(self):
         """OpenGL and both software rasterizers through the Rasterizer menu, each with a
@@ -310,11 +318,16 @@ class ViewerGuiTest(unittest.TestCase):
         self.assertGreater(layout_change(top, left), 0.2, "Top looks like Left")
 
         v.menu("h", "Return")  # Help > About
-        v.dialog(ABOUT)
+        self.assertRegex(v.dialog(ABOUT), r"^Irradiance map viewer version \d+\.\d+\.\d+\n"
+                                          r"Last updated \w{3} [ \d]\d \d{4}$")
+        # Properties shows the report that -info prints.
+        info = subprocess.run([ARGS.cacheview, "-load", path, "-info", "-nodisplay"],
+                              capture_output=True, text=True, check=True).stdout
+        report = info.split("Irradiance map information:\n", 1)[1]
         v.key("p")
-        v.dialog(PROPERTIES)
+        self.assertEqual(v.dialog(PROPERTIES), report)
         v.menu("f", *["Down"] * 4, "Return")  # File > Properties...
-        v.dialog(PROPERTIES)
+        self.assertEqual(v.dialog(PROPERTIES), report)
         self.assertEqual(X.windows_titled(f"{TITLE}: room.lumap"), [win])
 
         self.assertEqual(v.exit(), 0)

@@ -19,7 +19,7 @@ import tty
 
 SKIP = 77  # ctest's SKIP_RETURN_CODE for the GUI tests
 POLL = 0.05  # seconds between two looks at whatever a wait waits for
-TOOLS = ("Xvfb", "xdotool", "import", "convert")
+TOOLS = ("Xvfb", "xdotool", "import", "convert", "xclip")
 
 
 class HarnessError(AssertionError):
@@ -170,6 +170,14 @@ class XServer:
     def key(self, *keys):
         self.xdo("key", "--clearmodifiers", *keys)
 
+    def copied_text(self, wid):
+        """The text of a message box as a user copies it: Tab to the message (GTK makes it
+        selectable), Ctrl+A, Ctrl+C, then the clipboard's contents."""
+        self.focus(wid)
+        self.key("Tab", "ctrl+a", "ctrl+c")
+        return poll("the copied text", lambda: self.run("xclip", "-selection", "clipboard",
+                                                         "-o", check=False), 10)
+
     def drag(self, wid, x0, y0, dx, dy, button=1, steps=10):
         """A drag with the given button from (x0, y0) in window wid by (dx, dy) pixels."""
         self.xdo("mousemove", "--window", wid, x0, y0)
@@ -266,7 +274,7 @@ class Program:
     """A program on the X server, its standard output on a terminal (so that it is read the
     moment it is written, as a user sees it) and its standard error in a file."""
 
-    def __init__(self, xserver, args, cwd, name):
+    def __init__(self, xserver, args, cwd, name, preexec=None):
         self.x = xserver
         self.args = [str(a) for a in args]
         self.err_path = os.path.join(cwd, f"{name}.stderr")
@@ -281,7 +289,8 @@ class Program:
                            "XDG_DATA_HOME": os.path.join(home, "data")})
         with open(self.err_path, "wb") as err:
             self.proc = subprocess.Popen(self.args, cwd=cwd, env=env, stdin=subprocess.DEVNULL,
-                                         stdout=slave, stderr=err, start_new_session=True)
+                                         stdout=slave, stderr=err, start_new_session=True,
+                                         preexec_fn=preexec)
         os.close(slave)
         self._master = master
         self._reader = threading.Thread(target=self._read, daemon=True)
