@@ -227,6 +227,24 @@ bool DrawSamplesCb<b>::process(const DrawnSample& s) {
   return count < limit;
 }
 
+template <int b>
+template <class Source>
+void DrawSamplesCb<b>::runShare(const Source& source) {
+  const uint32_t stride = pass->stride;
+  if (stride <= 2) {
+    source.forEach(first, [this](const DrawnSample& s) { return process(s); });
+    return;
+  }
+  const uint64_t end = std::min<uint64_t>(uint64_t{first} + limit, source.count());
+  for (uint64_t i = (uint64_t{first} + stride - 1) / stride * stride; i < end; i += stride) {
+    count = static_cast<uint32_t>(i - first);
+    source.forEach(static_cast<uint32_t>(i), [this](const DrawnSample& s) {
+      process(s);
+      return false;
+    });
+  }
+}
+
 template class DrawSamplesCb<0>;
 template class DrawSamplesCb<1>;
 
@@ -246,8 +264,7 @@ void DrawThreaded<Map, Cb>::run(std::atomic<int32_t>*, std::atomic<int32_t>*, in
         cb.limit);
   cb.count = 0;
   if (cb.limit == 0) return;
-  const typename SampleSourceOf<Map>::type source(map_);
-  source.forEach(cb.first, [&cb](const DrawnSample& s) { return cb.process(s); });
+  cb.runShare(typename SampleSourceOf<Map>::type(map_));
 }
 
 template class DrawThreaded<LightMap, DrawSamplesCb<0>>;
@@ -267,7 +284,7 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   if (!threaded) {
     DrawSamplesCb<b> cb;
     cb.pass = &pass;
-    runOver(map, 0, cb);
+    withSampleSource(map, [&cb](const auto& source) { cb.runShare(source); });
     return 1;
   }
 

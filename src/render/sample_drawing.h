@@ -118,6 +118,10 @@ class alignas(64) DrawSamplesCb final {
 
   // Returns false once `limit` samples were visited.
   bool process(const DrawnSample& sample);
+  // Runs process over the callback's share of the source. A reduced frame (stride above 2)
+  // jumps from one drawn index to the next rather than walking every sample between them.
+  template <class Source>
+  void runShare(const Source& source);
 };
 
 // A thread job drawing a map on n threads: thread i of n takes total / n samples from i x share

@@ -135,7 +135,7 @@ TEST_F(DrawingTest, SmallMapsStayOnTheCallingThread) {
   }
 }
 
-TEST_F(DrawingTest, SevenSamplesOnThreeThreadsShareTwoTwoThree) {
+TEST_F(DrawingTest, SevenSamplesOnThreeThreadsShareTwoTwoThreeInFullAndReducedFrames) {
   DefIrradianceMap map;
   for (int i = 0; i < 7; ++i) map.appendSample(sampleAt({i * 0.1f, 0, 0}));
   const DrawPass pass(spy, scene({&map, nullptr}), true);
@@ -148,6 +148,19 @@ TEST_F(DrawingTest, SevenSamplesOnThreeThreadsShareTwoTwoThree) {
     drawn.push_back(spy.takeIndices());
   }
   EXPECT_EQ(drawn, (std::vector<std::vector<uint32_t>>{{0, 1}, {2, 3}, {4, 5, 6}}));
+
+  // A reduced frame jumps between the multiples of its stride, in every thread's share, and
+  // still leaves out deleted samples.
+  view.sampleStride = 3;
+  edits.editDeleted([](SampleBits& bits) { bits.set(6); });
+  const DrawPass reduced(spy, scene({&map, nullptr}), true);
+  for (auto& r : records) r.pass = &reduced;
+  drawn.clear();
+  for (int i = 0; i < 3; ++i) {
+    job.run(nullptr, nullptr, i, 3);
+    drawn.push_back(spy.takeIndices());
+  }
+  EXPECT_EQ(drawn, (std::vector<std::vector<uint32_t>>{{0}, {3}, {}}));
 }
 
 TEST_F(DrawingTest, RadiusRuleDiffersBetweenMapKinds) {

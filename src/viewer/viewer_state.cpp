@@ -74,9 +74,46 @@ void adjustPaintRadius(SelectionSettings& selection, bool larger, int width, int
   }
 }
 
-uint32_t movingSampleStride(double fullFrameMs, double budgetMs) {
-  if (!(fullFrameMs > budgetMs) || !(budgetMs > 0.0)) return 1;
-  const double stride = std::ceil(fullFrameMs / budgetMs);
+void MovingFrames::motion() {
+  movedSinceFrame_ = true;
+  if (moving_) return;
+  moving_ = true;
+  stride_ = chooseStride();
+  provisional_ = reducedStride_ < 2;
+}
+
+void MovingFrames::settled() { moving_ = false; }
+
+void MovingFrames::frameDrawn(uint32_t stride, double ms) {
+  movedSinceFrame_ = false;
+  lastStride_ = std::max(stride, 1u);
+  if (!(ms >= 0.0)) return;
+  if (stride <= 1) {
+    fullMs_ = ms;
+    return;
+  }
+  reducedMs_ = ms;
+  reducedStride_ = stride;
+  if (moving_ && provisional_) {
+    stride_ = chooseStride();
+    provisional_ = false;
+  }
+}
+
+uint32_t MovingFrames::chooseStride() const {
+  if (!(fullMs_ > budgetMs_) || !(budgetMs_ > 0.0)) return 1;
+  double fixed = 0.0;
+  double samples = fullMs_;
+  if (reducedStride_ >= 2 && reducedMs_ < fullMs_) {
+    // full = fixed + samples, reduced = fixed + samples / k.
+    const double k = reducedStride_;
+    samples = (fullMs_ - reducedMs_) * k / (k - 1.0);
+    fixed = std::clamp(fullMs_ - samples, 0.0, fullMs_);
+    samples = fullMs_ - fixed;
+  }
+  const double left = std::max(budgetMs_ - fixed, budgetMs_ / 4.0);
+  const double stride = std::ceil(samples / left);
+  if (!(stride >= 1.0)) return 1;
   return stride >= 1e9 ? 1000000000u : static_cast<uint32_t>(stride);
 }
 

@@ -52,11 +52,53 @@ void adjustSelectionDepth(SelectionSettings& selection, bool deeper);
 void adjustPaintRadius(SelectionSettings& selection, bool larger, int canvasWidth,
                        int canvasHeight);
 
-// Reduced frames while the camera moves. A frame drawn with stride k draws every k-th sample, so
-// k = ceil(full frame time / budget) keeps a moving frame near the budget. 1 when the full frame
-// fits (or has not been timed yet).
+// Reduced frames while the camera moves. A frame drawn with stride k draws every k-th sample
+// (the indices that are multiples of k, so the same samples every frame and nothing flickers).
+//
+// A frame costs a fixed part (clearing, presenting the picture) and a part that grows with the
+// samples drawn. From the last full frame and the last reduced frame the two parts are known:
+// at stride k a frame costs about fixed + all / k. The stride chosen is the smallest k that
+// keeps that within the budget; when the fixed part alone takes most of the budget, k makes the
+// samples' part a quarter of it. Before any reduced frame was timed the fixed part counts as 0:
+// k = ceil(full / budget), and the first reduced frame of that motion corrects k once. Otherwise
+// k is chosen when a motion starts and kept until it ends. A full frame that fits the budget
+// (or one not timed yet) gives k = 1.
+//
+// A frame is reduced while a motion goes on, and also when the camera moved since the last frame
+// even if the motion has settled meanwhile: after a long frame, the motions that arrived during
+// it and the end of the motion may be handled before the next frame starts. Such a frame is
+// followed by a full one (needsFullFrame).
 inline constexpr double kMovingFrameBudgetMs = 40.0;
-uint32_t movingSampleStride(double fullFrameMs, double budgetMs = kMovingFrameBudgetMs);
+
+class MovingFrames {
+ public:
+  explicit MovingFrames(double budgetMs = kMovingFrameBudgetMs) : budgetMs_(budgetMs) {}
+
+  // The camera started or went on moving.
+  void motion();
+  // The camera has stopped: frames are full again.
+  void settled();
+  bool moving() const { return moving_; }
+  // The stride of the next frame: 1 unless moving or moved since the last frame.
+  uint32_t stride() const { return moving_ || movedSinceFrame_ ? stride_ : 1u; }
+  // A reduced frame was drawn after the motion had settled: the full frame is still owed.
+  bool needsFullFrame() const { return !moving_ && lastStride_ > 1; }
+  // A frame drawn at `stride` took `ms`.
+  void frameDrawn(uint32_t stride, double ms);
+
+ private:
+  uint32_t chooseStride() const;
+
+  double budgetMs_;
+  double fullMs_ = 0.0;
+  double reducedMs_ = 0.0;
+  uint32_t reducedStride_ = 0;
+  bool moving_ = false;
+  bool movedSinceFrame_ = false;
+  bool provisional_ = false;  // chosen before any reduced frame was timed
+  uint32_t lastStride_ = 1;
+  uint32_t stride_ = 1;
+};
 
 // The number of samples a frame with `stride` draws: indices that are multiples of the stride and
 // are not deleted.

@@ -145,10 +145,49 @@ TEST(ViewerState, PaintRadiusStaysWithinHalfTheCanvas) {
 }
 
 TEST(ViewerState, MovingFramesDrawAFixedSubsetSizedToTheBudget) {
-  EXPECT_EQ(movingSampleStride(0.0), 1u);  // not timed yet
-  EXPECT_EQ(movingSampleStride(40.0), 1u);
-  EXPECT_EQ(movingSampleStride(40.5), 2u);
-  EXPECT_EQ(movingSampleStride(1000.0), 25u);
+  MovingFrames frames;
+  frames.motion();
+  EXPECT_EQ(frames.stride(), 1u);  // no frame timed yet
+  frames.settled();
+  frames.frameDrawn(1, 40.0);
+  frames.motion();
+  EXPECT_EQ(frames.stride(), 1u);  // the full frame fits
+  frames.settled();
+  EXPECT_EQ(frames.stride(), 1u);
+
+  // 1000 ms of which 30 are fixed: the first motion guesses 25 from the full frame alone, and
+  // its first reduced frame (30 + 970 / 25 = 68.8 ms) corrects it once: ceil(970 / 10) = 97.
+  frames.frameDrawn(1, 1000.0);
+  frames.motion();
+  EXPECT_EQ(frames.stride(), 25u);
+  frames.frameDrawn(25, 30.0 + 970.0 / 25.0);
+  EXPECT_EQ(frames.stride(), 97u);
+  frames.frameDrawn(97, 30.0 + 970.0 / 97.0);  // within the motion the stride stays
+  frames.motion();
+  EXPECT_EQ(frames.stride(), 97u);
+  frames.frameDrawn(97, 40.0);
+  frames.settled();
+  EXPECT_EQ(frames.stride(), 1u);
+  EXPECT_TRUE(frames.needsFullFrame());
+  frames.frameDrawn(1, 1000.0);
+  EXPECT_FALSE(frames.needsFullFrame());
+  frames.motion();  // the next motion starts with the model
+  EXPECT_EQ(frames.stride(), 97u);
+  // The motion settles before the frame that shows it: that frame is still reduced, and the
+  // full one follows.
+  frames.settled();
+  EXPECT_EQ(frames.stride(), 97u);
+  frames.frameDrawn(97, 40.0);
+  EXPECT_TRUE(frames.needsFullFrame());
+  EXPECT_EQ(frames.stride(), 1u);
+  frames.frameDrawn(1, 1000.0);
+  EXPECT_FALSE(frames.needsFullFrame());
+
+  // A fixed part above the budget: the samples get a quarter of it, ceil(955 / 10) = 96.
+  frames.frameDrawn(35, 45.0 + 955.0 / 35.0);
+  frames.frameDrawn(1, 1000.0);
+  frames.motion();
+  EXPECT_EQ(frames.stride(), 96u);
 
   // The count drawn matches a brute-force walk over the indices a strided frame visits.
   SampleBits deleted;

@@ -182,13 +182,13 @@ void CacheViewOpenGLCanvas::createRasterizer() {
 }
 
 void CacheViewOpenGLCanvas::noteMotion() {
-  moving_ = true;
+  movingFrames_.motion();
   settleTimer_.StartOnce(kSettleMs);
 }
 
 void CacheViewOpenGLCanvas::onSettled(wxTimerEvent&) {
-  moving_ = false;
-  if (lastStride_ > 1) Refresh(false);
+  movingFrames_.settled();
+  if (movingFrames_.needsFullFrame()) Refresh(false);
 }
 
 // --- painting
@@ -241,7 +241,7 @@ void CacheViewOpenGLCanvas::onPaint(wxPaintEvent&) {
   drawing_ = true;
   frameWanted_ = false;
   LUtils::DrawView& view = scene_.view;
-  view.sampleStride = moving_ ? LUtils::movingSampleStride(lastFullFrameMs_) : 1u;
+  view.sampleStride = movingFrames_.stride();
   const auto start = std::chrono::steady_clock::now();
   if (gl_->viewportWidth() != width || gl_->viewportHeight() != height) {
     gl_->setViewportSize(width, height);
@@ -265,7 +265,7 @@ void CacheViewOpenGLCanvas::drawSoftwareFrame() {
   frameWanted_ = false;
   LUtils::RasterizerSW* sw = sw_;
   LUtils::DrawView& view = scene_.view;
-  view.sampleStride = moving_ ? LUtils::movingSampleStride(lastFullFrameMs_) : 1u;
+  view.sampleStride = movingFrames_.stride();
   const auto start = std::chrono::steady_clock::now();
   if (sw->width() != width || sw->height() != height) sw->resize(width, height);
   // Events are handled while the workers draw (the wait sink): a motion there moves the camera,
@@ -283,7 +283,9 @@ void CacheViewOpenGLCanvas::drawSoftwareFrame() {
 
 void CacheViewOpenGLCanvas::finishFrame(const char* kind, double ms) {
   lastStride_ = scene_.view.sampleStride;
-  if (lastStride_ == 1) lastFullFrameMs_ = ms;
+  movingFrames_.frameDrawn(lastStride_, ms);
+  // The motion ended while this reduced frame was on its way: the whole map follows.
+  if (movingFrames_.needsFullFrame()) Refresh(false);
   const LUtils::SampleEdits& edits = scene_.edits;
   const uint64_t drawn =
       LUtils::drawnSampleCount(scene_.sampleCount(), edits.deletedBits(), lastStride_);

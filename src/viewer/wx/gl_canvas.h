@@ -118,9 +118,8 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
   LUtils::RasterizerGL* gl_ = nullptr;  // the rasterizer in use, by kind (gRasterizer owns it)
   LUtils::RasterizerSW* sw_ = nullptr;
   wxTimer settleTimer_;
-  bool moving_ = false;
+  LUtils::MovingFrames movingFrames_;
   uint32_t lastStride_ = 1;
-  double lastFullFrameMs_ = 0.0;
 
   CanvasWaitSink waitSink_;
   bool drawing_ = false;          // a frame is being drawn
