@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <filesystem>
 #include <string>
 
 #include "io/file_errors.h"
@@ -73,6 +76,55 @@ TEST_F(SafeFileTest, DevicesAreWrittenInPlaceAndBadPathsFailToOpen) {
   EXPECT_EQ(replace.begin(path("no/such/dir/map").c_str()), LUtils::kFileOpenError);
   EXPECT_EQ(replace.begin(""), LUtils::kFileOpenError);
   EXPECT_EQ(replace.begin(nullptr), LUtils::kFileOpenError);
+}
+
+// A terminating signal during a save removes the temporary and still ends the process with that
+// signal; a temporary whose process died without cleaning up goes with the next save of the same
+// target, while those of live processes, of other hosts and of other targets stay.
+TEST_F(SafeFileTest, SignalsRemoveTheTemporaryAndStaleOnesGoWithTheNextSave) {
+  writeWholeFile(path("map"), "old");
+  for (const int sig : {SIGTERM, SIGINT, SIGHUP}) {
+    const pid_t child = fork();
+    if (child == 0) {
+      LUtils::SafeFileReplace replace;
+      if (replace.begin(path("map").c_str()) != 0) _exit(10);
+      writeWholeFile(replace.writePath(), "half written");
+      raise(sig);
+      _exit(11);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "signal " << sig << ", status " << status;
+    EXPECT_EQ(WTERMSIG(status), sig);
+    EXPECT_EQ(entries(), 1) << "signal " << sig;
+  }
+  EXPECT_EQ(readWholeFile(path("map")), "old");
+
+  // A process that is gone: a child already reaped.
+  const pid_t gone = fork();
+  if (gone == 0) _exit(0);
+  waitpid(gone, nullptr, 0);
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  const std::string mine = std::string(host) + "-" + std::to_string(gone) + "-3";
+  writeWholeFile(path(".map.tmp-" + mine), "stale");
+  writeWholeFile(path(".map.tmp-" + std::to_string(gone) + "-0"), "stale, older naming");
+  const std::string live = ".map.tmp-" + std::string(host) + "-" + std::to_string(getppid()) + "-1";
+  writeWholeFile(path(live), "a save in progress");
+  const std::string remote = ".map.tmp-farm-node-17-" + std::to_string(gone) + "-1";
+  writeWholeFile(path(remote), "another host's");
+  writeWholeFile(path(".other.tmp-" + mine), "another target's");
+
+  LUtils::SafeFileReplace replace;
+  ASSERT_EQ(replace.begin(path("map").c_str()), LUtils::kFileOk);
+  writeWholeFile(replace.writePath(), "new");
+  ASSERT_EQ(replace.commit(), LUtils::kFileOk);
+  EXPECT_EQ(readWholeFile(path("map")), "new");
+  EXPECT_FALSE(std::filesystem::exists(path(".map.tmp-" + mine)));
+  EXPECT_FALSE(std::filesystem::exists(path(".map.tmp-" + std::to_string(gone) + "-0")));
+  EXPECT_TRUE(std::filesystem::exists(path(live)));
+  EXPECT_TRUE(std::filesystem::exists(path(remote)));
+  EXPECT_TRUE(std::filesystem::exists(path(".other.tmp-" + mine)));
 }
 
 }  // namespace
