@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "app/map_files.h"
+#include "app/map_merge.h"
 #include "app/map_report.h"
 #include "app/my_progress.h"
 #include "app/process_state.h"
@@ -54,26 +55,19 @@ int saveLightCache(const char* name) {
 
 struct WalkState {
   int display = 1;
-  int incrementalPrepared = 0;
+  bool incrementalPrepared = false;
 };
 
 // Merges `source` into gIrradianceMap and disposes of it.
 int mergeIrradianceMap(LUtils::IrradianceMap* source, WalkState& walk) {
   int incremental = gIncremental;
-  if (incremental && source->formatVersion() < IrradFormat::kVersionCamera) {
+  if (incremental && !supportsIncrementalAdd(*source)) {
     say("Warning: This irradiance map does not support incremental add, will add all samples\n");
     incremental = 0;
   }
-  if (incremental && !walk.incrementalPrepared) {
-    // The lookup must see the samples already present before the first insertion.
-    gIrradianceMap->prepare(0);
-    walk.incrementalPrepared = 1;
-  }
   MyProgress progress;
   progress.setTitle(incremental ? "Incrementally adding samples" : "Adding samples");
-  gIrradianceMap->addSamples(*source, &progress, incremental);  // reports nothing on failure
-  source->freeSamples();
-  LUtils::deleteIrradianceMap(source);
+  ::mergeIrradianceMap(*gIrradianceMap, source, incremental, walk.incrementalPrepared, &progress);
   return 0;
 }
 

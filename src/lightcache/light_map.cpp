@@ -148,6 +148,8 @@ class FileCloser {
 
 }  // namespace
 
+uint32_t LightMap::fileRecordBytes(uint32_t version) { return recordBytes(version); }
+
 int LightMap::load(const char* fileName) {
   if (!fileName) return LUtils::kFileEmptyName;
   FILE* f = std::fopen(fileName, "rb");

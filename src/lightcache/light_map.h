@@ -136,6 +136,9 @@ class LightMap {
   static constexpr uint32_t kSamplesPerBlock = 20000;
   static constexpr int32_t kDefaultTreeParameter = 500;
 
+  // The bytes of one sample record in files of `version`; 0 for a version that is not one.
+  static uint32_t fileRecordBytes(uint32_t version);
+
   // A smaller block (samples and tree nodes alike) serves tests and fuzzing, where a cache of a
   // few samples should neither cost whole blocks nor leave the block boundaries untried.
   explicit LightMap(uint32_t samplesPerBlock = kSamplesPerBlock);
