@@ -121,7 +121,7 @@ TEST_F(RenderTool, MapsWithoutAStoredViewAreFramedWhole) {
   if (!hasDecoder_) GTEST_SKIP() << "ImageMagick's convert is not installed";
   // An old irradiance map (no camera in the file), and a light cache read by its extension.
   const std::string old = writeSynthMap("old.lumap", 5000, 0x10000);
-  const ToolRun a = run("-b sw -j 1 -s 200x150 -q adaptive " + quoted(old) + " " +
+  const ToolRun a = run("-b sw -j 1 -s 200x150 --quality adaptive " + quoted(old) + " " +
                     quoted(path("old.png")));
   ASSERT_EQ(a.status, 0) << a.err;
   EXPECT_NE(a.out.find("default front view"), std::string::npos) << a.out;

@@ -207,7 +207,7 @@ class ViewerGuiTest(unittest.TestCase):
         picture of the room as the off-screen frame shows it; the console texts of every
         switch (none for a rasterizer already in use), of B, Shift+B, + and keypad -."""
         path = synthesise(self.dir)
-        ref_gl, report = offscreen(self.dir, path, "offscreen-gl.png")
+        ref_gl, report = offscreen(self.dir, path, "offscreen-gl.png", "--backend", "gl")
         ref_sw, _ = offscreen(self.dir, path, "offscreen-sw.png", "--backend", "sw")
         auto_text = re.search(r"brightness ([0-9.e+-]+)", report).group(1)
         auto = float(auto_text)

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "cacheview_version.h"
 #include "synth/generator.h"
 #include "synth/light_cache.h"
 #include "synth/map_output.h"
@@ -27,9 +28,11 @@ const char kUsage[] =
     "Options:\n"
     "  -o, --output FILE     the map file to write (or give it as the last argument)\n"
     "  -n, --count N         number of samples, exactly (default 10000; up to 2147483647)\n"
-    "  -V, --version V       file format version, hex (0xD0000) or decimal; one of 0x10000,\n"
-    "                        0x20000, ... 0xD0000 for an irradiance map (default 0xD0000),\n"
-    "                        0x10000 ... 0x60000 for a light cache (default 0x60000)\n"
+    "  -F, --format-version V  file format version, hex (0xD0000) or decimal; one of\n"
+    "                        0x10000, 0x20000, ... 0xD0000 for an irradiance map (default\n"
+    "                        0xD0000), 0x10000 ... 0x60000 for a light cache (default 0x60000).\n"
+    "                        The old spelling, --version V or -V V, still works: followed by a\n"
+    "                        number it sets the format version\n"
     "  -l, --light-cache     write a light cache whatever the output's name\n"
     "  -s, --seed S          random seed (default 1)\n"
     "  -c, --camera K        camera preset: 0 or 1, two frames of a walk through the room whose\n"
@@ -49,6 +52,7 @@ const char kUsage[] =
     "                        depend on it\n"
     "  -q, --quiet           print nothing on success\n"
     "  -h, --help            show this text\n"
+    "      --version         print the program's version\n"
     "\n"
     "Exit status: 0 on success, 1 when the file cannot be written, 2 for a bad command line.\n";
 
@@ -122,11 +126,15 @@ int main(int argc, char** argv) {
         return usageError("--count needs a whole number from 0 to 2147483647");
       }
       params.count = static_cast<uint32_t>(n);
-    } else if (is("-V", "--version")) {
+    } else if ((arg == "--version" || arg == "-V") &&
+               !(i + 1 < argc && parseInteger(argv[i + 1], 0, 0xFFFFFFFFLL, n))) {
+      std::printf("cacheview-synth %s\n", CACHEVIEW_VERSION);
+      return 0;
+    } else if (is("-F", "--format-version") || is("-V", "--version")) {
       if (!parseInteger(value(), 1, 0xFFFFFFFFLL, n) ||
           !(synth::isWritableVersion(static_cast<uint32_t>(n)) ||
             synth::isLightCacheVersion(static_cast<uint32_t>(n)))) {
-        return usageError("--version needs one of 0x10000, 0x20000, ... 0xD0000");
+        return usageError("--format-version needs one of 0x10000, 0x20000, ... 0xD0000");
       }
       version = static_cast<uint32_t>(n);
     } else if (is("-l", "--light-cache")) {
@@ -179,7 +187,7 @@ int main(int argc, char** argv) {
   if (nameLength >= 7 && std::strcmp(output + nameLength - 7, ".lulmap") == 0) lightCache = true;
   if (version == 0) version = lightCache ? LightMap::kVersion6 : 0xD0000;
   if (lightCache && !synth::isLightCacheVersion(version)) {
-    return usageError("a light cache's --version is one of 0x10000, 0x20000, ... 0x60000");
+    return usageError("a light cache's --format-version is one of 0x10000, 0x20000, ... 0x60000");
   }
 
   params.view = synth::presetView(camera);

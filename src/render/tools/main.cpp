@@ -1,6 +1,8 @@
 // cacheview-render: draws one frame of an irradiance map or a light cache as the viewer shows it,
 // through the OpenGL back end (an off-screen context, no display needed) or the software
 // rasterizer, and writes the picture as a PNG file. See --help.
+#include <GL/gl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -14,6 +16,7 @@
 
 #include "cacheview_version.h"
 #include "io/file_errors.h"
+#include "io/safe_file.h"
 #include "irradiance/irradiance_map.h"
 #include "lightcache/light_map.h"
 #include "render/camera.h"
@@ -40,14 +43,16 @@ const char kUsage[] =
     "view of the whole map from its front (along +y with Z up, along -z with Y up).\n"
     "\n"
     "Options:\n"
-    "      --version           print the program's version and exit\n"
-    "  -o, --output FILE       the picture to write (or give it as the last argument)\n"
-    "  -b, --backend gl|sw     OpenGL in an off-screen context (default) or the software\n"
-    "                          rasterizer\n"
+    "  -o, --output FILE       the picture to write (or give it as the last argument); an\n"
+    "                          existing file is replaced only once the new picture is complete\n"
+    "  -b, --backend B         auto (default), gl or sw: OpenGL in an off-screen context or the\n"
+    "                          software rasterizer; auto takes OpenGL when graphics hardware\n"
+    "                          draws it, and the software rasterizer, faster than a software\n"
+    "                          OpenGL driver, when a software driver would or there is none\n"
     "  -j, --threads N         software rasterizer: drawing threads (default: one per\n"
     "                          processor; 1 draws everything on one thread)\n"
     "  -s, --size WxH          picture size in pixels (default 800x600)\n"
-    "  -q, --quality Q         low, medium or high: 6, 10 or 16 sides per disc (default low);\n"
+    "      --quality Q         low, medium or high: 6, 10 or 16 sides per disc (default low);\n"
     "                          adaptive: 4 to twice the sides of --sides-base, more for near\n"
     "                          and large discs\n"
     "      --sides-base Q      the quality adaptive discs start from: low, medium or high\n"
@@ -61,8 +66,13 @@ const char kUsage[] =
     "      --default-view      ignore the camera stored in the map\n"
     "      --cull              back-face culling\n"
     "      --axis              draw the axis cross at the origin\n"
-    "      --quiet             print nothing on success\n"
+    "  -q, --quiet             print nothing on success (-q used to mean --quality; every\n"
+    "                          cacheview program now reads it as --quiet)\n"
     "  -h, --help              show this text\n"
+    "      --version           print the program's version\n"
+    "\n"
+    "On success it prints the picture's size, the samples drawn, the view, the renderer that\n"
+    "drew it (the OpenGL driver's own name, or the software rasterizer) and the brightness.\n"
     "\n"
     "Exit status: 0 on success, 1 when the map cannot be read, nothing can be drawn or the\n"
     "picture cannot be written, 2 for a bad command line.\n";
@@ -77,6 +87,12 @@ int usageError(const std::string& message) {
 int failure(const std::string& message) {
   std::fprintf(stderr, "cacheview-render: %s\n", message.c_str());
   return 1;
+}
+
+// One message for a picture that cannot be written, with the system's reason.
+int writeFailure(const std::string& path, int error) {
+  return failure("cannot write \"" + path + "\": " +
+                 (error != 0 ? std::strerror(error) : "the picture could not be written whole"));
 }
 
 bool parseFloat(const char* text, float& out) {
@@ -211,7 +227,7 @@ Vector upFor(const Vector& forward, const Vector& worldUp) {
 
 struct Options {
   std::string input, output;
-  bool openGL = true;
+  enum Backend { kAuto, kOpenGL, kSoftware } backend = kAuto;
   int threads = 0;  // 0: one per processor
   int width = 800, height = 600;
   int sides = 6;
@@ -251,8 +267,8 @@ int parseOptions(int argc, char** argv, Options& o) {
     } else if (is("-b", "--backend")) {
       const char* v = value();
       const std::string b = v != nullptr ? v : "";
-      if (b != "gl" && b != "sw") return usageError("--backend needs gl or sw");
-      o.openGL = b == "gl";
+      if (b != "auto" && b != "gl" && b != "sw") return usageError("--backend needs auto, gl or sw");
+      o.backend = b == "auto" ? Options::kAuto : b == "gl" ? Options::kOpenGL : Options::kSoftware;
     } else if (is("-j", "--threads")) {
       if (!parseCount(value(), 1, 256, n)) return usageError("--threads needs a number from 1 to 256");
       o.threads = static_cast<int>(n);
@@ -260,7 +276,7 @@ int parseOptions(int argc, char** argv, Options& o) {
       if (!parseSize(value(), o.width, o.height)) {
         return usageError("--size needs WIDTHxHEIGHT, each from 1 to 16384, e.g. 800x600");
       }
-    } else if (is("-q", "--quality")) {
+    } else if (is(nullptr, "--quality")) {
       const char* v = value();
       if (v != nullptr && std::strcmp(v, "adaptive") == 0) {
         o.adaptive = true;
@@ -298,7 +314,7 @@ int parseOptions(int argc, char** argv, Options& o) {
       o.cull = true;
     } else if (is(nullptr, "--axis")) {
       o.axis = true;
-    } else if (is(nullptr, "--quiet")) {
+    } else if (is("-q", "--quiet")) {
       o.quiet = true;
     } else if (arg.size() > 1 && arg[0] == '-') {
       return usageError("unknown option '" + arg + "'");
@@ -399,31 +415,61 @@ int main(int argc, char** argv) {
   options.setLodMultiplier(o.lod);
   options.setBackfaceCulling(o.cull);
   options.setShowAxis(o.axis);
-  options.setUseOpenGL(o.openGL);
-  options.setMultiThreadedSoftware(!o.openGL && o.threads != 1);
 
   LUtils::PinholeCamera camera;
   const char* viewName = "";
   const float farDistance =
       setUpView(o, map.irradiance.get(), view.sceneMin, view.sceneMax, camera, viewName);
 
+  // The picture goes to a temporary beside the target, created before the drawing so that an
+  // unwritable place fails at once; a failed write or an interrupted run leaves the target as it
+  // was and no temporary behind.
+  LUtils::SafeFileReplace picture;
+  if (picture.begin(o.output.c_str()) != 0) return writeFailure(o.output, errno);
+
+  // The OpenGL context is made first unless the software rasterizer was asked for: whether its
+  // driver is graphics hardware decides the automatic choice.
+  std::unique_ptr<LUtils::RasterizerGL> gl;
+  std::string renderer;
+  if (o.backend != Options::kSoftware) {
+    gl = std::make_unique<LUtils::RasterizerGL>();
+    gl->resize(o.width, o.height);
+    if (!gl->hasOffscreenContext()) {
+      if (o.backend == Options::kOpenGL) {
+        return failure("no off-screen OpenGL context (" + gl->offscreenError() +
+                       "); try --backend sw");
+      }
+      renderer = "; no OpenGL context here: " + gl->offscreenError();
+      gl.reset();
+    } else {
+      gl->makeCurrent();
+      const auto* name = reinterpret_cast<const char*>(glGetString(GL_RENDERER));
+      const std::string driver = name != nullptr ? name : "unnamed driver";
+      if (o.backend == Options::kAuto && gl->softwareRenderer()) {
+        renderer = "; OpenGL here is the software driver " + driver;
+        gl.reset();
+      } else {
+        renderer = "OpenGL (" + driver + ")";
+      }
+    }
+  }
+  options.setUseOpenGL(gl != nullptr);
+  options.setMultiThreadedSoftware(!gl && o.threads != 1);
+
   std::vector<uint32_t> pixels;
   int width = 0, height = 0;
-  if (o.openGL) {
-    LUtils::RasterizerGL gl;
-    gl.resize(o.width, o.height);
-    if (!gl.hasOffscreenContext()) {
-      return failure("no off-screen OpenGL context (" + gl.offscreenError() +
-                     "); try --backend sw");
-    }
-    gl.setCamera(&camera);
-    gl.setFarDistance(farDistance);
-    LUtils::drawFrame(gl, {drawn, &options, &edits, &view, nullptr, nullptr});
-    if (!gl.readPixels(pixels, width, height)) return failure("cannot read the OpenGL picture back");
+  if (gl) {
+    gl->setCamera(&camera);
+    gl->setFarDistance(farDistance);
+    LUtils::drawFrame(*gl, {drawn, &options, &edits, &view, nullptr, nullptr});
+    if (!gl->readPixels(pixels, width, height)) return failure("cannot read the OpenGL picture back");
   } else {
     LUtils::DefThreadManager threads;
     // 0: the manager's own count (LUMORA_NUM_THREADS, else one per processor).
     threads.setThreadCount(o.threads);
+    const int count = o.threads == 1 ? 1 : static_cast<int>(threads.threadCount());
+    renderer = "the software rasterizer, " + std::to_string(count) +
+               (count == 1 ? " thread" : " threads") + renderer;
     LUtils::RasterizerSW sw;
     sw.resize(o.width, o.height);
     if (o.threads > 0) sw.setReplayThreads(static_cast<unsigned>(o.threads));
@@ -435,15 +481,19 @@ int main(int argc, char** argv) {
     pixels.assign(sw.picture(), sw.picture() + static_cast<size_t>(width) * height);
   }
 
-  if (!LUtils::writePng(o.output, pixels.data(), width, height, &error)) {
-    return failure("cannot write \"" + o.output + "\": " + error);
+  errno = 0;
+  if (!LUtils::writePng(picture.writePath(), pixels.data(), width, height, &error)) {
+    const int reason = errno;
+    picture.abandon();
+    return writeFailure(o.output, reason);
   }
+  if (picture.commit() != 0) return writeFailure(o.output, errno);
   if (!o.quiet) {
     const size_t samples = map.light ? map.light->sampleCount()
                                      : static_cast<size_t>(map.irradiance->numSamples());
-    std::printf("Wrote \"%s\": %d x %d, %zu %s samples, %s, %s renderer, brightness %g\n",
+    std::printf("Wrote \"%s\": %d x %d, %zu %s samples, %s, drawn by %s, brightness %g\n",
                 o.output.c_str(), width, height, samples, map.light ? "light cache" : "irradiance",
-                viewName, o.openGL ? "OpenGL" : "software", static_cast<double>(options.brightness()));
+                viewName, renderer.c_str(), static_cast<double>(options.brightness()));
   }
   return 0;
 }
