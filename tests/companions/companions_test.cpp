@@ -359,14 +359,15 @@ TEST_F(Companions, RenderNamesItsRendererAndReportsWriteErrorsOnce) {
 }
 
 // Every companion: --help and --version on standard output with status 0, the program's own
-// version, an unknown option with status 2 and a hint, and -q silent on success.
+// version, an unknown option with status 2 and a hint, -q silent on success, and long options'
+// values after '=' or as the next argument.
 TEST_F(Companions, EveryCompanionSpeaksTheSameOptions) {
   synth("room.lumap", {"--count", "500"});
   const std::vector<std::pair<std::string, std::vector<std::string>>> programs = {
-      {MERGE_BINARY, {"-q", "-o", "m.lumap", "room.lumap"}},
+      {MERGE_BINARY, {"-q", "--output=m.lumap", "room.lumap"}},
       {STATS_BINARY, {"-q", "room.lumap"}},
-      {SYNTH_BINARY, {"-q", "--count", "10", "s.lumap"}},
-      {RENDER_BINARY, {"-q", "-b", "sw", "-s", "32x24", "room.lumap", "r.png"}}};
+      {SYNTH_BINARY, {"-q", "--count=10", "s.lumap"}},
+      {RENDER_BINARY, {"-q", "--backend=sw", "--size", "32x24", "room.lumap", "r.png"}}};
   for (const auto& [program, quietRun] : programs) {
     const std::string name = fs::path(program).filename();
     const Outcome help = run({program, "--help"});
@@ -387,6 +388,7 @@ TEST_F(Companions, EveryCompanionSpeaksTheSameOptions) {
     EXPECT_EQ(quiet.status, 0) << name << quiet.err;
     EXPECT_EQ(quiet.out + quiet.err, "") << name;
   }
+  EXPECT_TRUE(exists("m.lumap") && exists("s.lumap") && exists("r.png"));
   // The synthesiser's format option under its new name and its old spelling.
   for (const char* option : {"--format-version", "--version", "-V", "-F"}) {
     synth("old.lumap", {option, "0xC0000", "--count", "10"});

@@ -250,8 +250,18 @@ struct Options {
 int parseOptions(int argc, char** argv, Options& o) {
   std::vector<const char*> files;
   for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+    // A long option takes its value after '=' or as the next argument.
+    std::string arg = argv[i];
+    const char* attached = nullptr;
+    if (const size_t eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+      attached = argv[i] + eq + 1;
+      arg.resize(eq);
+    }
+    auto value = [&]() -> const char* {
+      const char* v = attached != nullptr ? attached : i + 1 < argc ? argv[++i] : nullptr;
+      attached = nullptr;
+      return v;
+    };
     auto is = [&](const char* s, const char* l) { return arg == l || (s != nullptr && arg == s); };
     long n = 0;
     if (is("-h", "--help")) {
@@ -321,6 +331,7 @@ int parseOptions(int argc, char** argv, Options& o) {
     } else {
       files.push_back(argv[i]);
     }
+    if (attached != nullptr) return usageError("option '" + arg + "' takes no value");
   }
   if (files.empty()) return usageError("no map file given");
   o.input = files[0];
