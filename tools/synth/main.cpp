@@ -9,6 +9,7 @@
 #include <string>
 
 #include "cacheview_version.h"
+#include "common/option_words.h"
 #include "synth/generator.h"
 #include "synth/light_cache.h"
 #include "synth/map_output.h"
@@ -112,18 +113,9 @@ int main(int argc, char** argv) {
   const char* output = nullptr;
 
   for (int i = 1; i < argc; ++i) {
-    // A long option takes its value after '=' or as the next argument.
-    std::string arg = argv[i];
-    const char* attached = nullptr;
-    if (const size_t eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-      attached = argv[i] + eq + 1;
-      arg.resize(eq);
-    }
-    auto value = [&]() -> const char* {
-      const char* v = attached != nullptr ? attached : i + 1 < argc ? argv[++i] : nullptr;
-      attached = nullptr;
-      return v;
-    };
+    cvtool::OptionWord word(i, argc, argv);
+    const std::string& arg = word.name();
+    auto value = [&]() { return word.value(); };
     auto is = [&](const char* s, const char* l) { return arg == l || (s && arg == s); };
     long long n = 0;
     if (is("-h", "--help")) {
@@ -137,7 +129,7 @@ int main(int argc, char** argv) {
       }
       params.count = static_cast<uint32_t>(n);
     } else if ((arg == "--version" || arg == "-V") &&
-               attached == nullptr && !(i + 1 < argc && parseInteger(argv[i + 1], 0, 0xFFFFFFFFLL, n))) {
+               !word.unusedValue() && !(i + 1 < argc && parseInteger(argv[i + 1], 0, 0xFFFFFFFFLL, n))) {
       std::printf("cacheview-synth %s\n", CACHEVIEW_VERSION);
       return 0;
     } else if (is("-F", "--format-version") || is("-V", "--version")) {
@@ -191,7 +183,7 @@ int main(int argc, char** argv) {
     } else {
       return usageError("more than one output file given");
     }
-    if (attached != nullptr) return usageError("option '" + arg + "' takes no value");
+    if (word.unusedValue()) return usageError("option '" + arg + "' takes no value");
   }
   if (!output) return usageError("no output file given");
   const size_t nameLength = std::strlen(output);

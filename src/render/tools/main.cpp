@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "cacheview_version.h"
+#include "common/option_words.h"
 #include "io/file_errors.h"
 #include "io/safe_file.h"
 #include "irradiance/irradiance_map.h"
@@ -250,18 +251,9 @@ struct Options {
 int parseOptions(int argc, char** argv, Options& o) {
   std::vector<const char*> files;
   for (int i = 1; i < argc; ++i) {
-    // A long option takes its value after '=' or as the next argument.
-    std::string arg = argv[i];
-    const char* attached = nullptr;
-    if (const size_t eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-      attached = argv[i] + eq + 1;
-      arg.resize(eq);
-    }
-    auto value = [&]() -> const char* {
-      const char* v = attached != nullptr ? attached : i + 1 < argc ? argv[++i] : nullptr;
-      attached = nullptr;
-      return v;
-    };
+    cvtool::OptionWord word(i, argc, argv);
+    const std::string& arg = word.name();
+    auto value = [&]() { return word.value(); };
     auto is = [&](const char* s, const char* l) { return arg == l || (s != nullptr && arg == s); };
     long n = 0;
     if (is("-h", "--help")) {
@@ -331,7 +323,7 @@ int parseOptions(int argc, char** argv, Options& o) {
     } else {
       files.push_back(argv[i]);
     }
-    if (attached != nullptr) return usageError("option '" + arg + "' takes no value");
+    if (word.unusedValue()) return usageError("option '" + arg + "' takes no value");
   }
   if (files.empty()) return usageError("no map file given");
   o.input = files[0];
