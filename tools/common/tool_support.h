@@ -142,6 +142,7 @@ class StepProgress final : public LUtils::ProgressCallback {
     done_ = 0;
     nextTenth_ = 1;
     nextLive_ = 0;
+    lastLive_ = 0.0;
     clock_ = Stopwatch();
   }
   void setProgress(int32_t done) override {
@@ -150,6 +151,10 @@ class StepProgress final : public LUtils::ProgressCallback {
     if (live_) {
       if (done < nextLive_) return;
       nextLive_ = done + std::max<int32_t>(1, total_ / 200);
+      // At most ten updates a second: a slow terminal or a remote session is not flooded.
+      const double now = clock_.seconds();
+      if (shown_ && now - lastLive_ < 0.1 && done < total_) return;
+      lastLive_ = now;
       std::fprintf(out_, "\r%s: %s %3d%% (%s of %s samples)\033[K", label_.c_str(),
                    title_.c_str(), percent(done), groupedCount(done).c_str(),
                    groupedCount(total_).c_str());
@@ -186,6 +191,7 @@ class StepProgress final : public LUtils::ProgressCallback {
   int nextTenth_ = 1;
   int32_t nextLive_ = 0;
   bool shown_ = false;
+  double lastLive_ = 0.0;
   Stopwatch clock_;
 };
 
