@@ -69,7 +69,10 @@ MapFileProbe probeMapFile(const char* name) {
     probe.directory = true;
     return probe;
   }
-  if (S_ISREG(st.st_mode)) probe.size = static_cast<int64_t>(st.st_size);
+  // A pipe or a device is not read here: what was read would be missing for the load.
+  if (!S_ISREG(st.st_mode)) return probe;
+  probe.regular = true;
+  probe.size = static_cast<int64_t>(st.st_size);
   std::FILE* file = std::fopen(name, "rb");
   if (!file) {
     probe.openError = errno;
@@ -91,14 +94,14 @@ MapFileProbe probeMapFile(const char* name) {
     probe.headerComplete = got >= headerWords;
     if (!probe.headerComplete) return probe;
     const int64_t headerBytes = old ? 8 : 12 + int64_t{words[2]};
-    probe.headerComplete = probe.size < 0 || probe.size >= headerBytes;
+    probe.headerComplete = probe.size >= headerBytes;
     probe.declared = record == 0 ? 0 : int64_t{words[1]};
-    probe.present = probe.size < 0 ? probe.declared : recordsIn(probe.size, headerBytes, record);
+    probe.present = recordsIn(probe.size, headerBytes, record);
     // A light cache under another name: the irradiance reading fails and the light one holds.
     const bool irradianceWhole = probe.headerComplete && probe.present >= probe.declared;
     if (irradianceWhole || lightRecord == 0 || got < 2) return probe;
     const int64_t lightDeclared = std::max<int64_t>(0, static_cast<int32_t>(words[1]));
-    if (probe.size < 0 || recordsIn(probe.size, 8, lightRecord) < lightDeclared) return probe;
+    if (recordsIn(probe.size, 8, lightRecord) < lightDeclared) return probe;
     probe.kind = MapFileProbe::kLightCache;
     probe.headerComplete = true;
     probe.declared = probe.present = lightDeclared;
@@ -107,7 +110,7 @@ MapFileProbe probeMapFile(const char* name) {
     probe.headerComplete = got >= 2;
     if (!probe.headerComplete) return probe;
     probe.declared = std::max<int64_t>(0, static_cast<int32_t>(words[1]));
-    probe.present = probe.size < 0 ? probe.declared : recordsIn(probe.size, 8, lightRecord);
+    probe.present = recordsIn(probe.size, 8, lightRecord);
   }
   return probe;
 }
@@ -121,6 +124,7 @@ std::string loadFailureReason(const char* name, int loadError) {
     return text;
   }
   if (probe.directory) return "a directory";
+  if (!probe.regular) return "cannot be read as a map (" + std::string(LUtils::fileErrorText(loadError)) + ")";
   if (probe.size == 0) return "an empty file";
   if (probe.kind == MapFileProbe::kUnknown) return "not an irradiance map or light cache";
   const char* kind = probe.kind == MapFileProbe::kLightCache ? "light cache" : "irradiance map";

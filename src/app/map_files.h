@@ -22,6 +22,7 @@ struct MapFileProbe {
   enum Kind { kUnknown, kIrradianceMap, kLightCache };
   int openError = 0;       // errno when the file cannot be examined (0 when it can)
   bool directory = false;
+  bool regular = false;    // a regular file: only such a file is read (a pipe's bytes would be lost)
   int64_t size = -1;       // bytes, for a regular file
   Kind kind = kUnknown;    // by the name and the version word, as loadMapFile decides
   uint32_t version = 0;
@@ -30,7 +31,8 @@ struct MapFileProbe {
   int64_t present = 0;     // complete sample records it does hold
 };
 
-// Examines `name` as loadMapFile would read it: a ".lulmap" name is a light cache, any other file
+// Examines `name` as loadMapFile would read it (a regular file only; of anything else it says only
+// whether it exists and is a directory): a ".lulmap" name is a light cache, any other file
 // an irradiance map when its version word is one, else a light cache when it is one of those.
 MapFileProbe probeMapFile(const char* name);
 

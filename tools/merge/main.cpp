@@ -278,9 +278,10 @@ int main(int argc, char** argv) {
   for (size_t i = 0; i < o.inputs.size(); ++i) {
     results[i].file = o.inputs[i];
     const MapFileProbe probe = probeMapFile(o.inputs[i].c_str());
-    const bool bad = probe.openError != 0 || probe.directory || probe.size == 0 ||
-                     probe.kind == MapFileProbe::kUnknown || !probe.headerComplete ||
-                     probe.present < probe.declared;
+    // A pipe or device is left to the load, which reads it once.
+    const bool bad = probe.openError != 0 || probe.directory ||
+                     (probe.regular && (probe.size == 0 || probe.kind == MapFileProbe::kUnknown ||
+                                        !probe.headerComplete || probe.present < probe.declared));
     if (!bad) continue;
     results[i].reason = loadFailureReason(o.inputs[i].c_str(), 0);
     if (!o.keepGoing) {

@@ -146,8 +146,13 @@ std::vector<std::pair<int64_t, int64_t>> idsByCount(const Stats& s) {
 
 void printText(const std::string& file, int64_t size, bool light, const std::string& report,
                const Stats& s) {
-  std::printf("File: %s\nFile size (bytes): %lld\nKind: %s\n", file.c_str(),
-              static_cast<long long>(size), light ? "light cache" : "irradiance map");
+  std::printf("File: %s\n", file.c_str());
+  if (size >= 0) {
+    std::printf("File size (bytes): %lld\n", static_cast<long long>(size));
+  } else {
+    std::printf("File size (bytes): unknown (not a regular file)\n");
+  }
+  std::printf("Kind: %s\n", light ? "light cache" : "irradiance map");
   std::fputs(report.c_str(), stdout);
   std::printf("Samples no index can place: %lld\n", static_cast<long long>(s.unplaceable));
   if (s.axis[0].count > 0) {
@@ -178,7 +183,13 @@ void rangeJson(cvtool::Json& json, const char* key, const Range& r) {
 
 void statsJson(cvtool::Json& json, const IrradianceMapHeader* header, uint32_t version,
                const Stats& s) {
-  json.integer("version", version).integer("samples", s.samples);
+  // A light cache read from a pipe has no version to show: the load does not keep it.
+  if (version != 0) {
+    json.integer("version", version);
+  } else {
+    json.null("version");
+  }
+  json.integer("samples", s.samples);
   if (header) {
     json.integer("sample_size", 84)
         .boolean("time_dependent", header->timeDependence != 0.0f)
@@ -262,7 +273,12 @@ int main(int argc, char** argv) {
     const int64_t size = probeMapFile(name).size;
     const Stats stats = light ? lightStats(*light) : irradianceStats(*map);
     if (json) {
-      doc.beginObject().string("file", name).integer("file_size", size);
+      doc.beginObject().string("file", name);
+      if (size >= 0) {
+        doc.integer("file_size", size);
+      } else {
+        doc.null("file_size");
+      }
       doc.string("kind", light ? "light cache" : "irradiance map");
       if (light) {
         statsJson(doc, nullptr, probeMapFile(name).version, stats);
@@ -275,8 +291,10 @@ int main(int argc, char** argv) {
       std::string report = irradianceMapReport(map.get());
       if (light) {
         const uint32_t version = probeMapFile(name).version;
-        char line[64];
-        std::snprintf(line, sizeof line, "\nFormat version: %u (0x%X)\n", version >> 16, version);
+        char line[64] = "\nFormat version: unknown\n";
+        if (version != 0) {
+          std::snprintf(line, sizeof line, "\nFormat version: %u (0x%X)\n", version >> 16, version);
+        }
         report = lightCacheReport(static_cast<int>(light->sampleCount())) + line;
       }
       printText(name, size, light != nullptr, report, stats);
