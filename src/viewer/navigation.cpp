@@ -320,7 +320,15 @@ MouseResult Navigation::buttonDown(MouseButton button, const MouseInput& input) 
   return MouseResult::kNone;
 }
 
-MouseResult Navigation::buttonUp(MouseButton button, const MouseInput& /*input*/) {
+MouseResult Navigation::buttonUp(MouseButton button, const MouseInput& input) {
+  // A camera drag ends where the button came up. While a long frame keeps the window busy the
+  // system passes on at most one motion, so the release may be the first news of where the drag
+  // went: the camera still follows it all the way.
+  const bool endsCameraDrag =
+      (button == MouseButton::kLeft && (mode_ == DragMode::kOrbit || mode_ == DragMode::kPan)) ||
+      (button == MouseButton::kMiddle && mode_ == DragMode::kPan) ||
+      (button == MouseButton::kRight && mode_ == DragMode::kZoom);
+  const MouseResult moved = endsCameraDrag ? motion(input) : MouseResult::kNone;
   switch (button) {
     case MouseButton::kLeft:
       if (mode_ == DragMode::kRectangle) {
@@ -338,7 +346,7 @@ MouseResult Navigation::buttonUp(MouseButton button, const MouseInput& /*input*/
       if (mode_ == DragMode::kZoom) mode_ = DragMode::kNone;
       break;
   }
-  return MouseResult::kNone;
+  return moved;
 }
 
 MouseResult Navigation::motion(const MouseInput& input) {

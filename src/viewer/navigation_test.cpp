@@ -157,7 +157,16 @@ TEST(Navigation, OrbitKeepsTheDistanceAndAWrappedDragMatchesAnUnwrappedOne) {
     ASSERT_NEAR(dot(nav.camera().right, nav.camera().forward), 0.0f, 1e-5f);
   }
   expectNear(nav.orbitCentre(), centre, 0.0f);
-  nav.buttonUp(MouseButton::kLeft, at(x, y));
+  EXPECT_EQ(nav.buttonUp(MouseButton::kLeft, at(x, y)), MouseResult::kNone);
+
+  // Motions lost while the window was busy: the release still takes the camera to where the
+  // drag ended.
+  Navigation lost = obliqueView(), seen = obliqueView();
+  lost.buttonDown(MouseButton::kLeft, at(100, 100));
+  seen.buttonDown(MouseButton::kLeft, at(100, 100));
+  seen.motion(at(160, 70));
+  EXPECT_EQ(lost.buttonUp(MouseButton::kLeft, at(160, 70)), MouseResult::kRepaint);
+  expectNear(lost.eye(), seen.eye(), 0.0f);
 
   // Window at the screen's origin, screen 200 x 150. Only the last step crosses the edges.
   Navigation wrapped = obliqueView(), straight = obliqueView();

@@ -238,6 +238,10 @@ void CacheViewOpenGLCanvas::onPaint(wxPaintEvent&) {
   const int height = std::max(size.y, 1);
   // A context that cannot be made current yet keeps the size for the next paint.
   if (!context_ || !SetCurrent(*context_)) return;
+  if (!frameWanted_ && keptFrame_.width == width && keptFrame_.height == height) {
+    showKeptFrame();
+    return;
+  }
   drawing_ = true;
   frameWanted_ = false;
   LUtils::DrawView& view = scene_.view;
@@ -247,12 +251,52 @@ void CacheViewOpenGLCanvas::onPaint(wxPaintEvent&) {
     gl_->setViewportSize(width, height);
   }
   LUtils::drawFrame(*gl_, scene_.drawScene());
+  const bool keep = view.sampleStride == 1 &&
+                    std::chrono::steady_clock::now() - start > std::chrono::milliseconds(50);
+  keptFrame_.width = keptFrame_.height = 0;
+  if (keep) {
+    keptFrame_.rgba.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 4);
+    glReadBuffer(GL_BACK);
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, keptFrame_.rgba.data());
+    keptFrame_.width = width;
+    keptFrame_.height = height;
+  }
   SwapBuffers();
   if (frameLog_ != nullptr) glFinish();  // the time logged is the frame's, not its submission's
   const double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   drawing_ = false;
   finishFrame(scene_.options.useDisplayLists() ? "gl-lists" : "gl", ms);
+}
+
+void CacheViewOpenGLCanvas::showKeptFrame() {
+  glPushAttrib(GL_ALL_ATTRIB_BITS);
+  glDisable(GL_DEPTH_TEST);
+  glDisable(GL_LIGHTING);
+  glDisable(GL_TEXTURE_2D);
+  glDisable(GL_BLEND);
+  glDisable(GL_COLOR_LOGIC_OP);
+  glDrawBuffer(GL_BACK);
+  glViewport(0, 0, keptFrame_.width, keptFrame_.height);
+  glMatrixMode(GL_PROJECTION);
+  glPushMatrix();
+  glLoadIdentity();
+  glOrtho(0.0, keptFrame_.width, 0.0, keptFrame_.height, -1.0, 1.0);
+  glMatrixMode(GL_MODELVIEW);
+  glPushMatrix();
+  glLoadIdentity();
+  glRasterPos2i(0, 0);
+  glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+  glDrawPixels(keptFrame_.width, keptFrame_.height, GL_RGBA, GL_UNSIGNED_BYTE,
+               keptFrame_.rgba.data());
+  glPopMatrix();
+  glMatrixMode(GL_PROJECTION);
+  glPopMatrix();
+  glMatrixMode(GL_MODELVIEW);
+  glPopAttrib();
+  if (gl_ != nullptr) gl_->forgetLightingState();
+  SwapBuffers();
 }
 
 void CacheViewOpenGLCanvas::drawSoftwareFrame() {

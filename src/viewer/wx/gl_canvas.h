@@ -108,6 +108,7 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
   bool handleKey(const LUtils::KeyInput& key);
   void endDrags();
   void drawSoftwareFrame();
+  void showKeptFrame();
   void finishFrame(const char* kind, double ms);
   void runDeferred();
 
@@ -126,6 +127,12 @@ class CacheViewOpenGLCanvas final : public wxGLCanvas {
   bool frameWanted_ = true;       // the picture shown is out of date
   bool softwareQueued_ = false;   // a software frame is queued to be drawn
   wxBitmap softwarePicture_;      // the last finished software frame
+  // The last slow OpenGL frame, kept so that a paint with nothing new to draw (the window
+  // uncovered, or its focus changed) shows it again rather than drawing the map once more.
+  struct KeptFrame {
+    int width = 0, height = 0;
+    std::vector<uint8_t> rgba;
+  } keptFrame_;
   std::vector<std::function<void()>> deferred_;
   std::FILE* frameLog_ = nullptr;
 };
