@@ -11,6 +11,10 @@ packages=(
   xvfb xauth xdotool xclip imagemagick python3
   # clang with its runtime libraries (libFuzzer and the sanitizers): the fuzz harnesses
   clang libclang-rt-dev
+  # PNG output; installation, desktop integration, man pages and the Debian package (ctest -L
+  # install); CloudCompare, a real reader of the PLY export (ctest -L export)
+  libpng-dev dpkg-dev lintian desktop-file-utils shared-mime-info xdg-utils libglib2.0-bin
+  libxml2-utils groff-base cloudcompare
 )
 
 missing=()

@@ -1,16 +1,14 @@
-// Writes pictures as PNG files (8-bit RGB, stored deflate blocks: no compression library needed).
+// Writes pictures as compressed PNG files (8-bit RGB) through libpng.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace LUtils {
 
-// The PNG bytes of a width x height picture, top row first, pixels 0xAABBGGRR (alpha ignored).
-std::vector<uint8_t> encodePng(const uint32_t* pixels, int width, int height);
-
-// Writes the picture to `path`; false with `error` set when the file cannot be written.
+// Writes the width x height picture, top row first, pixels 0xAABBGGRR (alpha dropped), to
+// `path`. False with `error` set when the picture is empty or the file cannot be created or
+// written; a file left part-written is removed.
 bool writePng(const std::string& path, const uint32_t* pixels, int width, int height,
               std::string* error = nullptr);
 
