@@ -4,6 +4,7 @@
 // value with the samples as the map loaders read them. CloudCompare, when installed, must open
 // the file too.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <bit>
@@ -288,6 +289,23 @@ TEST_F(ExportTool, BadInputFailsClearlyAndLeavesTheOutputAlone) {
   EXPECT_EQ(run(shellQuoted(lightCache(10)) + " " + shellQuoted(path("no-dir/x.ply")), &out), 1);
   EXPECT_NE(out.find("cannot create"), std::string::npos) << out;
   EXPECT_EQ(entries(), 5);  // keep.ply, junk.lumap, room.lulmap and the two output captures
+}
+
+// The export streams: its peak memory is the loaded map and a little more, well below what a
+// second copy of the map, or the PLY file held whole, would add.
+TEST_F(ExportTool, HoldsOneCopyOfTheMap) {
+  synth::Params params;
+  params.count = 1000000;
+  std::string message;
+  ASSERT_EQ(synth::writeMapFile(path("big.lumap").c_str(), 0xD0000, params, message), 0);
+  ASSERT_EQ(run("-q " + shellQuoted(path("big.lumap")) + " " + shellQuoted(path("big.ply"))), 0);
+  const double mapBytes = static_cast<double>(std::filesystem::file_size(path("big.lumap")));
+  const double plyBytes = static_cast<double>(std::filesystem::file_size(path("big.ply")));
+  rusage usage{};
+  ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+  const double peak = static_cast<double>(usage.ru_maxrss) * 1024.0;
+  EXPECT_LT(peak, mapBytes + 0.5 * plyBytes + 16e6)
+      << "peak " << peak / 1e6 << " MB for a " << mapBytes / 1e6 << " MB map";
 }
 
 // CloudCompare's command-line mode opens the PLY of each kind of map and writes it back as a
