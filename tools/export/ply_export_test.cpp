@@ -289,6 +289,11 @@ TEST_F(ExportTool, BadInputFailsClearlyAndLeavesTheOutputAlone) {
   EXPECT_EQ(run(shellQuoted(lightCache(10)) + " " + shellQuoted(path("no-dir/x.ply")), &out), 1);
   EXPECT_NE(out.find("cannot create"), std::string::npos) << out;
   EXPECT_EQ(entries(), 5);  // keep.ply, junk.lumap, room.lulmap and the two output captures
+  // A full disk: /dev/full is written in place (a device is never replaced) and refuses it all.
+  if (std::filesystem::exists("/dev/full")) {
+    EXPECT_EQ(run(shellQuoted(path("room.lulmap")) + " /dev/full", &out), 1);
+    EXPECT_NE(out.find("cannot write"), std::string::npos) << out;
+  }
 }
 
 // The export streams: its peak memory is the loaded map and a little more, well below what a
