@@ -2,14 +2,15 @@
 # The main job: installs what is missing, builds in Release, synthesises the sample scene (two
 # overlapping camera frames of a room) as irradiance maps and as light caches, merges the maps
 # incrementally and the light caches both plainly and incrementally with the batch tool, reports
-# and saves the results, converts the merged map to a PTS point list, draws a picture of the
-# merged light cache, and opens the viewer on the merged map when a display exists.
+# and saves the results, converts the merged map to a PTS point list and a PLY point cloud,
+# draws a picture of the merged light cache, and opens the viewer on the merged map when a
+# display exists.
 #
 # CACHEVIEW_BUILD_DIR names an already configured build directory to use instead of build/ (it
 # is brought up to date, but nothing is installed).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-targets=(--target cacheview cacheview-synth cacheview-render)
+targets=(--target cacheview cacheview-synth cacheview-render cacheview-export)
 build=${CACHEVIEW_BUILD_DIR:-build}
 if [ "$build" = build ]; then
   bash scripts/build.sh "${targets[@]}"
@@ -31,6 +32,8 @@ mkdir -p "$out"
   -save "$out/merged.lumap" -nodisplay
 "$cacheview" -convert "$out/merged.lumap" "$out/merged.pts" -rgb
 echo "PTS point list: $(wc -l < "$out/merged.pts") points in $out/merged.pts"
+# The same samples as a PLY point cloud for point-cloud tools (CloudCompare and others).
+"$build/tools/cacheview-export" "$out/merged.lumap" "$out/merged.ply"
 
 # Light caches of the same two frames.
 "$synth" --camera 0 --count 100000 --seed 1 -o "$out/frame0.lulmap"
