@@ -72,15 +72,8 @@ void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
   const Vector n = context.normal;
   const float w = settings.normalStretch;
   tree.forEachContaining(p, [&](IrradSample& s) {
-    const Vector o = p - s.position;
-    const float d2 = lengthSquared(o);
-    const float along = dot(o, n);
-    const float stretchedAlong = along * w;
-    const float stretched2 = std::max(d2 - along * along, 0.0f) + stretchedAlong * stretchedAlong;
-    if (!(stretched2 < s.validRadius2)) return;
-    const float cosine = dot(n, s.normal);
-    const float falloff = 1.0f - std::sqrt(stretched2 / s.validRadius2);
-    out.push_back({&s, d2, cosine > 0.0f ? falloff * cosine : 0.0f});
+    LookupCandidate c;
+    if (testCandidate(s, p, n, w, c)) out.push_back(c);
   });
 }
 

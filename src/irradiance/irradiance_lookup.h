@@ -23,6 +23,8 @@
 // Every interpolation mode of the header uses these weights.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -92,6 +94,23 @@ struct SpacingDecision {
 
 // The footprint f of a shading context.
 float lookupFootprint(const ShadeContext& context);
+
+// The candidate test of one sample whose validity sphere contains p: the offset's component
+// along the point's normal n is stretched by `stretch` and the squared length compared with the
+// sample's validity value. Fills `out` and returns true when the sample qualifies.
+inline bool testCandidate(IrradSample& s, const Vector& p, const Vector& n, float stretch,
+                          LookupCandidate& out) {
+  const Vector o = p - s.position;
+  const float d2 = lengthSquared(o);
+  const float along = dot(o, n);
+  const float stretchedAlong = along * stretch;
+  const float stretched2 = std::max(d2 - along * along, 0.0f) + stretchedAlong * stretchedAlong;
+  if (!(stretched2 < s.validRadius2)) return false;
+  const float cosine = dot(n, s.normal);
+  const float falloff = 1.0f - std::sqrt(stretched2 / s.validRadius2);
+  out = {&s, d2, cosine > 0.0f ? falloff * cosine : 0.0f};
+  return true;
+}
 
 // Appends the candidates for the context's point among the samples of the tree.
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
