@@ -1,12 +1,17 @@
 // One frame of a synthesised room of one million irradiance samples at 800 x 600, 8-sided discs:
 // OpenGL immediate mode and display-list replay (off-screen context) against a bare
 // glBegin/glEnd loop of the same discs, and the software rasterizer on one thread and on all
-// threads. Ratios against the references of the same run are printed after the table.
+// threads against a minimal scalar rasterizer drawing the same discs (bench/reference). Ratios
+// against the references of the same run are printed after the table, with the share of pixels
+// on which the software rasterizer and the minimal one agree (they differ along edges only) and
+// whether the threaded frames equal the one-thread frame pixel for pixel.
 #include <GL/gl.h>
 #include <benchmark/benchmark.h>
 
 #include "bench_room.h"
 #include "ratio_reporter.h"
+
+#include <time.h>
 
 #include <algorithm>
 #include <cmath>
@@ -15,12 +20,14 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "render/camera.h"
 #include "render/disc_basis.h"
 #include "render/gl/rasterizer_gl.h"
 #include "render/rasterizer_sw.h"
 #include "render/sample_drawing.h"
+#include "minimal_raster.h"
 #include "synth/synth_room.h"
 
 namespace {
@@ -133,7 +140,11 @@ void BM_GLDisplayList(benchmark::State& state) {
 }
 BENCHMARK(BM_GLDisplayList)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-void softwareFrames(benchmark::State& state, bool threaded, unsigned replayThreads = 0) {
+// The last picture of each software kind, to compare after the runs.
+std::map<std::string, std::vector<uint32_t>> gPictures;
+
+void softwareFrames(benchmark::State& state, bool threaded, unsigned replayThreads = 0,
+                    const char* picture = nullptr, int managerThreads = 0) {
   Scene& s = scene();
   RasterizerSW sw;
   if (replayThreads > 0) sw.setReplayThreads(replayThreads);
@@ -142,16 +153,68 @@ void softwareFrames(benchmark::State& state, bool threaded, unsigned replayThrea
   sw.setFarDistance(s.farDistance);
   s.cache.setRasterizer(nullptr);
   s.options.setMultiThreadedSoftware(threaded);
+  const int defaultThreads = s.threads.threadCount();
+  if (managerThreads > 0) s.threads.setThreadCount(managerThreads);
   drawFrame(sw, s.drawScene());  // warm the bins and the workers
+  timespec before{}, after{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
   for (auto _ : state) drawFrame(sw, s.drawScene());
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
   state.counters["threads"] = threaded ? s.threads.threadCount() : 1;
+  // CPU time of every thread of the process per frame, in ms: the work, whatever the waits.
+  state.counters["process_cpu_ms"] =
+      1e3 * (static_cast<double>(after.tv_sec - before.tv_sec) +
+             1e-9 * static_cast<double>(after.tv_nsec - before.tv_nsec)) /
+      static_cast<double>(state.iterations());
+  s.threads.setThreadCount(defaultThreads);
+  if (picture != nullptr) {
+    gPictures[picture].assign(sw.picture(), sw.picture() + kWidth * kHeight);
+  }
 }
 
-void BM_SoftwareOneThread(benchmark::State& state) { softwareFrames(state, false); }
+// The minimal rasterizer: the same discs as fans of triangles, one after the other.
+void BM_MinimalRaster(benchmark::State& state) {
+  Scene& s = scene();
+  reference::MinimalRaster raster(kWidth, kHeight);
+  raster.setView(&s.camera, s.farDistance);
+  const uint32_t background = reference::packColour({0.25f, 0.25f, 0.25f});
+  auto frame = [&] {
+    raster.clear(background);
+    reference::drawDiscs(raster, s.map, s.options.brightness(), 8);
+  };
+  frame();
+  for (auto _ : state) frame();
+  gPictures["minimal"].assign(raster.pixels(), raster.pixels() + kWidth * kHeight);
+}
+BENCHMARK(BM_MinimalRaster)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+void BM_SoftwareOneThread(benchmark::State& state) {
+  softwareFrames(state, false, 0, "one thread");
+}
 BENCHMARK(BM_SoftwareOneThread)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-void BM_SoftwareAllThreads(benchmark::State& state) { softwareFrames(state, true); }
+void BM_SoftwareAllThreads(benchmark::State& state) {
+  softwareFrames(state, true, 0, "all threads");
+}
 BENCHMARK(BM_SoftwareAllThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+// Threaded drawing through a thread manager of one worker.
+void BM_SoftwareManagerOneWorker(benchmark::State& state) {
+  softwareFrames(state, true, 0, "manager of one worker", 1);
+}
+BENCHMARK(BM_SoftwareManagerOneWorker)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+// The share of pixels on which two pictures agree; -1 when either is missing.
+double samePixels(const std::string& a, const std::string& b) {
+  const auto ia = gPictures.find(a), ib = gPictures.find(b);
+  if (ia == gPictures.end() || ib == gPictures.end() || ia->second.size() != ib->second.size() ||
+      ia->second.empty()) {
+    return -1.0;
+  }
+  size_t same = 0;
+  for (size_t i = 0; i < ia->second.size(); ++i) same += ia->second[i] == ib->second[i];
+  return static_cast<double>(same) / static_cast<double>(ia->second.size());
+}
 
 // The same frames as the viewer window draws them by default: 6-sided discs (low quality), and
 // the software rasterizer replaying its bins on one thread or on every processor as the window's
@@ -200,10 +263,24 @@ int main(int argc, char** argv) {
                       false, "target <= 1.15");
   reporter.printRatio("OpenGL display list / bare glBegin loop", "BM_GLDisplayList",
                       "BM_GLBareLoop", false, "for information");
+  reporter.printRatio("software one thread / minimal rasterizer", "BM_SoftwareOneThread",
+                      "BM_MinimalRaster", false, "target <= 0.8");
   reporter.printRatio("software one thread / all threads", "BM_SoftwareOneThread",
-                      "BM_SoftwareAllThreads", false, "target >= 1.3 on two cores");
-  std::printf("software one thread: %.0f ms per frame (target <= 250 ms)\n",
-              reporter.time("BM_SoftwareOneThread"));
+                      "BM_SoftwareAllThreads", false, "target >= 1.8 on two cores");
+  reporter.printRatio("software manager of one worker / one thread", "BM_SoftwareManagerOneWorker",
+                      "BM_SoftwareOneThread", false, "target <= 1.0");
+  const double minimal = samePixels("one thread", "minimal");
+  if (minimal >= 0.0) {
+    std::printf("pixels equal to the minimal rasterizer's: %.2f%% (edges differ)\n",
+                100.0 * minimal);
+  }
+  for (const char* kind : {"all threads", "manager of one worker"}) {
+    const double same = samePixels("one thread", kind);
+    if (same >= 0.0) {
+      std::printf("pixels of %s equal to one thread's: %.4f%% (target 100%%)\n", kind,
+                  100.0 * same);
+    }
+  }
   benchmark::Shutdown();
   return 0;
 }
