@@ -262,6 +262,7 @@ void DrawThreaded<Map, Cb>::run(std::atomic<int32_t>*, std::atomic<int32_t>*, in
   Cb& cb = records_[index];
   share(total_, static_cast<uint32_t>(index), static_cast<uint32_t>(threadCount), cb.first,
         cb.limit);
+  cb.first += base_;
   cb.count = 0;
   if (cb.limit == 0) return;
   cb.runShare(typename SampleSourceOf<Map>::type(map_));
@@ -278,9 +279,11 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   uint32_t total = 0;
   withSampleSource(map, [&total](const auto& source) { total = source.count(); });
   ThreadManager* threads = scene.threads;
+  const uint32_t n =
+      threads != nullptr ? static_cast<uint32_t>(std::max(1, threads->threadCount())) : 1;
   const bool threaded = pass.rasterizer->drawsFromThreads() &&
                         pass.options->multiThreadedSoftware() && total >= kMinThreadedSamples &&
-                        threads != nullptr;
+                        n > 1;
   if (!threaded) {
     DrawSamplesCb<b> cb;
     cb.pass = &pass;
@@ -288,18 +291,21 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
     return 1;
   }
 
-  const uint32_t n = static_cast<uint32_t>(std::max(1, threads->threadCount()));
   auto records = std::make_unique<DrawSamplesCb<b>[]>(n);
   for (uint32_t i = 0; i < n; ++i) records[i].pass = &pass;
-  pass.rasterizer->beginThreadedDrawing([threads] { return threads->currentThreadIndex(); });
-  if (map.light != nullptr) {
-    DrawThreaded<LightMap, DrawSamplesCb<b>> job(*map.light, records.get(), total);
-    threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
-  } else {
-    DrawThreaded<IrradianceMap, DrawSamplesCb<b>> job(*map.irradiance, records.get(), total);
-    threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
+  for (uint32_t base = 0; base < total; base += kThreadedRunSamples) {
+    const uint32_t run = std::min(kThreadedRunSamples, total - base);
+    pass.rasterizer->beginThreadedDrawing([threads] { return threads->currentThreadIndex(); });
+    if (map.light != nullptr) {
+      DrawThreaded<LightMap, DrawSamplesCb<b>> job(*map.light, records.get(), run, base);
+      threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
+    } else {
+      DrawThreaded<IrradianceMap, DrawSamplesCb<b>> job(*map.irradiance, records.get(), run, base);
+      threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
+    }
+    // The back end draws this run's geometry before the next run records any.
+    pass.rasterizer->endThreadedDrawing();
   }
-  pass.rasterizer->endThreadedDrawing();
   return n;
 }
 

@@ -124,12 +124,14 @@ class alignas(64) DrawSamplesCb final {
   void runShare(const Source& source);
 };
 
-// A thread job drawing a map on n threads: thread i of n takes total / n samples from i x share
-// (the last one the remainder too) with its own callback record.
+// A thread job drawing `total` samples of a map from index `base` on n threads: thread i of n
+// takes total / n samples from base + i x share (the last one the remainder too) with its own
+// callback record.
 template <class Map, class Cb>
 class DrawThreaded final : public MultiThreaded {
  public:
-  DrawThreaded(Map& map, Cb* records, uint32_t total) : map_(map), records_(records), total_(total) {}
+  DrawThreaded(Map& map, Cb* records, uint32_t total, uint32_t base = 0)
+      : map_(map), records_(records), total_(total), base_(base) {}
   void run(std::atomic<int32_t>* result, std::atomic<int32_t>* progress, int32_t index,
            int32_t threadCount) override;
   const char* threadName() override { return "draw_thread"; }
@@ -141,6 +143,7 @@ class DrawThreaded final : public MultiThreaded {
   Map& map_;
   Cb* records_;
   uint32_t total_;
+  uint32_t base_;
 };
 
 extern template class DrawThreaded<LightMap, DrawSamplesCb<0>>;
@@ -149,8 +152,13 @@ extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<0>>;
 extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
 // Draws every sample of the map with DrawSamplesCb<b>: on the thread manager's threads when the
-// back end draws from threads, multi-threaded software drawing is on and the map has at least
-// 100 samples; otherwise on the calling thread. Returns the number of threads used.
+// back end draws from threads, multi-threaded software drawing is on, the map has at least 100
+// samples and the manager has more than one thread; otherwise on the calling thread (one worker
+// would only add the hand-over). The threads draw the map in runs of kThreadedRunSamples
+// samples, each run split among them and finished by the back end before the next starts, so
+// that a back end that records the threads' geometry holds one run's at a time, never the whole
+// frame's. Returns the number of threads used.
+constexpr uint32_t kThreadedRunSamples = 32768;
 template <int b>
 uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene);
 

@@ -17,6 +17,7 @@
 #include "render/camera.h"
 #include "render/rasterizer_sw.h"
 #include "render/render_test_support.h"
+#include "synth/synth_room.h"
 
 namespace LUtils {
 namespace {
@@ -111,28 +112,70 @@ struct DrawingTest : ::testing::Test {
   SpyRasterizer spy;
 };
 
-TEST_F(DrawingTest, SmallMapsStayOnTheCallingThread) {
+// Maps under 100 samples, and managers of one worker, draw on the calling thread; larger maps
+// go to the workers in runs, each run split among them: every index once, and within a run each
+// worker draws its share in order.
+TEST_F(DrawingTest, ThreadedDrawingOnlyForLargeMapsAndSeveralWorkersInRuns) {
   DefThreadManager threads;
-  for (uint32_t count : {99u, 100u}) {
+  const uint32_t large = 2 * kThreadedRunSamples + 7;
+  struct Case {
+    uint32_t count;
+    int workers;
+    bool threaded;
+  };
+  for (const Case c : {Case{99, 3, false}, Case{100, 3, true}, Case{100, 1, false},
+                       Case{large, 3, true}}) {
+    SCOPED_TRACE(::testing::Message() << c.count << " samples, " << c.workers << " workers");
+    threads.setThreadCount(c.workers);
     DefIrradianceMap map;
-    for (uint32_t i = 0; i < count; ++i) map.appendSample(sampleAt({i * 0.01f, 0, 0}));
+    for (uint32_t i = 0; i < c.count; ++i) map.appendSample(sampleAt({(i % 500) * 0.01f, 0, 0}));
     spy.threads.clear();
     const DrawScene drawn = scene({&map, nullptr}, &threads);
     const DrawPass pass(spy, drawn, true);
     const uint32_t used = drawSamples<1>(pass, drawn);
-    if (count == 99) {
-      EXPECT_EQ(used, 1u);
-      EXPECT_EQ(spy.threads, std::set<std::thread::id>{std::this_thread::get_id()});
-    } else {
-      EXPECT_EQ(used, static_cast<uint32_t>(threads.threadCount()));
-      EXPECT_EQ(spy.threads.count(std::this_thread::get_id()), 0u);
+    EXPECT_EQ(used, c.threaded ? 3u : 1u);
+    EXPECT_EQ(spy.threads.count(std::this_thread::get_id()), c.threaded ? 0u : 1u);
+    std::vector<uint32_t> indices = spy.takeIndices(), expected(c.count);
+    if (c.threaded) {
+      // The polygons of one run come before any of the next.
+      for (size_t i = 1; i < indices.size(); ++i) {
+        ASSERT_LE(indices[i - 1] / kThreadedRunSamples, indices[i] / kThreadedRunSamples);
+      }
     }
-    // Every index once, whichever thread drew it.
-    std::vector<uint32_t> indices = spy.takeIndices(), expected(count);
     std::sort(indices.begin(), indices.end());
     std::iota(expected.begin(), expected.end(), 0u);
     EXPECT_EQ(indices, expected);
   }
+}
+
+// A map of several runs drawn by the software back end on three workers gives the one-thread
+// picture pixel for pixel, frame after frame.
+TEST(ThreadedSoftwareDrawing, RunsOfAMapGiveTheOneThreadPicture) {
+  SynthRoom room(3 * kThreadedRunSamples, 320, 240);
+  DefThreadManager threads;
+  threads.setThreadCount(3);
+  DrawOptions options;
+  SampleEdits edits;
+  DrawView view;
+  automaticBrightness(room.drawn(), options);
+  auto picture = [&](bool threaded) {
+    RasterizerSW sw;
+    sw.resize(320, 240);
+    sw.setCamera(&room.camera);
+    sw.setFarDistance(room.farDistance);
+    options.setMultiThreadedSoftware(threaded);
+    std::vector<uint32_t> pixels;
+    for (int frame = 0; frame < 2; ++frame) {
+      drawFrame(sw, {room.drawn(), &options, &edits, &view, nullptr, &threads});
+      pixels.insert(pixels.end(), sw.picture(), sw.picture() + 320 * 240);
+    }
+    return pixels;
+  };
+  const std::vector<uint32_t> one = picture(false);
+  EXPECT_EQ(one, picture(true));
+  // Not a blank frame.
+  EXPECT_GT(std::count(one.begin(), one.end(), one[0]), 0);
+  EXPECT_LT(std::count(one.begin(), one.end(), one[320 * 120 + 160]), 320 * 240 / 2);
 }
 
 TEST_F(DrawingTest, SevenSamplesOnThreeThreadsShareTwoTwoThreeInFullAndReducedFrames) {
