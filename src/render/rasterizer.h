@@ -88,8 +88,9 @@ class Rasterizer3D {
   virtual void loadPickName(uint32_t name) { (void)name; }
 
   // Drawing from several threads into one frame at once. Between begin and end every drawing
-  // thread asks `threadIndex` for its index in the run (or 0xFFFFFFFF for a thread outside it);
-  // end draws whatever the threads left pending, in the order one thread would have drawn it.
+  // thread asks `threadIndex` for the index of the part of the work it is drawing (or 0xFFFFFFFF
+  // for a thread outside it); end draws whatever the threads left pending, part after part, in
+  // the order one thread would have drawn it.
   virtual bool drawsFromThreads() const { return false; }
   virtual void beginThreadedDrawing(std::function<uint32_t()> threadIndex) { (void)threadIndex; }
   virtual void endThreadedDrawing() {}

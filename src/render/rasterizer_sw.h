@@ -2,8 +2,8 @@
 // points into a frame buffer with two colour buffers, with the OpenGL back end's projection.
 //
 // Several threads may draw into one frame at once. Each drawing thread appends its set-up
-// primitives to its own bin (the bin index comes from a hook, normally the thread manager's
-// current thread index). The rows of the frame are dealt in bands of eight to a few parts per
+// primitives to the bin of the part of the work it is drawing (the bin index comes from a hook:
+// the slice of samples the thread draws). The rows of the frame are dealt in bands of eight to a few parts per
 // replay thread, and a bin keeps one list per part holding the primitives that touch that
 // part's rows. The replay threads take the parts one after another as they finish, and draw a
 // part from every bin's list in bin order, which is the order one thread would have drawn them

@@ -18,6 +18,8 @@ namespace {
 
 // Maps of fewer samples are drawn on the calling thread.
 constexpr uint32_t kMinThreadedSamples = 100;
+// Slices of a run per drawing thread.
+constexpr uint32_t kSlicesPerThread = 8;
 
 Vector diameterCorner(const Vector& lo, const Vector& hi, int corner) {
   return {(corner & 1) != 0 ? hi.x : lo.x, (corner & 2) != 0 ? hi.y : lo.y,
@@ -273,6 +275,44 @@ template class DrawThreaded<LightMap, DrawSamplesCb<1>>;
 template class DrawThreaded<IrradianceMap, DrawSamplesCb<0>>;
 template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
+namespace {
+
+// The slice a drawing thread is drawing: where the back end records its geometry.
+thread_local uint32_t t_slice = 0;
+
+// Deals the slices of a run to the threads as they ask for them, so that a thread slowed by
+// other work on its core draws fewer slices rather than holding the others up. Slice i is the
+// share of "thread" i of `slices` in the drawing job; the back end draws the slices' geometry in
+// slice order, which is the samples' order.
+template <class Job>
+class DealSlices final : public MultiThreaded {
+ public:
+  DealSlices(Job& job, uint32_t slices) : job_(job), slices_(slices) {}
+  void run(std::atomic<int32_t>* resultWord, std::atomic<int32_t>* progressWord, int32_t,
+           int32_t) override {
+    for (uint32_t s = next_++; s < slices_; s = next_++) {
+      t_slice = s;
+      job_.run(resultWord, progressWord, static_cast<int32_t>(s), static_cast<int32_t>(slices_));
+    }
+  }
+  const char* threadName() override { return "draw_thread"; }
+
+ private:
+  Job& job_;
+  uint32_t slices_;
+  std::atomic<uint32_t> next_{0};
+};
+
+template <class Map, class Cb>
+void drawRun(Map& map, Cb* records, uint32_t run, uint32_t base, uint32_t slices,
+             uint32_t threadCount, ThreadManager& threads, ProgressCallback* waitSink) {
+  DrawThreaded<Map, Cb> job(map, records, run, base);
+  DealSlices<DrawThreaded<Map, Cb>> deal(job, slices);
+  threads.run(static_cast<int32_t>(threadCount), &deal, waitSink, false);
+}
+
+}  // namespace
+
 template <int b>
 uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   const DrawnMap& map = scene.map;
@@ -291,17 +331,16 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
     return 1;
   }
 
-  auto records = std::make_unique<DrawSamplesCb<b>[]>(n);
-  for (uint32_t i = 0; i < n; ++i) records[i].pass = &pass;
+  const uint32_t slices = std::min(kSlicesPerThread * n, 256u);
+  auto records = std::make_unique<DrawSamplesCb<b>[]>(slices);
+  for (uint32_t i = 0; i < slices; ++i) records[i].pass = &pass;
   for (uint32_t base = 0; base < total; base += kThreadedRunSamples) {
     const uint32_t run = std::min(kThreadedRunSamples, total - base);
-    pass.rasterizer->beginThreadedDrawing([threads] { return threads->currentThreadIndex(); });
+    pass.rasterizer->beginThreadedDrawing([] { return t_slice; });
     if (map.light != nullptr) {
-      DrawThreaded<LightMap, DrawSamplesCb<b>> job(*map.light, records.get(), run, base);
-      threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
+      drawRun(*map.light, records.get(), run, base, slices, n, *threads, scene.waitSink);
     } else {
-      DrawThreaded<IrradianceMap, DrawSamplesCb<b>> job(*map.irradiance, records.get(), run, base);
-      threads->run(static_cast<int32_t>(n), &job, scene.waitSink, false);
+      drawRun(*map.irradiance, records.get(), run, base, slices, n, *threads, scene.waitSink);
     }
     // The back end draws this run's geometry before the next run records any.
     pass.rasterizer->endThreadedDrawing();
