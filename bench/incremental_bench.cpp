@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "bench_maps.h"
@@ -180,18 +181,50 @@ void BM_PlainAdd10M(benchmark::State& state) {
   gPlainLarge = total.per(state.iterations());
 }
 
+// A plain load of a 10M-sample map file, and the preparation that the viewer runs on a map it
+// has loaded (prepare(kPrepareAfterLoad)) of the same map: the table after the runs gives the
+// preparation's time over the load's.
+benchmaps::Times gLoad10M, gPrepare10M;
+
+// Empty when the file could not be written.
+const std::string& file10M() {
+  static const std::string path = [] {
+    const auto map = mapOf(frame(0), 10);
+    std::string file = benchmaps::scratch().path("room10m.lumap");
+    return map->saveToFile(file.c_str(), nullptr) == 0 ? file : std::string();
+  }();
+  return path;
+}
+
+void BM_Load10M(benchmark::State& state) {
+  const std::string& path = file10M();
+  if (path.empty()) return state.SkipWithError("cannot write the map");
+  benchmaps::Times total;
+  for (auto _ : state) {
+    auto map = std::make_unique<DefIrradianceMap>();
+    const benchmaps::Stopwatch watch;
+    if (map->loadFromFile(path.c_str(), 0, 0.0f) != 0) return state.SkipWithError("load failed");
+    total += watch.elapsed();
+    state.PauseTiming();
+    map.reset();
+    state.ResumeTiming();
+  }
+  gLoad10M = total.per(state.iterations());
+}
+
 void BM_Prepare10M(benchmark::State& state) {
   const auto map = mapOf(frame(0), 10);
   benchmaps::Times total;
   for (auto _ : state) {
     const benchmaps::Stopwatch watch;
-    map->prepare(0);
+    map->prepare(DefIrradianceMap::kPrepareAfterLoad);
     total += watch.elapsed();
   }
   const benchmaps::Times per = total.per(state.iterations());
   state.counters["samples"] = static_cast<double>(map->samples().size());
   state.counters["seconds"] = per.wall;
   report(state, gPlainLarge, per);
+  gPrepare10M = per;
 }
 
 BENCHMARK(BM_PlainAdd)->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -202,6 +235,7 @@ BENCHMARK(BM_ReferenceSecondCamera)->Unit(benchmark::kMillisecond)->Iterations(3
 BENCHMARK(BM_IncrementalAdd3MEmpty)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_Reference3MEmpty)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_PlainAdd10M)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_Load10M)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_Prepare10M)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 }  // namespace
@@ -219,6 +253,12 @@ int main(int argc, char** argv) {
                 c.name, 1e6 * c.ours.cpu, 1e6 * c.reference.cpu, c.reference.cpu / c.ours.cpu,
                 c.reference.wall / c.ours.wall, c.keptOurs, c.keptReference,
                 c.keptOurs == c.keptReference ? "" : "  MISMATCH");
+  }
+  if (gLoad10M.wall > 0.0 && gPrepare10M.wall > 0.0) {
+    std::printf("\nprepare(%d) of a 10M-sample map / a plain load of its file: %.2f (wall; "
+                "%.0f ms against %.0f ms)\n",
+                DefIrradianceMap::kPrepareAfterLoad, gPrepare10M.wall / gLoad10M.wall,
+                1e3 * gPrepare10M.wall, 1e3 * gLoad10M.wall);
   }
   benchmark::Shutdown();
   return 0;
