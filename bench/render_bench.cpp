@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -204,15 +205,24 @@ void BM_SoftwareManagerOneWorker(benchmark::State& state) {
 }
 BENCHMARK(BM_SoftwareManagerOneWorker)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-// The share of pixels on which two pictures agree; -1 when either is missing.
-double samePixels(const std::string& a, const std::string& b) {
+// The share of pixels on which two pictures agree, each channel within `tolerance`; -1 when
+// either is missing.
+double samePixels(const std::string& a, const std::string& b, int tolerance = 0) {
   const auto ia = gPictures.find(a), ib = gPictures.find(b);
   if (ia == gPictures.end() || ib == gPictures.end() || ia->second.size() != ib->second.size() ||
       ia->second.empty()) {
     return -1.0;
   }
   size_t same = 0;
-  for (size_t i = 0; i < ia->second.size(); ++i) same += ia->second[i] == ib->second[i];
+  for (size_t i = 0; i < ia->second.size(); ++i) {
+    bool close = true;
+    for (int shift = 0; shift < 24; shift += 8) {
+      const int ca = static_cast<int>((ia->second[i] >> shift) & 0xFF);
+      const int cb = static_cast<int>((ib->second[i] >> shift) & 0xFF);
+      close = close && std::abs(ca - cb) <= tolerance;
+    }
+    same += close;
+  }
   return static_cast<double>(same) / static_cast<double>(ia->second.size());
 }
 
@@ -271,8 +281,12 @@ int main(int argc, char** argv) {
                       "BM_SoftwareOneThread", false, "target <= 1.0");
   const double minimal = samePixels("one thread", "minimal");
   if (minimal >= 0.0) {
-    std::printf("pixels equal to the minimal rasterizer's: %.2f%% (edges differ)\n",
-                100.0 * minimal);
+    // Where discs overlap in one plane, the two depth buffers (24-bit fixed point against
+    // float) settle the tie differently, and the edge rules differ: neighbouring discs of
+    // nearly the same colour show there.
+    std::printf("pixels equal to the minimal rasterizer's: %.2f%%, within 8 of 255 in every "
+                "channel: %.2f%%\n",
+                100.0 * minimal, 100.0 * samePixels("one thread", "minimal", 8));
   }
   for (const char* kind : {"all threads", "manager of one worker"}) {
     const double same = samePixels("one thread", kind);
