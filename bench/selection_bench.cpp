@@ -1,10 +1,13 @@
 // Picks and edits on a synthesised room of one million irradiance samples at 800 x 600, 6-sided
-// discs as the viewer draws them by default: a rectangle pick over the whole window in each
-// depth mode (OpenGL off screen: visible, specified depth, full depth; the software rasterizer:
+// discs as the viewer draws them by default: a rectangle pick over the whole window, and one of
+// 40 x 40 pixels in its middle, in each depth mode (OpenGL off screen: visible, specified depth, full depth; the software rasterizer:
 // visible, on one thread and on all), each against one frame of the same back end drawn in the
 // same run; and deleting a selection of one million samples and undoing it, against one pass
 // over the map's samples.
 #include <benchmark/benchmark.h>
+
+#include <string>
+#include <utility>
 
 #include "bench_room.h"
 #include "ratio_reporter.h"
@@ -26,6 +29,8 @@ using namespace LUtils;
 constexpr int kWidth = 800;
 constexpr int kHeight = 600;
 constexpr PickRect kWholeWindow{0, 0, kWidth - 1, kHeight - 1};
+// A rubber band of 40 x 40 pixels in the middle of the window: the everyday pick.
+constexpr PickRect kSmall{380, 280, 419, 319};
 
 struct Scene : SynthRoom {
   DefThreadManager threads;
@@ -80,7 +85,8 @@ void picks(benchmark::State& state, Rasterizer3D& r, int32_t mode, bool threaded
   uint64_t selected = 0;
   for (auto _ : state) {
     s.edits.clearSelection();
-    selected = runSelection(r, s.drawScene(), s.edits, settings, kWholeWindow);
+    selected = runSelection(r, s.drawScene(), s.edits, settings,
+                            state.range(0) == 0 ? kWholeWindow : kSmall);
   }
   state.counters["selected"] = static_cast<double>(selected);
 }
@@ -141,13 +147,13 @@ void BM_DeleteAndUndoAMillion(benchmark::State& state) {
 }
 
 BENCHMARK(BM_GLFrame)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_GLPickVisible)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_GLPickSpecified)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_GLPickFull)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_GLPickVisible)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_GLPickSpecified)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_GLPickFull)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(BM_SoftwareFrame)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_SoftwarePickVisible)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_SoftwarePickVisible)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(BM_SoftwareThreadsFrame)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_SoftwareThreadsPickVisible)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_SoftwareThreadsPickVisible)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(BM_OnePassOverTheSamples)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(BM_DeleteAndUndoAMillion)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
@@ -158,18 +164,27 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  std::printf("\nRatios (a pick of the whole window against one frame of the same back end):\n");
-  reporter.printRatio("OpenGL pick, visible / frame", "BM_GLPickVisible", "BM_GLFrame", false,
-                      "for information");
-  reporter.printRatio("OpenGL pick, specified depth / frame", "BM_GLPickSpecified", "BM_GLFrame",
-                      false, "for information");
-  reporter.printRatio("OpenGL pick, full depth / frame", "BM_GLPickFull", "BM_GLFrame", false,
-                      "for information");
-  reporter.printRatio("software pick, visible / frame", "BM_SoftwarePickVisible",
-                      "BM_SoftwareFrame", false, "for information");
-  reporter.printRatio("software pick on all threads, visible / frame",
-                      "BM_SoftwareThreadsPickVisible", "BM_SoftwareThreadsFrame", false,
-                      "for information");
+  const struct {
+    const char* label;
+    const char* pick;
+    const char* frame;
+  } ratios[] = {
+      {"OpenGL pick, visible", "BM_GLPickVisible", "BM_GLFrame"},
+      {"OpenGL pick, specified depth", "BM_GLPickSpecified", "BM_GLFrame"},
+      {"OpenGL pick, full depth", "BM_GLPickFull", "BM_GLFrame"},
+      {"software pick, visible", "BM_SoftwarePickVisible", "BM_SoftwareFrame"},
+      {"software pick on all threads, visible", "BM_SoftwareThreadsPickVisible",
+       "BM_SoftwareThreadsFrame"},
+  };
+  for (const auto& [arg, what] : {std::pair{"/0/", "the whole window"},
+                                  std::pair{"/1/", "a 40 x 40 rectangle"}}) {
+    std::printf("\nRatios (a pick of %s against one frame of the same back end):\n", what);
+    for (const auto& r : ratios) {
+      reporter.printRatio(std::string(r.label) + " / frame", std::string(r.pick) + arg, r.frame,
+                          false, "for information");
+    }
+  }
+  std::printf("\n");
   reporter.printRatio("delete + undo of 1M selected / one pass over the samples",
                       "BM_DeleteAndUndoAMillion", "BM_OnePassOverTheSamples", false,
                       "for information");

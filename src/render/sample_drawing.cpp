@@ -384,15 +384,51 @@ void drawFrame(Rasterizer3D& r, const DrawScene& scene) {
   r.swapBuffers();
 }
 
-void drawSamplePass(Rasterizer3D& r, const DrawScene& scene) {
-  computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
-                 scene.view->frustum);
+void computePickFrustum(const Camera* camera, float farDistance, int width, int height,
+                        const PixelRect& rect, FrustumPlane planes[6]) {
+  computeFrustum(camera, farDistance, width, height, planes);
+  const CameraFrame f = cameraFrame(camera);
+  const double w = width > 0 ? width : 1;
+  const double h = height > 0 ? height : 1;
+  const float tanV = static_cast<float>(
+      std::tan(verticalFovDegrees(f.fieldOfView, width, height) * 3.14159265358979 / 360.0));
+  const float tanH = tanV * static_cast<float>(w / h);
+  // The rectangle's sides in normalised device coordinates (y upward), two pixels wider all
+  // round than the pixels it covers.
+  const auto ndc = [](double v) { return static_cast<float>(std::clamp(v, -1.0, 1.0)); };
+  const float left = ndc(2.0 * (std::min(rect.x0, rect.x1) - 2) / w - 1.0);
+  const float right = ndc(2.0 * (std::max(rect.x0, rect.x1) + 3) / w - 1.0);
+  const float top = ndc(1.0 - 2.0 * (std::min(rect.y0, rect.y1) - 2) / h);
+  const float bottom = ndc(1.0 - 2.0 * (std::max(rect.y0, rect.y1) + 3) / h);
+  auto plane = [&](const Vector& n) {
+    const Vector unit = n / length(n);
+    return FrustumPlane{unit, -dot(unit, f.eye)};
+  };
+  planes[2] = plane(f.forward * (tanH * right) - f.right);
+  planes[3] = plane(f.right - f.forward * (tanH * left));
+  planes[4] = plane(f.forward * (tanV * top) - f.up);
+  planes[5] = plane(f.up - f.forward * (tanV * bottom));
+}
+
+namespace {
+void passFrustum(Rasterizer3D& r, const DrawScene& scene, const PixelRect* pick) {
+  if (pick != nullptr) {
+    computePickFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(), *pick,
+                       scene.view->frustum);
+  } else {
+    computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
+                   scene.view->frustum);
+  }
+}
+}  // namespace
+
+void drawSamplePass(Rasterizer3D& r, const DrawScene& scene, const PixelRect* pick) {
+  passFrustum(r, scene, pick);
   drawSamplesCached<0>(r, scene, scene.cache != nullptr ? &scene.cache->samples : nullptr);
 }
 
-void drawPickingPass(Rasterizer3D& r, const DrawScene& scene) {
-  computeFrustum(r.camera(), r.farDistance(), r.viewportWidth(), r.viewportHeight(),
-                 scene.view->frustum);
+void drawPickingPass(Rasterizer3D& r, const DrawScene& scene, const PixelRect* pick) {
+  passFrustum(r, scene, pick);
   drawSamplesCached<1>(r, scene, scene.cache != nullptr ? &scene.cache->picking : nullptr);
 }
 

@@ -167,12 +167,26 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene);
 // The whole frame for the camera into the rasterizer (clear, samples, selection boxes, axis),
 // ending with swapBuffers.
 void drawFrame(Rasterizer3D& rasterizer, const DrawScene& scene);
+// A rectangle of window pixels, y downward, both corners included.
+struct PixelRect {
+  int x0, y0, x1, y1;
+};
+// The frustum of a pick: computeFrustum's, with the sides narrowed to the rectangle's pixels and
+// two more all round. A sample whose bounding sphere lies outside it has no pixel in the
+// rectangle and no primitive in its pick volume.
+void computePickFrustum(const Camera* camera, float farDistance, int width, int height,
+                        const PixelRect& rect, FrustumPlane planes[6]);
+
 // The samples of a frame without the rest of it (a pick through the back end's names): frustum,
 // then every sample with its index as pick name, through the cache's compiled samples.
-void drawSamplePass(Rasterizer3D& rasterizer, const DrawScene& scene);
+// With `pick`, the frustum is the pick's: a small rectangle draws only the samples near it.
+// (Compiled geometry holds every sample and is replayed whole.)
+void drawSamplePass(Rasterizer3D& rasterizer, const DrawScene& scene,
+                    const PixelRect* pick = nullptr);
 // The picking pass: frustum, then every sample in its index colour (the caller has set up the
 // picking frame). Where geometry can be compiled, the cache's picking geometry holds it.
-void drawPickingPass(Rasterizer3D& rasterizer, const DrawScene& scene);
+void drawPickingPass(Rasterizer3D& rasterizer, const DrawScene& scene,
+                     const PixelRect* pick = nullptr);
 
 // Sums the mean of the three colour channels of every drawable sample and counts them.
 class GetSamplesIntensityCb final {

@@ -141,7 +141,7 @@ void pickByNames(Rasterizer3D& r, const DrawScene& scene, SampleBits& selected, 
   const float depth = settings.depthMode == kDepthFull ? -1.0f : settings.specifiedDepth * 5e-05f;
   if (!r.beginSelection(rect.x0, rect.y0, rect.x1, rect.y1, depth)) return;
   r.setDepthTest(true);
-  drawSamplePass(r, scene);
+  drawSamplePass(r, scene, &rect);
   if (settings.similarNormals) {
     const SampleNormals normals(scene.map);
     PreSelectionCb<T> pre(normals);
@@ -162,7 +162,7 @@ void pickByColours(Rasterizer3D& r, const DrawScene& scene, SampleBits& selected
   r.setDepthTest(true);
   r.setFillMode(1);
   r.beginSelection(rect.x0, rect.y0, rect.x1, rect.y1, 0.0f);
-  drawPickingPass(r, scene);
+  drawPickingPass(r, scene, &rect);
   std::vector<uint32_t> indices;
   r.readPickIndices(rect.x0, rect.y0, rect.x1, rect.y1, indices);
   std::unique_ptr<SampleNormals> normals;

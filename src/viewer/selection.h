@@ -146,9 +146,7 @@ class CustomSelectionCb final : public BaseCustomSelectionCb {
 
 // A pick rectangle from a drag: corners ordered, and a rectangle of zero width or height widened
 // by `radius` to both sides in that direction.
-struct PickRect {
-  int x0, y0, x1, y1;
-};
+using PickRect = PixelRect;
 PickRect rectangleFromDrag(int startX, int startY, int endX, int endY, int radius);
 // The square a paint dab selects.
 PickRect paintSquare(int x, int y, int radius);

@@ -5,12 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <set>
 
 #include "irradiance/def_irradiance_map.h"
 #include "render/camera.h"
 #include "render/gl/gl_test_support.h"
 #include "render/rasterizer_sw.h"
+#include "synth/synth_room.h"
 
 namespace LUtils {
 namespace {
@@ -102,6 +104,67 @@ TEST(Selection, DepthModesOnTwoStackedLayers) {
   }
   EXPECT_NE(cache.samples, 0u);
   EXPECT_NE(cache.picking, 0u);
+}
+
+// A pick draws only the samples that can reach its rectangle. Compiled geometry holds every
+// sample and is replayed whole, so picks through it are the reference: on the synthesised room,
+// rectangles of every size (single pixels and the whole window among them) find the same
+// samples in each depth mode either way.
+TEST(Selection, PicksNearTheirRectangleFindWhatWholeGeometryFinds) {
+  constexpr int kWidth = 320, kHeight = 240;
+  SynthRoom room(20000, kWidth, kHeight);
+  RasterizerGL gl;
+  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, kWidth, kHeight);
+  gl.setCamera(&room.camera);
+  gl.setFarDistance(room.farDistance);
+  DrawOptions options;
+  SampleEdits edits;
+  edits.reset(static_cast<uint32_t>(room.map.numSamples()));
+  DrawView view;
+  GeometryCache cache(options, edits);
+  cache.setRasterizer(&gl);
+  const DrawScene near{room.drawn(), &options, &edits, &view, nullptr, nullptr};
+  DrawScene whole = near;
+  whole.cache = &cache;
+
+  std::mt19937 random(3);
+  std::vector<PickRect> rects{{0, 0, kWidth - 1, kHeight - 1}, {160, 120, 160, 120},
+                              {0, 0, 0, 0}, {kWidth - 1, kHeight - 1, kWidth - 1, kHeight - 1}};
+  for (int i = 0; i < 10; ++i) {
+    const int x = std::uniform_int_distribution<int>(0, kWidth - 1)(random);
+    const int y = std::uniform_int_distribution<int>(0, kHeight - 1)(random);
+    const int size = std::uniform_int_distribution<int>(0, 60)(random);
+    rects.push_back({x, y, std::min(x + size, kWidth - 1), std::min(y + size / 2, kHeight - 1)});
+  }
+  const auto picked = [&](const DrawScene& scene, const SelectionSettings& settings,
+                          const PickRect& rect) {
+    options.setUseDisplayLists(scene.cache != nullptr);
+    edits.clearSelection();
+    runSelection(gl, scene, edits, settings, rect);
+    if (scene.cache != nullptr) {
+      // Turning the lists on or off drops them: each reference pick compiles them afresh.
+      EXPECT_NE(settings.depthMode == kDepthVisible ? cache.picking : cache.samples, 0u);
+    }
+    std::vector<uint32_t> indices;
+    for (uint32_t i = 0; i < static_cast<uint32_t>(room.map.numSamples()); ++i) {
+      if (edits.selected(i)) indices.push_back(i);
+    }
+    return indices;
+  };
+  size_t found = 0;
+  for (const int32_t mode : {kDepthVisible, kDepthSpecified, kDepthFull}) {
+    SelectionSettings settings;
+    settings.depthMode = mode;
+    settings.specifiedDepth = 20.0f;
+    for (const PickRect& rect : rects) {
+      const std::vector<uint32_t> reference = picked(whole, settings, rect);
+      EXPECT_EQ(picked(near, settings, rect), reference)
+          << "mode " << mode << ", " << rect.x0 << "," << rect.y0 << " - " << rect.x1 << ","
+          << rect.y1;
+      found += reference.size();
+    }
+  }
+  EXPECT_GT(found, 1000u);  // the rectangles do find samples
 }
 
 TEST(Selection, SimilarNormalsKeepOppositeFacingAndDropTheRest) {

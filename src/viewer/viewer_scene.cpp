@@ -47,7 +47,8 @@ std::optional<uint32_t> ViewerScene::pickVisible(Rasterizer3D& rasterizer, int x
   rasterizer.setDepthTest(true);
   rasterizer.setFillMode(1);
   rasterizer.beginSelection(x, y, x, y, 0.0f);
-  drawPickingPass(rasterizer, pickScene());
+  const PixelRect pick{x, y, x, y};
+  drawPickingPass(rasterizer, pickScene(), &pick);
   std::vector<uint32_t> indices;
   rasterizer.readPickIndices(x, y, x, y, indices);
   DummySelectionCb done;
