@@ -139,7 +139,18 @@ int DefIrradianceMap::addSamples(IrradianceMap& source, ProgressCallback* progre
     progress->setProgress(0);
     progress->start();
   }
-  source.enumerateSamples(0, &cb);
+  ThreadManager* threads = nullptr;
+  int32_t threadCount = 1;
+  if (incremental && &source != this) {
+    threads = mergeThreads_ ? mergeThreads_ : &mergeThreadManager();
+    threadCount = mergeThreadCount_ > 0 ? mergeThreadCount_ : threads->threadCount();
+  }
+  if (threadCount > 1) {
+    lastParallelAdd_ = addIncrementallyInParallel(*this, source, count, progress, *threads,
+                                                  threadCount);
+  } else {
+    source.enumerateSamples(0, &cb);
+  }
   if (progress) progress->done();
   return 0;
 }

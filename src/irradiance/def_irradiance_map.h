@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "irradiance/irradiance_map.h"
+#include "irradiance/parallel_incremental.h"
 #include "irradiance/sample_kdtree.h"
 #include "threads/block_sequence.h"
 #include "threads/multi_reader_lock.h"
@@ -121,6 +122,17 @@ class DefIrradianceMap : public IrradianceMap {
   int32_t multiThreaded() const { return multiThreaded_; }
   void setMultiThreaded(int32_t on) { multiThreaded_ = on; }
 
+  // The threads of the incremental merge: addSamples looks samples up `count` at once on
+  // `threads` (count 0: the manager's threadCount()). A null manager, the default, is
+  // mergeThreadManager(). One thread, or a map merged into itself, keeps the one-sample-at-a-time
+  // path; every count gives the same map.
+  void setMergeThreads(ThreadManager* threads, int32_t count = 0) {
+    mergeThreads_ = threads;
+    mergeThreadCount_ = count;
+  }
+  // What the last incremental merge on several threads did.
+  const ParallelAddStats& lastParallelAdd() const { return lastParallelAdd_; }
+
   // 1 once prepare() has run since the last clear.
   int32_t built() const { return built_; }
 
@@ -166,6 +178,9 @@ class DefIrradianceMap : public IrradianceMap {
   int32_t built_ = 0;
   SampleKdTree kdTree_;
   MultiReaderLock rwLock_;
+  ThreadManager* mergeThreads_ = nullptr;
+  int32_t mergeThreadCount_ = 0;
+  ParallelAddStats lastParallelAdd_;
 
   // Only the IDs that occur get an entry, so a map with IDs 1 and 2^31-1 costs two lists.
   int32_t renderIdMin_ = 0;

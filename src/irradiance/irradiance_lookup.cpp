@@ -172,9 +172,7 @@ Color irradianceLookup(DefIrradianceMap& map, ThreadData& thread, ShadeContext& 
   const SpacingDecision decision =
       decideSpacing(settings, lookupFootprint(context), candidates);
 
-  const bool create = !decision.samePoint && !decision.covered && context.allowNewSamples &&
-                      !(flags & kLookupNoNewSamples) && shade.sampler;
-  if (!create) {
+  if (!createsSample(decision, context, shade, flags)) {
     if (flags & kLookupColourUnused) return {};
     const Color c = interpolateColour(candidates);
     return {c.r * color.r, c.g * color.g, c.b * color.b};
@@ -182,7 +180,21 @@ Color irradianceLookup(DefIrradianceMap& map, ThreadData& thread, ShadeContext& 
   // The sampler may take long (a renderer traces rays here): it runs without the lock. The
   // neighbours stay where they are, since samples never move.
   read.release();
+  Color result;
+  createSample(map, threadIndex, context, shade, decision, candidates, result);
+  return {result.r * color.r, result.g * color.g, result.b * color.b};
+}
 
+bool createsSample(const SpacingDecision& decision, const ShadeContext& context,
+                   const ShadeData& shade, int flags) {
+  return !decision.samePoint && !decision.covered && context.allowNewSamples &&
+         !(flags & kLookupNoNewSamples) && shade.sampler;
+}
+
+IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeContext& context,
+                          ShadeData& shade, const SpacingDecision& decision,
+                          std::span<const LookupCandidate> candidates, Color& result,
+                          std::vector<IrradSample*>* lowered) {
   IrradSample record{};
   record.position = context.position;
   record.normal = context.normal;
@@ -194,7 +206,6 @@ Color irradianceLookup(DefIrradianceMap& map, ThreadData& thread, ShadeContext& 
                  (decision.reason << IrradSample::kReasonShift);
   packDirection(context.direction, record);
   record.time = context.time;
-  Color result;
   shade.sampler->compute(result, context, map, record);
 
   const bool guarded = map.multiThreaded() != 0;
@@ -205,11 +216,14 @@ Color irradianceLookup(DefIrradianceMap& map, ThreadData& thread, ShadeContext& 
     const float newRadius = std::sqrt(std::max(stored->validRadius2, 0.0f));
     for (const LookupCandidate& c : candidates) {
       const float limit = length(c.sample->position - stored->position) + newRadius;
-      if (c.sample->validRadius2 > limit * limit) c.sample->validRadius2 = limit * limit;
+      if (c.sample->validRadius2 > limit * limit) {
+        c.sample->validRadius2 = limit * limit;
+        if (lowered) lowered->push_back(c.sample);
+      }
     }
   }
   if (guarded) map.multiReaderLock().writeUnlock(threadIndex);
-  return {result.r * color.r, result.g * color.g, result.b * color.b};
+  return stored;
 }
 
 }  // namespace LUtils

@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "io/vector.h"
@@ -127,6 +128,20 @@ Color interpolateColour(const std::vector<LookupCandidate>& candidates);
 // The whole lookup on a default map (the map's irradiance operation).
 Color irradianceLookup(DefIrradianceMap& map, ThreadData& thread, ShadeContext& context,
                        ShadeData& shade, const Color& color, int flags);
+
+// Whether the lookup creates a sample where it reached `decision`.
+bool createsSample(const SpacingDecision& decision, const ShadeContext& context,
+                   const ShadeData& shade, int flags);
+
+// The lookup's second half where it creates a sample: fills the record, has the sampler compute
+// it (writing its colour into `result`), then, under the write side of the lock while the map is
+// multi-threaded, stores and indexes it and lowers the radii of the candidates that reach past
+// it; those are appended to `lowered` when given. Returns the stored sample, or null when the
+// storage could not grow.
+IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeContext& context,
+                          ShadeData& shade, const SpacingDecision& decision,
+                          std::span<const LookupCandidate> candidates, Color& result,
+                          std::vector<IrradSample*>* lowered = nullptr);
 
 // The per-sample step of the incremental merge: offers one source sample to the map's own lookup
 // at the sample's point (thread index 0), with a sampler that answers with the sample itself.

@@ -1,0 +1,258 @@
+#include "irradiance/parallel_incremental.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <span>
+#include <unordered_set>
+#include <vector>
+
+#include "irradiance/def_irradiance_map.h"
+#include "irradiance/irradiance_lookup.h"
+#include "irradiance/sample_kdtree.h"
+#include "irradiance/shading.h"
+#include "threads/progress_callback.h"
+#include "threads/thread_manager.h"
+
+namespace LUtils {
+
+ThreadManager& mergeThreadManager() {
+  static DefThreadManager manager;
+  return manager;
+}
+
+namespace {
+
+constexpr int kFlags = kLookupColourUnused;
+
+// Copies consecutive source samples into a batch; stops the enumeration once it is full.
+class BatchReader : public EnumIrradianceSamplesCallback {
+ public:
+  BatchReader(std::vector<IrradSample>& out, size_t want) : out_(out), want_(want) {}
+  int process(IrradSample& sample) override {
+    out_.push_back(sample);
+    return out_.size() < want_ ? 1 : 0;
+  }
+
+ private:
+  std::vector<IrradSample>& out_;
+  size_t want_;
+};
+
+// The parallel lookup of one sample.
+struct Decided {
+  SpacingDecision decision;
+  uint32_t worker = 0;
+  uint32_t begin = 0, count = 0;  // its candidates in the worker's pool
+  bool create = false;
+  std::atomic<bool> ready{false};
+};
+
+// Looks up every sample of a batch against the map as it stands, on several threads.
+class LookupTask : public MultiThreaded {
+ public:
+  LookupTask(DefIrradianceMap& map, const std::vector<IrradSample>& batch, Decided* decided,
+             std::vector<std::vector<LookupCandidate>>& pools)
+      : map_(map), batch_(batch), decided_(decided), pools_(pools),
+        settings_(LookupSettings::fromHeader(*map.header())) {}
+
+  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t index, int32_t) override {
+    const auto worker = static_cast<uint32_t>(index);
+    if (worker >= pools_.size()) return;  // more threads than asked for: the others do it
+    std::vector<LookupCandidate>& pool = pools_[worker];
+    std::vector<LookupCandidate> own;
+    ThreadData thread;
+    thread.threadIndex = worker;
+    ShadeData shade;
+    NullIrradianceSampler sampler;  // only asked whether there is one
+    shade.sampler = &sampler;
+    const bool guarded = map_.multiThreaded() != 0;
+    const auto n = static_cast<uint32_t>(batch_.size());
+    for (;;) {
+      const uint32_t first = next_.fetch_add(kChunk, std::memory_order_relaxed);
+      if (first >= n) break;
+      const uint32_t end = std::min(n, first + kChunk);
+      if (guarded) map_.multiReaderLock().readLock(worker);
+      for (uint32_t i = first; i < end; ++i) {
+        const ShadeContext context = makeInsertionContext(batch_[i], thread);
+        own.clear();
+        collectCandidates(map_.kdTree(), context, settings_, own);
+        Decided& d = decided_[i];
+        d.decision = decideSpacing(settings_, lookupFootprint(context), own);
+        d.decision.nearest = nullptr;  // pointed into `own`
+        d.create = createsSample(d.decision, context, shade, kFlags);
+        d.worker = worker;
+        d.begin = static_cast<uint32_t>(pool.size());
+        d.count = static_cast<uint32_t>(own.size());
+        pool.insert(pool.end(), own.begin(), own.end());
+        d.ready.store(true, std::memory_order_release);
+      }
+      if (guarded) map_.multiReaderLock().readUnlock(worker);
+    }
+  }
+  const char* threadName() override { return "merge_thread"; }
+
+ private:
+  static constexpr uint32_t kChunk = 32;
+  DefIrradianceMap& map_;
+  const std::vector<IrradSample>& batch_;
+  Decided* decided_;
+  std::vector<std::vector<LookupCandidate>>& pools_;
+  const LookupSettings settings_;
+  std::atomic<uint32_t> next_{0};
+};
+
+// The samples whose radii were lowered during one batch: a bit filter answers most questions,
+// the set the rest.
+class LoweredSet {
+ public:
+  LoweredSet() : bits_(kBits / 64, 0) {}
+  void clear() {
+    std::fill(bits_.begin(), bits_.end(), 0);
+    exact_.clear();
+  }
+  void add(const IrradSample* s) {
+    const size_t h = hash(s);
+    bits_[h / 64] |= uint64_t{1} << (h % 64);
+    exact_.insert(s);
+  }
+  bool contains(const IrradSample* s) const {
+    const size_t h = hash(s);
+    if (!(bits_[h / 64] >> (h % 64) & 1)) return false;
+    return exact_.count(s) != 0;
+  }
+  bool empty() const { return exact_.empty(); }
+
+ private:
+  static constexpr int kLogBits = 18;
+  static constexpr size_t kBits = size_t{1} << kLogBits;
+  static size_t hash(const IrradSample* s) {
+    return static_cast<size_t>((reinterpret_cast<uintptr_t>(s) * 0x9E3779B97F4A7C15ull) >>
+                               (64 - kLogBits));
+  }
+  std::vector<uint64_t> bits_;
+  std::unordered_set<const IrradSample*> exact_;
+};
+
+}  // namespace
+
+ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap& source,
+                                            int32_t count, ProgressCallback* progress,
+                                            ThreadManager& threads, int32_t threadCount) {
+  using namespace parallel_incremental;
+  ParallelAddStats stats;
+  const auto total = static_cast<uint32_t>(std::max(count, 0));
+  const auto workers = static_cast<uint32_t>(std::max(threadCount, 1));
+  const LookupSettings settings = LookupSettings::fromHeader(*map.header());
+
+  std::vector<IrradSample> batch;
+  std::vector<std::vector<LookupCandidate>> pools(workers);
+  std::vector<LookupCandidate> scratch;
+  std::vector<IrradSample*> lowered;
+  LoweredSet loweredSet;
+  // The samples stored in this batch, indexed alone: never folded.
+  SampleKdTree stored(std::numeric_limits<size_t>::max());
+  ThreadData caller;  // the commits run as thread 0, as the one-thread merge does
+  std::unique_ptr<Decided[]> decided;
+  uint32_t capacity = 0;
+
+  uint32_t size = workers * kMinPerThread;
+  uint32_t done = 0;
+  while (done < total) {
+    const uint32_t want = std::min(size, total - done);
+    batch.clear();
+    batch.reserve(want);
+    BatchReader reader(batch, want);
+    source.enumerateSamples(done, &reader);
+    const auto n = static_cast<uint32_t>(batch.size());
+    if (n == 0) break;  // the source shrank under us
+
+    // Look every sample up in parallel.
+    if (n > capacity) {
+      decided.reset(new Decided[n]);
+      capacity = n;
+    }
+    for (uint32_t i = 0; i < n; ++i) decided[i].ready.store(false, std::memory_order_relaxed);
+    for (auto& pool : pools) pool.clear();
+    LookupTask task(map, batch, decided.get(), pools);
+    threads.run(static_cast<int32_t>(workers), &task, nullptr, false);
+
+    // Commit in source order.
+    stored.clear();
+    loweredSet.clear();
+    bool folded = false;
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < n; ++i) {
+      const IrradSample& sample = batch[i];
+      ShadeContext context = makeInsertionContext(sample, caller);
+      InsertSampleCallback sampler(&sample);
+      ShadeData shade;
+      shade.sampler = &sampler;
+      const Decided& d = decided[i];
+
+      bool same = d.ready.load(std::memory_order_acquire) && !folded;
+      std::span<const LookupCandidate> candidates;
+      if (same) {
+        candidates = std::span<const LookupCandidate>(pools[d.worker]).subspan(d.begin, d.count);
+        if (!loweredSet.empty()) {
+          for (const LookupCandidate& c : candidates) {
+            if (loweredSet.contains(c.sample)) {
+              same = false;
+              break;
+            }
+          }
+        }
+      }
+      if (same && stored.size()) {
+        stored.forEachContaining(context.position, [&](IrradSample&) { same = false; });
+      }
+
+      SpacingDecision decision;
+      bool create;
+      if (same) {
+        decision = d.decision;
+        create = d.create;
+      } else {
+        ++stats.redone;
+        const bool guarded = map.multiThreaded() != 0;
+        if (guarded) map.multiReaderLock().readLock(caller.threadIndex);
+        scratch.clear();
+        collectCandidates(map.kdTree(), context, settings, scratch);
+        decision = decideSpacing(settings, lookupFootprint(context), scratch);
+        if (guarded) map.multiReaderLock().readUnlock(caller.threadIndex);
+        create = createsSample(decision, context, shade, kFlags);
+        candidates = scratch;
+      }
+
+      if (create) {
+        const size_t indexedBefore = map.kdTree().insertedCount();
+        lowered.clear();
+        Color colour;
+        IrradSample* added =
+            createSample(map, caller.threadIndex, context, shade, decision, candidates, colour,
+                         &lowered);
+        if (added) {
+          ++kept;
+          stored.insert(*added);
+          for (const IrradSample* s : lowered) loweredSet.add(s);
+          if (map.kdTree().insertedCount() < indexedBefore) folded = true;
+        }
+      }
+      if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
+    }
+
+    done += n;
+    ++stats.batches;
+    stats.offered += n;
+    stats.kept += kept;
+    // About kTargetKeptPerThread kept samples per thread in the next batch.
+    const uint64_t next = uint64_t{n} * kTargetKeptPerThread * workers / std::max<uint32_t>(kept, 1);
+    size = static_cast<uint32_t>(std::clamp<uint64_t>(next, uint64_t{workers} * kMinPerThread,
+                                                      uint64_t{workers} * kMaxPerThread));
+  }
+  return stats;
+}
+
+}  // namespace LUtils

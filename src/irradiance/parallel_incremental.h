@@ -1,0 +1,62 @@
+// The incremental merge on several threads, with exactly the result of one.
+//
+// The source is offered in batches of consecutive samples. First every sample of a batch is looked
+// up on the workers against the map as it stood before the batch (read side of the map's lock
+// while the map is multi-threaded, each worker under its own thread index): each keeps its
+// candidates and the lookup's decision. Then the calling thread commits the batch in source order,
+// as the one-thread merge would have offered it. A sample keeps the decision of its parallel
+// lookup only when the map, seen from its point, is still what that lookup saw:
+//   - no candidate it collected had its radius lowered by an earlier sample of this batch (a
+//     lowered radius changes a weight or drops the candidate), and
+//   - no sample stored earlier in this batch reaches its point (it would be a candidate), and
+//   - the index was not folded into a new tree earlier in this batch (the candidates would come
+//     in another order, and the order decides ties and the last bits of the sums).
+// Otherwise the sample is looked up again, there and then, against the map as it is. A kept
+// decision to store the sample goes through the lookup's own storing step with the collected
+// candidates, so the stored record, its place in the storage and index, and the radii lowered
+// are those of the one-thread merge: the map comes out the same, byte for byte.
+//
+// A batch that keeps most of what it is offered has most of its later samples reached by earlier
+// ones and looked up twice; so the next batch is sized from how many samples the last one kept:
+// about kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread
+// samples per thread. The candidates of one batch take about 16 bytes each, a few MB per thread
+// at most.
+#pragma once
+
+#include <cstdint>
+
+namespace LUtils {
+
+class DefIrradianceMap;
+class IrradianceMap;
+class ProgressCallback;
+class ThreadManager;
+
+// What one parallel merge did, for benchmarks and tests.
+struct ParallelAddStats {
+  uint64_t batches = 0;
+  uint64_t offered = 0;
+  uint64_t kept = 0;
+  uint64_t redone = 0;  // samples looked up again at commit
+};
+
+namespace parallel_incremental {
+inline constexpr uint32_t kMinPerThread = 64;
+inline constexpr uint32_t kMaxPerThread = 8192;
+inline constexpr uint32_t kTargetKeptPerThread = 48;
+}  // namespace parallel_incremental
+
+// Offers the first `count` samples of `source` (not `map` itself) to `map`'s incremental merge
+// with `threadCount` lookups at once on `threads`, advancing `progress` (may be null) after every
+// sample, in order, from the calling thread, as the one-thread merge does; the caller starts and
+// finishes the progress. Workers that cannot be started leave their share to the others, or to
+// the calling thread.
+ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap& source,
+                                            int32_t count, ProgressCallback* progress,
+                                            ThreadManager& threads, int32_t threadCount);
+
+// The manager that incremental merges use unless the map was given one: made on first use, with
+// the thread count defaultThreadCount() (LUMORA_NUM_THREADS).
+ThreadManager& mergeThreadManager();
+
+}  // namespace LUtils

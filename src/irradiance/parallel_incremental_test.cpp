@@ -1,0 +1,204 @@
+// The incremental merge on several threads gives the saved file of one thread, byte for byte,
+// and the same progress, for maps that keep much, little or nothing of what they are offered.
+#include "irradiance/parallel_incremental.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "irradiance/def_irradiance_map.h"
+#include "irradiance/sample_kdtree.h"
+#include "synth/generator.h"
+#include "test_support/scratch_dir.h"
+#include "threads/progress_callback.h"
+#include "threads/thread_manager.h"
+
+namespace LUtils {
+namespace {
+
+std::vector<IrradSample> frame(int view, uint32_t count, uint64_t seed) {
+  synth::Params p;
+  p.count = count;
+  p.seed = seed;
+  p.view = synth::presetView(view);
+  std::vector<IrradSample> out;
+  EXPECT_EQ(synth::generate(p, out), static_cast<int64_t>(count));
+  return out;
+}
+
+// Every call the merge makes on its progress sink, in order.
+class RecordingProgress final : public ProgressCallback {
+ public:
+  void setTotal(int32_t total) override { note("T", total); }
+  int32_t getTotal() override { return 0; }
+  void setProgress(int32_t done) override {
+    if (done != last + 1) note(" jump to ", done);
+    last = done;
+  }
+  int32_t getProgress() override { return last; }
+  void setTitle(const char*) override {}
+  void start() override { log += " start"; }
+  void done() override { note(" done at ", last); }
+  void message(int, int, const char*, ...) override { log += " message"; }
+  void note(const char* what, int32_t value) {
+    log.append(what);
+    log.append(std::to_string(value));
+  }
+  std::string log;
+  int32_t last = -1;
+};
+
+struct Merged {
+  std::string bytes;     // the saved file
+  std::string progress;  // the progress calls
+  size_t added = 0;
+  ParallelAddStats stats;
+};
+
+class ParallelIncrementalMerge : public testing::ScratchDirTest {
+ protected:
+  ParallelIncrementalMerge() : ScratchDirTest("parallel-merge") {}
+
+  // Merges `source` incrementally into a prepared map holding `destination`, on `threads`
+  // threads, and saves the result.
+  Merged merge(const std::vector<IrradSample>& destination, const std::vector<IrradSample>& source,
+               int32_t threads, uint32_t samplesPerBlock = DefIrradianceMap::kSamplesPerBlock) {
+    synth::Params p;
+    DefIrradianceMap map(samplesPerBlock), offered(samplesPerBlock);
+    map.setHeader(synth::makeHeader(p));
+    for (const IrradSample& s : destination) map.appendSample(s);
+    for (const IrradSample& s : source) offered.appendSample(s);
+    if (foldMinimum_) map.kdTree() = SampleKdTree(foldMinimum_);
+    map.prepare(0);
+    map.setMergeThreads(&manager_, threads);
+    RecordingProgress progress;
+    map.addSamples(offered, &progress, 1);
+    Merged out;
+    out.progress = progress.log;
+    out.added = map.sampleCount() - destination.size();
+    out.stats = map.lastParallelAdd();
+    const std::string file = path("merged-" + std::to_string(threads) + ".lumap");
+    EXPECT_EQ(map.saveToFile(file.c_str(), nullptr), 0);
+    out.bytes = testing::readWholeFile(file);
+    return out;
+  }
+
+  // Merges on 1, 2, 3 and 8 threads and compares each saved file with one thread's, as cmp
+  // does. Returns the one-thread result.
+  Merged expectSameOnEveryThreadCount(const std::vector<IrradSample>& destination,
+                                      const std::vector<IrradSample>& source,
+                                      uint32_t samplesPerBlock = DefIrradianceMap::kSamplesPerBlock) {
+    const Merged one = merge(destination, source, 1, samplesPerBlock);
+    for (int32_t threads : {2, 3, 8}) {
+      const Merged many = merge(destination, source, threads, samplesPerBlock);
+      EXPECT_EQ(many.added, one.added) << threads << " threads";
+      EXPECT_EQ(many.progress, one.progress) << threads << " threads";
+      EXPECT_EQ(many.bytes.size(), one.bytes.size()) << threads << " threads";
+      const size_t common = std::min(one.bytes.size(), many.bytes.size());
+      const auto differ = std::mismatch(one.bytes.begin(), one.bytes.begin() + common,
+                                        many.bytes.begin()).first;
+      EXPECT_EQ(differ, one.bytes.begin() + common) << threads << " threads: the files differ at byte "
+                                         << (differ - one.bytes.begin());
+      if (!source.empty()) {
+        EXPECT_EQ(many.stats.offered, source.size());
+        EXPECT_EQ(many.stats.kept, one.added);
+      }
+    }
+    return one;
+  }
+
+  DefThreadManager manager_;
+  size_t foldMinimum_ = 0;  // 0: the index's own
+};
+
+TEST_F(ParallelIncrementalMerge, FrameIntoEmptyMapAndIntoItself) {
+  const std::vector<IrradSample> first = frame(0, 20000, 1);
+  const Merged into = expectSameOnEveryThreadCount({}, first);
+  EXPECT_GT(into.added, first.size() / 20);
+  EXPECT_LT(into.added, first.size());
+  EXPECT_EQ(into.progress, "T20000 start done at 20000");
+
+  // Each sample finds its own copy: nothing is kept, and nothing needs a second lookup.
+  const Merged itself = expectSameOnEveryThreadCount(first, first);
+  EXPECT_EQ(itself.added, 0u);
+  EXPECT_EQ(merge(first, first, 2).stats.redone, 0u);
+}
+
+TEST_F(ParallelIncrementalMerge, SecondCameraIntoFirst) {
+  const Merged m = expectSameOnEveryThreadCount(frame(0, 20000, 1), frame(1, 20000, 2));
+  EXPECT_GT(m.added, 1000u);
+  // Small storage blocks, and an index that folds its inserted samples into a new tree every few
+  // hundred: the kept samples cross many block boundaries, and batches see the tree change.
+  foldMinimum_ = 256;
+  const Merged folding = expectSameOnEveryThreadCount(frame(0, 300, 3), frame(1, 4000, 4), 64);
+  EXPECT_GT(folding.added, 3 * foldMinimum_);
+}
+
+// Samples that no index can place are offered and stored exactly as on one thread, in either
+// map; so are samples offered several times over and samples that share a position.
+TEST_F(ParallelIncrementalMerge, NonFiniteAndDuplicatedSamples) {
+  constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+  constexpr float inf = std::numeric_limits<float>::infinity();
+  std::vector<IrradSample> destination = frame(0, 5000, 5);
+  std::vector<IrradSample> source = frame(1, 5000, 6);
+  for (std::vector<IrradSample>* v : {&destination, &source}) {
+    for (size_t i = 0; i < v->size(); i += 97) {
+      IrradSample& s = (*v)[i];
+      switch (i % 5) {
+        case 0: s.position.x = nan; break;
+        case 1: s.validRadius2 = inf; break;
+        case 2: s.validRadius2 = 0.0f; break;
+        case 3: s.position = {3e38f, -3e38f, 3e38f}; break;
+        default: s.validRadius2 = nan; break;
+      }
+    }
+  }
+  expectSameOnEveryThreadCount(destination, source);
+
+  std::vector<IrradSample> repeated;
+  const std::vector<IrradSample> few = frame(1, 2000, 7);
+  for (int copy = 0; copy < 3; ++copy) repeated.insert(repeated.end(), few.begin(), few.end());
+  for (size_t i = 0; i + 1 < repeated.size(); i += 11) {
+    repeated[i + 1].position = repeated[i].position;  // same point, another radius and colour
+  }
+  expectSameOnEveryThreadCount({}, repeated);
+  expectSameOnEveryThreadCount(frame(0, 2000, 8), repeated);
+}
+
+// A sample whose parallel lookup found itself covered by a neighbour whose radius an earlier
+// sample of the batch then lowered past it: only a second lookup sees that it is needed.
+TEST_F(ParallelIncrementalMerge, NeighbourLoweredEarlierInTheBatch) {
+  auto at = [](float x, float footprint, float radius) {
+    IrradSample s{};
+    s.position = {x, 0.0f, 0.0f};
+    s.normal = {0.0f, 0.0f, 1.0f};
+    s.validRadius2 = radius * radius;
+    s.drawRadius2 = s.validRadius2;
+    s.hitDistance = 1e6f;  // no colour limit
+    s.footprint = footprint;
+    s.packedNormalZ = IrradSample::packUnit(0.0f);  // seen from straight above
+    return s;
+  };
+  // The wide sample at 0 reaches 10. The first offered one, at 1, lies past the spacing of its
+  // small footprint: it is stored and cuts the wide radius to 1.1. The second, at -2, is covered
+  // by the wide sample at its large footprint's spacing only as long as that reaches it.
+  const std::vector<IrradSample> destination = {at(0.0f, 1.0f, 10.0f)};
+  const std::vector<IrradSample> source = {at(1.0f, 0.01f, 0.1f), at(-2.0f, 4.0f, 0.1f)};
+  EXPECT_EQ(expectSameOnEveryThreadCount(destination, source).added, 2u);
+}
+
+TEST_F(ParallelIncrementalMerge, EmptyAndSingleSampleSources) {
+  const Merged empty = expectSameOnEveryThreadCount(frame(0, 1000, 9), {});
+  EXPECT_EQ(empty.progress, "");  // no progress at all
+  const Merged one = expectSameOnEveryThreadCount({}, frame(1, 1, 10));
+  EXPECT_EQ(one.added, 1u);
+  EXPECT_EQ(one.progress, "T1 start done at 1");
+}
+
+}  // namespace
+}  // namespace LUtils
