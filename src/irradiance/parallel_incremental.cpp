@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <span>
-#include <unordered_set>
+#include <time.h>
 #include <vector>
 
 #include "irradiance/def_irradiance_map.h"
@@ -26,6 +28,12 @@ ThreadManager& mergeThreadManager() {
 namespace {
 
 constexpr int kFlags = kLookupColourUnused;
+
+double threadCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
 
 // Copies consecutive source samples into a batch; stops the enumeration once it is full.
 class BatchReader : public EnumIrradianceSamplesCallback {
@@ -70,6 +78,7 @@ class LookupTask : public MultiThreaded {
     shade.sampler = &sampler;
     const bool guarded = map_.multiThreaded() != 0;
     const auto n = static_cast<uint32_t>(batch_.size());
+    const double cpuStart = threadCpuSeconds();
     for (;;) {
       const uint32_t first = next_.fetch_add(kChunk, std::memory_order_relaxed);
       if (first >= n) break;
@@ -91,8 +100,13 @@ class LookupTask : public MultiThreaded {
       }
       if (guarded) map_.multiReaderLock().readUnlock(worker);
     }
+    const double used = threadCpuSeconds() - cpuStart;
+    std::lock_guard<std::mutex> guard(cpuLock_);
+    cpuSeconds += used;
   }
   const char* threadName() override { return "merge_thread"; }
+
+  double cpuSeconds = 0.0;  // summed over the workers
 
  private:
   static constexpr uint32_t kChunk = 32;
@@ -102,38 +116,69 @@ class LookupTask : public MultiThreaded {
   std::vector<std::vector<LookupCandidate>>& pools_;
   const LookupSettings settings_;
   std::atomic<uint32_t> next_{0};
+  std::mutex cpuLock_;
 };
 
-// The samples whose radii were lowered during one batch: a bit filter answers most questions,
-// the set the rest.
+// The samples whose radii were lowered during one batch: an open-addressed set of pointers, at
+// most half full, emptied by clearing the slots it used, behind a bit filter small enough to stay
+// in the first-level cache, which answers most questions alone.
 class LoweredSet {
  public:
-  LoweredSet() : bits_(kBits / 64, 0) {}
+  LoweredSet() : slots_(kInitialSlots, nullptr), filter_(kFilterBits / 64, 0) {}
   void clear() {
-    std::fill(bits_.begin(), bits_.end(), 0);
-    exact_.clear();
+    for (size_t at : used_) {
+      const size_t h = hash(slots_[at]) >> kFilterShift;
+      filter_[h / 64] = 0;
+      slots_[at] = nullptr;
+    }
+    used_.clear();
   }
   void add(const IrradSample* s) {
-    const size_t h = hash(s);
-    bits_[h / 64] |= uint64_t{1} << (h % 64);
-    exact_.insert(s);
+    if (2 * (used_.size() + 1) > slots_.size()) grow();
+    const size_t h = hash(s) >> kFilterShift;
+    filter_[h / 64] |= uint64_t{1} << (h % 64);
+    place(s);
   }
   bool contains(const IrradSample* s) const {
-    const size_t h = hash(s);
-    if (!(bits_[h / 64] >> (h % 64) & 1)) return false;
-    return exact_.count(s) != 0;
+    const size_t h = hash(s) >> kFilterShift;
+    if (!(filter_[h / 64] >> (h % 64) & 1)) return false;
+    const size_t mask = slots_.size() - 1;
+    for (size_t at = hash(s) & mask;; at = (at + 1) & mask) {
+      if (slots_[at] == s) return true;
+      if (!slots_[at]) return false;
+    }
   }
-  bool empty() const { return exact_.empty(); }
+  bool empty() const { return used_.empty(); }
 
  private:
-  static constexpr int kLogBits = 18;
-  static constexpr size_t kBits = size_t{1} << kLogBits;
+  static constexpr size_t kInitialSlots = 4096;
+  static constexpr size_t kFilterBits = size_t{1} << 16;
+  static constexpr int kFilterShift = 16;  // the filter takes the hash's upper 16 of 32 bits
   static size_t hash(const IrradSample* s) {
-    return static_cast<size_t>((reinterpret_cast<uintptr_t>(s) * 0x9E3779B97F4A7C15ull) >>
-                               (64 - kLogBits));
+    return static_cast<size_t>((reinterpret_cast<uintptr_t>(s) * 0x9E3779B97F4A7C15ull) >> 32);
   }
-  std::vector<uint64_t> bits_;
-  std::unordered_set<const IrradSample*> exact_;
+  void place(const IrradSample* s) {
+    const size_t mask = slots_.size() - 1;
+    for (size_t at = hash(s) & mask;; at = (at + 1) & mask) {
+      if (slots_[at] == s) return;
+      if (!slots_[at]) {
+        slots_[at] = s;
+        used_.push_back(at);
+        return;
+      }
+    }
+  }
+  void grow() {
+    std::vector<const IrradSample*> old;
+    old.reserve(used_.size());
+    for (size_t at : used_) old.push_back(slots_[at]);
+    slots_.assign(slots_.size() * 2, nullptr);
+    used_.clear();
+    for (const IrradSample* s : old) place(s);
+  }
+  std::vector<const IrradSample*> slots_;
+  std::vector<size_t> used_;  // the slots in use
+  std::vector<uint64_t> filter_;
 };
 
 }  // namespace
@@ -160,7 +205,13 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
 
   uint32_t size = workers * kMinPerThread;
   uint32_t done = 0;
+  using Clock = std::chrono::steady_clock;
+  auto seconds = [](Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+  };
+  const double callerCpuStart = threadCpuSeconds();
   while (done < total) {
+    const Clock::time_point readStart = Clock::now();
     const uint32_t want = std::min(size, total - done);
     batch.clear();
     batch.reserve(want);
@@ -177,7 +228,12 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
     for (uint32_t i = 0; i < n; ++i) decided[i].ready.store(false, std::memory_order_relaxed);
     for (auto& pool : pools) pool.clear();
     LookupTask task(map, batch, decided.get(), pools);
+    const Clock::time_point lookupStart = Clock::now();
     threads.run(static_cast<int32_t>(workers), &task, nullptr, false);
+    const Clock::time_point commitStart = Clock::now();
+    stats.lookupSeconds += seconds(lookupStart, commitStart);
+    stats.lookupCpuSeconds += task.cpuSeconds;
+    stats.commitSeconds += seconds(readStart, lookupStart);
 
     // Commit in source order.
     stored.clear();
@@ -186,10 +242,6 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
     uint32_t kept = 0;
     for (uint32_t i = 0; i < n; ++i) {
       const IrradSample& sample = batch[i];
-      ShadeContext context = makeInsertionContext(sample, caller);
-      InsertSampleCallback sampler(&sample);
-      ShadeData shade;
-      shade.sampler = &sampler;
       const Decided& d = decided[i];
 
       bool same = d.ready.load(std::memory_order_acquire) && !folded;
@@ -206,14 +258,23 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
         }
       }
       if (same && stored.size()) {
-        stored.forEachContaining(context.position, [&](IrradSample&) { same = false; });
+        stored.forEachContaining(sample.position, [&](IrradSample&) { same = false; });
+      }
+      if (same && !d.create) {
+        // Covered, as on one thread: nothing to store.
+        if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
+        continue;
       }
 
+      ShadeContext context = makeInsertionContext(sample, caller);
+      InsertSampleCallback sampler(&sample);
+      ShadeData shade;
+      shade.sampler = &sampler;
       SpacingDecision decision;
       bool create;
       if (same) {
         decision = d.decision;
-        create = d.create;
+        create = true;
       } else {
         ++stats.redone;
         const bool guarded = map.multiThreaded() != 0;
@@ -243,6 +304,7 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
       if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
     }
 
+    stats.commitSeconds += seconds(commitStart, Clock::now());
     done += n;
     ++stats.batches;
     stats.offered += n;
@@ -252,6 +314,7 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
     size = static_cast<uint32_t>(std::clamp<uint64_t>(next, uint64_t{workers} * kMinPerThread,
                                                       uint64_t{workers} * kMaxPerThread));
   }
+  stats.commitCpuSeconds = threadCpuSeconds() - callerCpuStart;
   return stats;
 }
 

@@ -38,12 +38,16 @@ struct ParallelAddStats {
   uint64_t offered = 0;
   uint64_t kept = 0;
   uint64_t redone = 0;  // samples looked up again at commit
+  double lookupSeconds = 0.0;  // wall time of the parallel lookups
+  double commitSeconds = 0.0;  // wall time of the commits, reading the source included
+  double lookupCpuSeconds = 0.0;  // CPU time of the parallel lookups, every worker's summed
+  double commitCpuSeconds = 0.0;  // CPU time of the calling thread outside the lookups
 };
 
 namespace parallel_incremental {
 inline constexpr uint32_t kMinPerThread = 64;
-inline constexpr uint32_t kMaxPerThread = 8192;
-inline constexpr uint32_t kTargetKeptPerThread = 48;
+inline constexpr uint32_t kMaxPerThread = 16384;
+inline constexpr uint32_t kTargetKeptPerThread = 1024;
 }  // namespace parallel_incremental
 
 // Offers the first `count` samples of `source` (not `map` itself) to `map`'s incremental merge

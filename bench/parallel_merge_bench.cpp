@@ -1,0 +1,167 @@
+// The incremental merge on one thread and on two, in the same run: a 1M-sample frame of the
+// synthesised room offered to a prepared 1M-sample frame (same camera; second camera), and 3M
+// samples offered to an empty map; also the octree reference cache (bench/reference) offered the
+// same samples. The table after the runs gives, per case, one thread's wall time over two
+// threads' (target: 1.7 or more on two cores), the reference's time over two threads', the
+// samples kept, the batches and the samples looked up again per batch, and whether the two maps
+// are the same byte for byte.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "bench_maps.h"
+#include "irradiance/def_irradiance_map.h"
+#include "octree_cache.h"
+#include "synth/generator.h"
+#include "threads/thread_manager.h"
+
+namespace {
+
+using LUtils::DefIrradianceMap;
+using LUtils::IrradSample;
+
+uint32_t frameCount() { return benchmaps::sampleCount(1000000); }
+
+// Frames 0 and 1: the same camera; frame 2: the second camera; frame 3: three times as many
+// samples from the second camera.
+const std::vector<IrradSample>& frame(int which) {
+  static std::vector<IrradSample> frames[4];
+  std::vector<IrradSample>& f = frames[which];
+  if (f.empty()) {
+    synth::Params p;
+    p.count = which == 3 ? 3 * frameCount() : frameCount();
+    p.seed = 1 + which;
+    p.view = synth::presetView(which >= 2 ? 1 : 0);
+    synth::generate(p, f);
+  }
+  return f;
+}
+
+std::unique_ptr<DefIrradianceMap> mapOf(const std::vector<IrradSample>& samples) {
+  auto map = std::make_unique<DefIrradianceMap>();
+  synth::Params p;
+  map->setHeader(synth::makeHeader(p));
+  for (const IrradSample& s : samples) map->appendSample(s);
+  return map;
+}
+
+LUtils::DefThreadManager gThreads;
+
+struct Case {
+  Case(const char* n, int b, int s) : name(n), base(b), source(s) {}
+  const char* name;
+  int base, source;  // frames; base < 0: an empty map
+  benchmaps::Times time[3];  // one thread, two threads, the reference
+  size_t kept[3] = {0, 0, 0};
+  LUtils::ParallelAddStats stats;
+  std::vector<IrradSample> result[2];  // the merged samples of one and two threads
+};
+Case gCases[3] = {{"1M into 1M, same camera", 0, 1},
+                  {"1M into 1M, second camera", 0, 2},
+                  {"3M into an empty map", -1, 3}};
+
+void merge(benchmark::State& state, Case& c, int threads) {
+  const auto source = mapOf(frame(c.source));
+  benchmaps::Times total;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto target = mapOf(c.base >= 0 ? frame(c.base) : std::vector<IrradSample>{});
+    target->prepare(0);
+    target->setMergeThreads(&gThreads, threads);
+    const size_t before = target->samples().size();
+    state.ResumeTiming();
+    const benchmaps::Stopwatch watch;
+    target->addSamples(*source, nullptr, 1);
+    total += watch.elapsed();
+    state.PauseTiming();
+    c.kept[threads - 1] = target->samples().size() - before;
+    if (threads > 1) c.stats = target->lastParallelAdd();
+    std::vector<IrradSample>& out = c.result[threads - 1];
+    out.resize(target->samples().size());
+    for (size_t i = 0; i < out.size(); ++i) out[i] = target->samples()[i];
+    target.reset();
+    state.ResumeTiming();
+  }
+  c.time[threads - 1] = total.per(state.iterations());
+  state.counters["kept"] = static_cast<double>(c.kept[threads - 1]);
+}
+
+void reference(benchmark::State& state, Case& c) {
+  const std::vector<IrradSample>& offered = frame(c.source);
+  synth::Params p;
+  const IrradianceMapHeader header = synth::makeHeader(p);
+  benchmaps::Times total;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto cache = std::make_unique<reference::OctreeCache>(header);
+    if (c.base >= 0) {
+      cache->reserve(frame(c.base).size() + offered.size());
+      for (const IrradSample& s : frame(c.base)) cache->add(s);
+    } else {
+      cache->reserve(offered.size());
+    }
+    state.ResumeTiming();
+    const benchmaps::Stopwatch watch;
+    size_t n = 0;
+    for (const IrradSample& s : offered) n += cache->offer(s);
+    total += watch.elapsed();
+    c.kept[2] = n;
+    state.PauseTiming();
+    cache.reset();
+    state.ResumeTiming();
+  }
+  c.time[2] = total.per(state.iterations());
+}
+
+void BM_SameCamera1(benchmark::State& s) { merge(s, gCases[0], 1); }
+void BM_SameCamera2(benchmark::State& s) { merge(s, gCases[0], 2); }
+void BM_SameCameraReference(benchmark::State& s) { reference(s, gCases[0]); }
+void BM_SecondCamera1(benchmark::State& s) { merge(s, gCases[1], 1); }
+void BM_SecondCamera2(benchmark::State& s) { merge(s, gCases[1], 2); }
+void BM_SecondCameraReference(benchmark::State& s) { reference(s, gCases[1]); }
+void BM_Empty3M1(benchmark::State& s) { merge(s, gCases[2], 1); }
+void BM_Empty3M2(benchmark::State& s) { merge(s, gCases[2], 2); }
+void BM_Empty3MReference(benchmark::State& s) { reference(s, gCases[2]); }
+
+BENCHMARK(BM_SameCamera1)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_SameCamera2)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_SameCameraReference)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_SecondCamera1)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_SecondCamera2)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_SecondCameraReference)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_Empty3M1)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Empty3M2)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Empty3MReference)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  std::printf("\nIncremental add on two threads (wall time; target: one / two >= 1.7 on two "
+              "cores):\n");
+  for (const Case& c : gCases) {
+    if (c.time[0].wall <= 0.0 || c.time[1].wall <= 0.0) continue;
+    const bool same = c.result[0].size() == c.result[1].size() &&
+                      std::memcmp(c.result[0].data(), c.result[1].data(),
+                                  c.result[0].size() * sizeof(IrradSample)) == 0;
+    const double batches = static_cast<double>(c.stats.batches ? c.stats.batches : 1);
+    std::printf("%-26s one / two %5.2f, reference / two %5.2f; kept %zu; %llu batches of %.0f, "
+                "%.1f looked up again per batch; CPU: lookups %.3f s, commits %.3f s, one thread %.3f s "
+                "(one / two on two idle cores at most %.2f); maps %s\n",
+                c.name, c.time[0].wall / c.time[1].wall,
+                c.time[2].wall > 0.0 ? c.time[2].wall / c.time[1].wall : 0.0, c.kept[1],
+                static_cast<unsigned long long>(c.stats.batches),
+                static_cast<double>(c.stats.offered) / batches,
+                static_cast<double>(c.stats.redone) / batches, c.stats.lookupCpuSeconds,
+                c.stats.commitCpuSeconds, c.time[0].cpu,
+                c.time[0].cpu / (c.stats.commitCpuSeconds + c.stats.lookupCpuSeconds / 2),
+                same ? "identical" : "DIFFERENT");
+  }
+  benchmark::Shutdown();
+  return 0;
+}
