@@ -142,6 +142,14 @@ TEST_F(Companions, GlobMergeEqualsTheLoadChainByteForByte) {
       chain.insert(chain.end(), {"-save", "chain" + ext, "-nodisplay"});
       ASSERT_EQ(run(chain).status, 0);
       EXPECT_TRUE(bytes("merged" + ext) == bytes("chain" + ext)) << ext << flag;
+      // Any number of threads writes the same file.
+      for (const char* threads : {"1", "3", "8"}) {
+        std::vector<std::string> args = {MERGE_BINARY, "-q", "--threads", threads};
+        if (incremental) args.push_back("-i");
+        args.insert(args.end(), {"-o", "threads" + ext, "frame0" + ext, "frame1" + ext, "frame2" + ext});
+        ASSERT_EQ(run(args).status, 0);
+        EXPECT_EQ(shell("cmp threads" + ext + " chain" + ext).status, 0) << threads << flag;
+      }
 
       // Standard output is a file here: no carriage returns, ten progress lines for each of
       // the two frames merged into the first, one line per input and the total.
@@ -158,6 +166,8 @@ TEST_F(Companions, GlobMergeEqualsTheLoadChainByteForByte) {
       }
     }
   }
+  EXPECT_EQ(run({MERGE_BINARY, "--threads", "0", "-o", "x.lumap", "frame0.lumap"}).status, 2);
+
   // The incremental merge really left samples out, and its summary says how many.
   const Outcome json = run({MERGE_BINARY, "-i", "--json", "-o", "again.lumap", "frame0.lumap",
                         "frame1.lumap", "frame2.lumap"});

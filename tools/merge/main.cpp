@@ -15,8 +15,10 @@
 #include "cacheview_version.h"
 #include "common/tool_support.h"
 #include "irradiance/irradiance_map.h"
+#include "irradiance/parallel_incremental.h"
 #include "lightcache/light_map.h"
 #include "lightcache/light_merge.h"
+#include "threads/thread_manager.h"
 
 namespace {
 
@@ -37,6 +39,9 @@ const char kUsage[] =
     "Options:\n"
     "  -o, --output FILE     the merged file to write (replaced only once it is complete)\n"
     "  -i, --incremental     keep only the samples that add information\n"
+    "  -j, --threads N       look samples up on N threads in an incremental merge (default:\n"
+    "                        LUMORA_NUM_THREADS, else one per processor); the output does not\n"
+    "                        depend on N\n"
     "  -k, --keep-going      skip an input that does not load, say why, and go on; the exit\n"
     "                        status then says that inputs were skipped\n"
     "      --json            print the summary as JSON on standard output instead of text\n"
@@ -70,7 +75,19 @@ struct Options {
   bool keepGoing = false;
   bool json = false;
   bool quiet = false;
+  int threads = 0;  // 0: the thread manager's count
 };
+
+// A decimal count from lo to hi.
+bool parseCount(const char* text, long lo, long hi, int& out) {
+  if (!text || !*text) return false;
+  char* end = nullptr;
+  errno = 0;
+  const long v = std::strtol(text, &end, 10);
+  if (*end != '\0' || errno != 0 || v < lo || v > hi) return false;
+  out = static_cast<int>(v);
+  return true;
+}
 
 // Returns -1 to go on, otherwise the exit status.
 int parseOptions(int argc, char** argv, Options& o) {
@@ -78,15 +95,21 @@ int parseOptions(int argc, char** argv, Options& o) {
   static const option kLong[] = {
       {"output", required_argument, nullptr, 'o'}, {"incremental", no_argument, nullptr, 'i'},
       {"keep-going", no_argument, nullptr, 'k'},   {"json", no_argument, nullptr, kJson},
+      {"threads", required_argument, nullptr, 'j'},
       {"quiet", no_argument, nullptr, 'q'},        {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, kVersion}, {nullptr, 0, nullptr, 0}};
   opterr = 0;
   int c;
-  while ((c = getopt_long(argc, argv, ":o:ikqh", kLong, nullptr)) != -1) {
+  while ((c = getopt_long(argc, argv, ":o:ij:kqh", kLong, nullptr)) != -1) {
     switch (c) {
       case 'o': o.output = optarg; break;
       case 'i': o.incremental = true; break;
       case 'k': o.keepGoing = true; break;
+      case 'j':
+        if (!parseCount(optarg, 1, 256, o.threads)) {
+          return usageError("--threads needs a number from 1 to 256");
+        }
+        break;
       case 'q': o.quiet = true; break;
       case kJson: o.json = true; break;
       case 'h': std::fputs(kUsage, stdout); return kExitOk;
@@ -268,6 +291,7 @@ std::string jsonSummary(const Options& o, const std::vector<InputResult>& result
 int main(int argc, char** argv) {
   Options o;
   if (const int status = parseOptions(argc, argv, o); status >= 0) return status;
+  if (o.threads > 0) LUtils::mergeThreadManager().setThreadCount(o.threads);
   const cvtool::Stopwatch clock;
   const bool text = !o.quiet && !o.json;
 
