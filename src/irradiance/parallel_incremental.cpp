@@ -20,11 +20,6 @@
 
 namespace LUtils {
 
-ThreadManager& mergeThreadManager() {
-  static DefThreadManager manager;
-  return manager;
-}
-
 namespace {
 
 constexpr int kFlags = kLookupColourUnused;

@@ -59,8 +59,4 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
                                             int32_t count, ProgressCallback* progress,
                                             ThreadManager& threads, int32_t threadCount);
 
-// The manager that incremental merges use unless the map was given one: made on first use, with
-// the thread count defaultThreadCount() (LUMORA_NUM_THREADS).
-ThreadManager& mergeThreadManager();
-
 }  // namespace LUtils

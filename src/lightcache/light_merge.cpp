@@ -1,10 +1,13 @@
 #include "lightcache/light_merge.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "threads/progress_callback.h"
+#include "threads/thread_manager.h"
 
 namespace {
 
@@ -25,10 +28,37 @@ bool coveredBy(LightMap& target, const LightMapSample& s) {
   return hit.found;
 }
 
+// Marks which samples of a stretch of the source the target covers, on several threads: the
+// target's tree is only read.
+class CoverTask : public LUtils::MultiThreaded {
+ public:
+  CoverTask(LightMap& target, LightMap& source, size_t first, std::vector<uint8_t>& covered)
+      : target_(target), source_(source), first_(first), covered_(covered) {}
+  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
+    const size_t n = covered_.size();
+    for (;;) {
+      const size_t from = next_.fetch_add(kChunk, std::memory_order_relaxed);
+      if (from >= n) break;
+      for (size_t i = from; i < std::min(n, from + kChunk); ++i) {
+        covered_[i] = coveredBy(target_, source_.samples()[first_ + i]) ? 1 : 0;
+      }
+    }
+  }
+  const char* threadName() override { return "merge_thread"; }
+
+ private:
+  static constexpr size_t kChunk = 256;
+  LightMap& target_;
+  LightMap& source_;
+  size_t first_;
+  std::vector<uint8_t>& covered_;
+  std::atomic<size_t> next_{0};
+};
+
 }  // namespace
 
 int mergeLightMaps(LightMap& target, LightMap* source, int incremental, LightMergeCounts* counts,
-                   LUtils::ProgressCallback* progress) {
+                   LUtils::ProgressCallback* progress, int32_t threadCount) {
   LightMergeCounts local;
   LightMergeCounts& c = counts ? *counts : local;
   c = {};
@@ -46,10 +76,25 @@ int mergeLightMaps(LightMap& target, LightMap* source, int incremental, LightMer
     progress->setProgress(0);
     progress->start();
   }
+  // On several threads the coverage of a stretch of the source is decided first, all at once:
+  // the tests see only what the target held before the merge, so the answers are those of one
+  // thread.
+  const int32_t threads = threadCount > 0 ? threadCount : LUtils::mergeThreadManager().threadCount();
+  const bool parallel = incremental && threads > 1;
+  constexpr size_t kStretch = size_t{1} << 16;
+  std::vector<uint8_t> covered;
+  size_t stretchEnd = 0;
   int result = 0;
   size_t handled = 0;
   source->samples().forEach(0, [&](LightMapSample& s) {
-    if (incremental && coveredBy(target, s)) {
+    if (parallel && handled == stretchEnd) {
+      covered.assign(std::min(kStretch, total - handled), 0);
+      CoverTask task(target, *source, handled, covered);
+      LUtils::mergeThreadManager().run(threads, &task, nullptr, false);
+      stretchEnd = handled + covered.size();
+    }
+    if (incremental && (parallel ? covered[handled + covered.size() - stretchEnd] != 0
+                                 : coveredBy(target, s))) {
       ++c.skipped;
     } else {
       LightMapSample* copy = target.insertSample();

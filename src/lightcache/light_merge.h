@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "lightcache/light_map.h"
 
@@ -32,8 +33,12 @@ struct LightMergeCounts {
 // skipped; `progress` (optional) is advanced per sample, with start() and done() around the merge
 // when the source has samples.
 //
+// An incremental merge tests coverage on `threadCount` threads of the merge thread manager (0:
+// its count); the result is the same for every count.
+//
 // Returns 0; -1 when `source` is the target itself (nothing is done and nothing deleted), or when
 // memory ran out part way (the samples added so far stay, the source is still deleted). A null
 // source is an empty merge.
 int mergeLightMaps(LightMap& target, LightMap* source, int incremental,
-                   LightMergeCounts* counts = nullptr, LUtils::ProgressCallback* progress = nullptr);
+                   LightMergeCounts* counts = nullptr, LUtils::ProgressCallback* progress = nullptr,
+                   int32_t threadCount = 0);

@@ -98,6 +98,36 @@ TEST(LightMerge, IncrementalAddsOnlyUncoveredSamples) {
   }
 }
 
+// Coverage tested on several threads, in stretches of the source, keeps the same samples in the
+// same order and reports the same progress as on one.
+TEST(LightMerge, IncrementalOnEveryThreadCountKeepsTheSameSamples) {
+  std::vector<LightMapSample> one;
+  std::string oneProgress;
+  for (int32_t threads : {1, 2, 3, 8}) {
+    LightMap target;
+    addPlaneSamples(target, 5000, 0.0f, 1.0f, 0.02f, 2);
+    RecordingProgress progress;
+    LightMergeCounts counts;
+    EXPECT_EQ(mergeLightMaps(target, planeCache(140000, 0.5f, 1.5f, 0.003f, 6), 1, &counts,
+                             &progress, threads),
+              0);
+    EXPECT_GT(counts.added, 50000u);
+    EXPECT_GT(counts.skipped, 50000u);
+    std::vector<LightMapSample> all;
+    target.samples().forEach(0, [&](LightMapSample& s) { return all.push_back(s), true; });
+    const std::string events = progress.events + std::to_string(progress.last);
+    if (threads == 1) {
+      one = all;
+      oneProgress = events;
+      continue;
+    }
+    ASSERT_EQ(all.size(), one.size()) << threads << " threads";
+    EXPECT_EQ(std::memcmp(all.data(), one.data(), all.size() * sizeof(LightMapSample)), 0)
+        << threads << " threads";
+    EXPECT_EQ(events, oneProgress) << threads << " threads";
+  }
+}
+
 TEST(LightMerge, EmptyTargetNullSourceAndSelf) {
   LightMap target;
   LightMergeCounts counts;

@@ -326,6 +326,11 @@ int32_t defaultThreadCount() {
   return n > 0 ? n : reloadDefaultThreadCount();
 }
 
+ThreadManager& mergeThreadManager() {
+  static DefThreadManager manager;
+  return manager;
+}
+
 int32_t reloadDefaultThreadCount() {
   const int32_t n = threadCountFromEnvironment();
   g_defaultThreadCount.store(n, std::memory_order_relaxed);

@@ -81,6 +81,10 @@ int32_t reloadDefaultThreadCount();
 int32_t parseThreadCount(const char* text, int32_t fallback);
 inline constexpr int32_t kMaxDefaultThreads = 1024;
 
+// The manager that the incremental merges of irradiance maps and light caches use unless given
+// another: made on first use, with the thread count defaultThreadCount().
+ThreadManager& mergeThreadManager();
+
 class DefThreadManager final : public ThreadManager {
  public:
   DefThreadManager();

@@ -15,7 +15,6 @@
 #include "cacheview_version.h"
 #include "common/tool_support.h"
 #include "irradiance/irradiance_map.h"
-#include "irradiance/parallel_incremental.h"
 #include "lightcache/light_map.h"
 #include "lightcache/light_merge.h"
 #include "threads/thread_manager.h"
