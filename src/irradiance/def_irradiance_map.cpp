@@ -145,6 +145,7 @@ int DefIrradianceMap::addSamples(IrradianceMap& source, ProgressCallback* progre
     threads = mergeThreads_ ? mergeThreads_ : &mergeThreadManager();
     threadCount = mergeThreadCount_ > 0 ? mergeThreadCount_ : threads->threadCount();
   }
+  lastParallelAdd_ = {};
   if (threadCount > 1) {
     lastParallelAdd_ = addIncrementallyInParallel(*this, source, count, progress, *threads,
                                                   threadCount);

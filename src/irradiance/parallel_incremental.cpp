@@ -184,7 +184,9 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
   using namespace parallel_incremental;
   ParallelAddStats stats;
   const auto total = static_cast<uint32_t>(std::max(count, 0));
-  const auto workers = static_cast<uint32_t>(std::max(threadCount, 1));
+  // Each worker reads under its own slot of the map's lock.
+  const auto workers = std::min(static_cast<uint32_t>(std::max(threadCount, 1)),
+                                map.multiReaderLock().threadSlots());
   const LookupSettings settings = LookupSettings::fromHeader(*map.header());
 
   std::vector<IrradSample> batch;
