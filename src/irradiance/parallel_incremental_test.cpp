@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -67,7 +68,8 @@ class ParallelIncrementalMerge : public testing::ScratchDirTest {
   // Merges `source` incrementally into a prepared map holding `destination`, on `threads`
   // threads, and saves the result.
   Merged merge(const std::vector<IrradSample>& destination, const std::vector<IrradSample>& source,
-               int32_t threads, uint32_t samplesPerBlock = DefIrradianceMap::kSamplesPerBlock) {
+               int32_t threads, uint32_t samplesPerBlock = DefIrradianceMap::kSamplesPerBlock,
+               ThreadManager* manager = nullptr) {
     synth::Params p;
     DefIrradianceMap map(samplesPerBlock), offered(samplesPerBlock);
     map.setHeader(synth::makeHeader(p));
@@ -75,7 +77,7 @@ class ParallelIncrementalMerge : public testing::ScratchDirTest {
     for (const IrradSample& s : source) offered.appendSample(s);
     if (foldMinimum_) map.kdTree() = SampleKdTree(foldMinimum_);
     map.prepare(0);
-    map.setMergeThreads(&manager_, threads);
+    map.setMergeThreads(manager ? manager : &manager_, threads);
     RecordingProgress progress;
     map.addSamples(offered, &progress, 1);
     Merged out;
@@ -190,6 +192,32 @@ TEST_F(ParallelIncrementalMerge, NeighbourLoweredEarlierInTheBatch) {
   const std::vector<IrradSample> destination = {at(0.0f, 1.0f, 10.0f)};
   const std::vector<IrradSample> source = {at(1.0f, 0.01f, 0.1f), at(-2.0f, 4.0f, 0.1f)};
   EXPECT_EQ(expectSameOnEveryThreadCount(destination, source).added, 2u);
+}
+
+// A manager that can start no worker thread runs every task on the calling thread alone, as
+// the thread manager does when the system refuses threads.
+class NoWorkers final : public ThreadManager {
+ public:
+  void terminateThreads(bool) override {}
+  int32_t run(int32_t, MultiThreaded* task, ProgressCallback*, bool) override {
+    std::atomic<int32_t> progress{0};
+    task->run(&task->result, &progress, 0, 1);
+    return task->result.load();
+  }
+  void setLowPriority(bool) override {}
+  int32_t runAsync(AsyncTask*, uint64_t) override { return -1; }
+  void setStackSize(uint32_t) override {}
+  uint32_t currentThreadIndex() override { return 0xFFFFFFFFu; }
+  int32_t threadCount() override { return 4; }
+  void setThreadCount(int32_t) override {}
+};
+
+TEST_F(ParallelIncrementalMerge, WorkersThatCannotStartLeaveTheResultAlone) {
+  const std::vector<IrradSample> first = frame(0, 3000, 11), second = frame(1, 3000, 12);
+  NoWorkers none;
+  const Merged alone = merge(first, second, 4, DefIrradianceMap::kSamplesPerBlock, &none);
+  EXPECT_EQ(alone.stats.offered, second.size());
+  EXPECT_TRUE(alone.bytes == merge(first, second, 1).bytes);
 }
 
 TEST_F(ParallelIncrementalMerge, EmptyAndSingleSampleSources) {
