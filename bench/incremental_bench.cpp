@@ -103,6 +103,7 @@ void incrementalAdd(benchmark::State& state, int baseFrame, int sourceFrame, Cas
     state.PauseTiming();
     auto target = baseFrame >= 0 ? mapOf(frame(baseFrame)) : mapOf({});
     target->prepare(0);
+    target->setMergeThreads(nullptr, 1);  // one core against the one-core reference
     const size_t before = target->samples().size();
     state.ResumeTiming();
     const benchmaps::Stopwatch watch;
