@@ -92,7 +92,12 @@ void CanvasWaitSink::processMessages() {
   // Only the main thread's loop handles events, and a wait inside a yield does not yield again.
   wxEventLoopBase* loop = wxEventLoopBase::GetActive();
   if (loop == nullptr || !wxThread::IsMain() || loop->IsYielding()) return;
+  // A frame waits for its workers many times (once per run of samples); handling events at
+  // most every 20 ms keeps the window responsive without making the frame pay for each wait.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - lastEvents_ < std::chrono::milliseconds(20)) return;
   loop->YieldFor(wxEVT_CATEGORY_UI | wxEVT_CATEGORY_USER_INPUT);
+  lastEvents_ = std::chrono::steady_clock::now();
 }
 
 CacheViewOpenGLCanvas::CacheViewOpenGLCanvas(wxWindow* parent, LUtils::ViewerScene& scene,

@@ -23,6 +23,7 @@
 #include <wx/glcanvas.h>
 #include <wx/timer.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -53,6 +54,9 @@ class CanvasWaitSink final : public LUtils::ProgressCallback {
   void message(int, int, const char*, ...) override {}
   void start() override {}
   void done() override {}
+
+ private:
+  std::chrono::steady_clock::time_point lastEvents_;
 };
 
 class CacheViewOpenGLCanvas final : public wxGLCanvas {
