@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bench_maps.h"
+#include "merge_frames.h"
 #include "irradiance/def_irradiance_map.h"
 #include "octree_cache.h"
 #include "synth/generator.h"
@@ -25,37 +26,9 @@ namespace {
 using LUtils::DefIrradianceMap;
 using LUtils::IrradSample;
 
-uint32_t frameCount() { return benchmaps::sampleCount(1000000); }
-
-// Frames 0 and 1: the same camera; frame 2: the second camera of the walk; frame 3: three times
-// as many samples from the second camera.
-const std::vector<IrradSample>& frame(int which) {
-  static std::vector<IrradSample> frames[4];
-  std::vector<IrradSample>& f = frames[which];
-  if (f.empty()) {
-    synth::Params p;
-    p.count = which == 3 ? 3 * frameCount() : frameCount();
-    p.seed = 1 + which;
-    p.view = synth::presetView(which >= 2 ? 1 : 0);
-    synth::generate(p, f);
-  }
-  return f;
-}
-
-std::unique_ptr<DefIrradianceMap> mapOf(const std::vector<IrradSample>& samples, int copies = 1) {
-  auto map = std::make_unique<DefIrradianceMap>();
-  synth::Params p;
-  map->setHeader(synth::makeHeader(p));
-  for (int c = 0; c < copies; ++c) {
-    // Copies stand side by side, 20 m apart, like rooms of one building.
-    const LUtils::Vector offset{20.0f * static_cast<float>(c), 0.0f, 0.0f};
-    for (IrradSample s : samples) {
-      s.position += offset;
-      map->appendSample(s);
-    }
-  }
-  return map;
-}
+using benchmaps::frame;
+using benchmaps::frameCount;
+using benchmaps::mapOf;
 
 benchmaps::Times gPlain;
 benchmaps::Times gPlainLarge;
