@@ -334,8 +334,11 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   const uint32_t slices = std::min(kSlicesPerThread * n, 256u);
   auto records = std::make_unique<DrawSamplesCb<b>[]>(slices);
   for (uint32_t i = 0; i < slices; ++i) records[i].pass = &pass;
-  for (uint32_t base = 0; base < total; base += kThreadedRunSamples) {
-    const uint32_t run = std::min(kThreadedRunSamples, total - base);
+  // A run holds kThreadedRunSamples drawn samples: a reduced frame's runs span `stride` times
+  // as many indices, so that it pays the hand-over per run as rarely as a full frame does.
+  const uint64_t span = uint64_t{kThreadedRunSamples} * pass.stride;
+  for (uint32_t base = 0; base < total;) {
+    const uint32_t run = static_cast<uint32_t>(std::min<uint64_t>(span, total - base));
     pass.rasterizer->beginThreadedDrawing([] { return t_slice; });
     if (map.light != nullptr) {
       drawRun(*map.light, records.get(), run, base, slices, n, *threads, scene.waitSink);
@@ -344,6 +347,7 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
     }
     // The back end draws this run's geometry before the next run records any.
     pass.rasterizer->endThreadedDrawing();
+    base += run;
   }
   return n;
 }

@@ -155,7 +155,7 @@ extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 // back end draws from threads, multi-threaded software drawing is on, the map has at least 100
 // samples and the manager has more than one thread; otherwise on the calling thread (one worker
 // would only add the hand-over). The threads draw the map in runs of kThreadedRunSamples
-// samples, each run finished by the back end before the next starts, so that a back end that
+// drawn samples (a reduced frame's run spans stride times as many indices), each run finished by the back end before the next starts, so that a back end that
 // records the threads' geometry holds one run's at a time, never the whole frame's. A run is cut
 // into a few slices per thread (slice i of s is the share of thread i of s in DrawThreaded),
 // dealt to the threads as they ask; the back end's hook names the slice being drawn, and the

@@ -149,7 +149,7 @@ TEST_F(DrawingTest, ThreadedDrawingOnlyForLargeMapsAndSeveralWorkersInRuns) {
 }
 
 // A map of several runs drawn by the software back end on three workers gives the one-thread
-// picture pixel for pixel, frame after frame.
+// picture pixel for pixel, frame after frame, reduced frames too.
 TEST(ThreadedSoftwareDrawing, RunsOfAMapGiveTheOneThreadPicture) {
   SynthRoom room(3 * kThreadedRunSamples, 320, 240);
   DefThreadManager threads;
@@ -165,7 +165,8 @@ TEST(ThreadedSoftwareDrawing, RunsOfAMapGiveTheOneThreadPicture) {
     sw.setFarDistance(room.farDistance);
     options.setMultiThreadedSoftware(threaded);
     std::vector<uint32_t> pixels;
-    for (int frame = 0; frame < 2; ++frame) {
+    for (int frame = 0; frame < 3; ++frame) {
+      view.sampleStride = frame == 2 ? 5 : 1;  // the last one a reduced frame
       drawFrame(sw, {room.drawn(), &options, &edits, &view, nullptr, &threads});
       pixels.insert(pixels.end(), sw.picture(), sw.picture() + 320 * 240);
     }

@@ -58,9 +58,10 @@ void adjustPaintRadius(SelectionSettings& selection, bool larger, int canvasWidt
 // A frame costs a fixed part (clearing, presenting the picture) and a part that grows with the
 // samples drawn. From the last full frame and the last reduced frame the two parts are known:
 // at stride k a frame costs about fixed + all / k. The stride chosen is the smallest k that
-// keeps that within the budget; when the fixed part alone takes most of the budget, k makes the
-// samples' part a quarter of it. Before any reduced frame was timed the fixed part counts as 0:
-// k = ceil(full / budget), and the first reduced frame of that motion corrects k once. Otherwise
+// keeps that within four fifths of the budget (frames spread around the estimate); when the
+// fixed part alone takes most of that, k makes the samples' part a quarter of it. Before any
+// reduced frame was timed the fixed part counts as 0: k = ceil(full / (4/5 budget)), and the
+// first reduced frame of that motion corrects k once. Otherwise
 // k is chosen when a motion starts and kept until it ends. A full frame that fits the budget
 // (or one not timed yet) gives k = 1.
 //

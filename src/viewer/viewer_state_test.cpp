@@ -155,39 +155,41 @@ TEST(ViewerState, MovingFramesDrawAFixedSubsetSizedToTheBudget) {
   frames.settled();
   EXPECT_EQ(frames.stride(), 1u);
 
-  // 1000 ms of which 30 are fixed: the first motion guesses 25 from the full frame alone, and
-  // its first reduced frame (30 + 970 / 25 = 68.8 ms) corrects it once: ceil(970 / 10) = 97.
+  // 1000 ms of which 30 are fixed, aiming at 32 ms: the first motion guesses ceil(1000 / 32) =
+  // 32 from the full frame alone, and its first reduced frame (30 + 970 / 32 ms) corrects it
+  // once: the samples get max(32 - 30, 32 / 4) = 8 ms, ceil(970 / 8) = 122.
+  const auto reduced = [](uint32_t k) { return 30.0 + 970.0 / k; };
   frames.frameDrawn(1, 1000.0);
   frames.motion();
-  EXPECT_EQ(frames.stride(), 25u);
-  frames.frameDrawn(25, 30.0 + 970.0 / 25.0);
-  EXPECT_EQ(frames.stride(), 97u);
-  frames.frameDrawn(97, 30.0 + 970.0 / 97.0);  // within the motion the stride stays
+  EXPECT_EQ(frames.stride(), 32u);
+  frames.frameDrawn(32, reduced(32));
+  EXPECT_EQ(frames.stride(), 122u);
+  frames.frameDrawn(122, reduced(122));  // within the motion the stride stays
   frames.motion();
-  EXPECT_EQ(frames.stride(), 97u);
-  frames.frameDrawn(97, 40.0);
+  EXPECT_EQ(frames.stride(), 122u);
+  frames.frameDrawn(122, reduced(122));
   frames.settled();
   EXPECT_EQ(frames.stride(), 1u);
   EXPECT_TRUE(frames.needsFullFrame());
   frames.frameDrawn(1, 1000.0);
   EXPECT_FALSE(frames.needsFullFrame());
   frames.motion();  // the next motion starts with the model
-  EXPECT_EQ(frames.stride(), 97u);
+  EXPECT_EQ(frames.stride(), 122u);
   // The motion settles before the frame that shows it: that frame is still reduced, and the
   // full one follows.
   frames.settled();
-  EXPECT_EQ(frames.stride(), 97u);
-  frames.frameDrawn(97, 40.0);
+  EXPECT_EQ(frames.stride(), 122u);
+  frames.frameDrawn(122, reduced(122));
   EXPECT_TRUE(frames.needsFullFrame());
   EXPECT_EQ(frames.stride(), 1u);
   frames.frameDrawn(1, 1000.0);
   EXPECT_FALSE(frames.needsFullFrame());
 
-  // A fixed part above the budget: the samples get a quarter of it, ceil(955 / 10) = 96.
+  // A fixed part above the aim: the samples still get a quarter of it, ceil(955 / 8) = 120.
   frames.frameDrawn(35, 45.0 + 955.0 / 35.0);
   frames.frameDrawn(1, 1000.0);
   frames.motion();
-  EXPECT_EQ(frames.stride(), 96u);
+  EXPECT_EQ(frames.stride(), 120u);
 
   // The count drawn matches a brute-force walk over the indices a strided frame visits.
   SampleBits deleted;
