@@ -99,19 +99,11 @@ void incrementalAdd(benchmark::State& state, int baseFrame, int sourceFrame, Cas
 // map's preparation is not).
 void referenceAdd(benchmark::State& state, int baseFrame, int sourceFrame, Case& c) {
   const std::vector<IrradSample>& offered = frame(sourceFrame);
-  synth::Params p;
-  const IrradianceMapHeader header = synth::makeHeader(p);
   benchmaps::Times total;
   size_t kept = 0;
   for (auto _ : state) {
     state.PauseTiming();
-    auto cache = std::make_unique<reference::OctreeCache>(header);
-    if (baseFrame >= 0) {
-      cache->reserve(frame(baseFrame).size() + offered.size());
-      for (const IrradSample& s : frame(baseFrame)) cache->add(s);
-    } else {
-      cache->reserve(offered.size());
-    }
+    auto cache = benchmaps::referenceHolding(baseFrame, offered.size());
     state.ResumeTiming();
     const benchmaps::Stopwatch watch;
     size_t n = 0;

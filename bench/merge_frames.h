@@ -7,6 +7,7 @@
 
 #include "bench_maps.h"
 #include "irradiance/def_irradiance_map.h"
+#include "octree_cache.h"
 #include "synth/generator.h"
 
 namespace benchmaps {
@@ -42,6 +43,20 @@ inline std::unique_ptr<LUtils::DefIrradianceMap> mapOf(
     }
   }
   return map;
+}
+
+// The reference octree cache holding frame `base` (none when base < 0), with room for `offered`
+// more samples.
+inline std::unique_ptr<reference::OctreeCache> referenceHolding(int base, size_t offered) {
+  synth::Params p;
+  auto cache = std::make_unique<reference::OctreeCache>(synth::makeHeader(p));
+  if (base >= 0) {
+    cache->reserve(frame(base).size() + offered);
+    for (const LUtils::IrradSample& s : frame(base)) cache->add(s);
+  } else {
+    cache->reserve(offered);
+  }
+  return cache;
 }
 
 }  // namespace benchmaps

@@ -71,18 +71,10 @@ void merge(benchmark::State& state, Case& c, int threads) {
 
 void reference(benchmark::State& state, Case& c) {
   const std::vector<IrradSample>& offered = frame(c.source);
-  synth::Params p;
-  const IrradianceMapHeader header = synth::makeHeader(p);
   benchmaps::Times total;
   for (auto _ : state) {
     state.PauseTiming();
-    auto cache = std::make_unique<reference::OctreeCache>(header);
-    if (c.base >= 0) {
-      cache->reserve(frame(c.base).size() + offered.size());
-      for (const IrradSample& s : frame(c.base)) cache->add(s);
-    } else {
-      cache->reserve(offered.size());
-    }
+    auto cache = benchmaps::referenceHolding(c.base, offered.size());
     state.ResumeTiming();
     const benchmaps::Stopwatch watch;
     size_t n = 0;

@@ -8,20 +8,11 @@
 
 #include "irradiance/def_irradiance_map.h"
 #include "irradiance/sample_kdtree.h"
+#include "irradiance/synth_frame_test_util.h"
 #include "synth/generator.h"
 
 namespace LUtils {
 namespace {
-
-std::vector<IrradSample> frame(int view, uint32_t count, uint64_t seed) {
-  synth::Params p;
-  p.count = count;
-  p.seed = seed;
-  p.view = synth::presetView(view);
-  std::vector<IrradSample> out;
-  EXPECT_EQ(synth::generate(p, out), static_cast<int64_t>(count));
-  return out;
-}
 
 void fill(DefIrradianceMap& map, const std::vector<IrradSample>& samples, int view) {
   synth::Params p;

@@ -14,6 +14,7 @@
 
 #include "irradiance/def_irradiance_map.h"
 #include "irradiance/sample_kdtree.h"
+#include "irradiance/synth_frame_test_util.h"
 #include "synth/generator.h"
 #include "test_support/scratch_dir.h"
 #include "threads/progress_callback.h"
@@ -21,16 +22,6 @@
 
 namespace LUtils {
 namespace {
-
-std::vector<IrradSample> frame(int view, uint32_t count, uint64_t seed) {
-  synth::Params p;
-  p.count = count;
-  p.seed = seed;
-  p.view = synth::presetView(view);
-  std::vector<IrradSample> out;
-  EXPECT_EQ(synth::generate(p, out), static_cast<int64_t>(count));
-  return out;
-}
 
 // Every call the merge makes on its progress sink, in order.
 class RecordingProgress final : public ProgressCallback {

@@ -148,9 +148,7 @@ def labels(undo, undo_on, redo, redo_on):
 class ViewerEditGuiTest(unittest.TestCase):
 
     def setUp(self):
-        self.dir = os.path.join(ARGS.tmp, self.id().split(".")[-1])
-        shutil.rmtree(self.dir, ignore_errors=True)
-        os.makedirs(self.dir)
+        self.dir = xharness.fresh_case_dir(self, ARGS.tmp)
 
     def test_open_cancel_and_bad_files(self):
         """Open through the dialog changes the title; a cancelled dialog and files that are no

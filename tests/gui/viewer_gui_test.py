@@ -9,7 +9,6 @@ OpenGL picture of the synthesised room is also written there as viewer.png (the 
 
 import os
 import re
-import shutil
 import subprocess
 import sys
 import time
@@ -180,9 +179,7 @@ def save(img, name):
 class ViewerGuiTest(unittest.TestCase):
 
     def setUp(self):
-        self.dir = os.path.join(ARGS.tmp, self.id().split(".")[-1])
-        shutil.rmtree(self.dir, ignore_errors=True)
-        os.makedirs(self.dir)
+        self.dir = xharness.fresh_case_dir(self, ARGS.tmp)
 
     def test_missing_file_ends_without_a_window(self):
         """A start-up open that fails (a missing file, a folder) ends the program before any

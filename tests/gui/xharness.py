@@ -350,6 +350,14 @@ class Program:
             f.write(self._out)
 
 
+def fresh_case_dir(test, root):
+    """An empty folder of the test case's own name below root."""
+    path = os.path.join(root, test.id().split(".")[-1])
+    shutil.rmtree(path, ignore_errors=True)
+    os.makedirs(path)
+    return path
+
+
 def parse_test_args():
     """The arguments every GUI test program takes (the programs it drives and its scratch
     folder); the rest goes to unittest. Exits with SKIP when the X tools are not installed."""
