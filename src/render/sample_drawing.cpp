@@ -226,6 +226,8 @@ bool DrawSamplesCb<b>::process(const DrawnSample& s) {
       (!pass->frustumTest || pass->insideFrustum(s.position, s.radius))) {
     pass->drawDisc(s, index, b);
   }
+  // A pick whose buffer is full reports the same whatever is drawn after.
+  if (pass->pickNames && (count & 255) == 0 && pass->rasterizer->pickOverflowed()) return false;
   return count < limit;
 }
 

@@ -167,6 +167,48 @@ TEST(Selection, PicksNearTheirRectangleFindWhatWholeGeometryFinds) {
   EXPECT_GT(found, 1000u);  // the rectangles do find samples
 }
 
+// A pick through names runs as several select passes into one buffer and stops drawing once the
+// buffer has overflowed. A whole-window pick of a room with more samples than the buffer has
+// records for must leave the buffer as one pass over every sample leaves it (compiled geometry),
+// report the overflow, and select nothing.
+TEST(Selection, AnOverflowingPickWritesTheBufferAsOnePassWould) {
+  constexpr int kWidth = 320, kHeight = 240;
+  SynthRoom room(400000, kWidth, kHeight);
+  RasterizerGL gl;
+  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, kWidth, kHeight);
+  gl.setCamera(&room.camera);
+  gl.setFarDistance(room.farDistance);
+  DrawOptions options;
+  SampleEdits edits;
+  edits.reset(static_cast<uint32_t>(room.map.numSamples()));
+  DrawView view;
+  GeometryCache cache(options, edits);
+  cache.setRasterizer(&gl);
+  DrawScene scene{room.drawn(), &options, &edits, &view, nullptr, nullptr};
+  const PickRect window{0, 0, kWidth - 1, kHeight - 1};
+
+  const auto pick = [&](bool wholeGeometry) {
+    options.setUseDisplayLists(wholeGeometry);
+    scene.cache = wholeGeometry ? &cache : nullptr;
+    EXPECT_TRUE(gl.beginSelection(window.x0, window.y0, window.x1, window.y1, -1.0f));
+    gl.setDepthTest(true);
+    drawSamplePass(gl, scene, &window);
+    DummySelectionCb done;
+    EXPECT_EQ(gl.endSelection(done), -1);
+    return std::vector<uint32_t>(gl.selectBuffer(),
+                                 gl.selectBuffer() + RasterizerGL::kSelectBufferSize);
+  };
+  const std::vector<uint32_t> stretched = pick(false);
+  EXPECT_EQ(stretched, pick(true));
+  EXPECT_EQ(stretched[0], 1u);  // records of one name each
+
+  SelectionSettings full;
+  full.depthMode = kDepthFull;
+  scene.cache = nullptr;
+  options.setUseDisplayLists(false);
+  EXPECT_EQ(runSelection(gl, scene, edits, full, window), 0u);
+}
+
 TEST(Selection, SimilarNormalsKeepOppositeFacingAndDropTheRest) {
   SampleBits selected;
   selected.clear(8);

@@ -174,10 +174,12 @@ bool RasterizerGL::beginSelection(int x0, int y0, int x1, int y1, float depth) {
       // Value-initialised: an overflowed pick walks the whole buffer.
       selectBuffer_ = std::make_unique<uint32_t[]>(kSelectBufferSize);
     }
-    glSelectBuffer(static_cast<GLsizei>(kSelectBufferSize), selectBuffer_.get());
-    glRenderMode(GL_SELECT);
-    glInitNames();
-    glPushName(0xFFFFFFFFu);
+    selecting_ = true;
+    selectOverflowed_ = false;
+    stretchNames_ = 0;
+    selectUsed_ = 0;
+    selectRecords_ = 0;
+    startSelectPass();
   }
 
   const double pickWidth = std::max(1.0, static_cast<double>(x1) - x0);
@@ -213,6 +215,16 @@ int RasterizerGL::endSelection(SelectionCb& callback) {
     glFlush();
     glViewport(0, 0, viewportWidth_, viewportHeight_);
     hitCount_ = glRenderMode(GL_RENDER);
+    if (selecting_) {
+      // The last stretch's records follow the others'; into the spare entry any record overflows.
+      const bool spare = selectUsed_ >= kSelectBufferSize;
+      if (selectOverflowed_ || hitCount_ < 0 || (spare && hitCount_ > 0)) {
+        hitCount_ = -1;
+      } else {
+        hitCount_ += static_cast<int32_t>(selectRecords_);
+      }
+      selecting_ = false;
+    }
     selectionEnded_ = 1;
   }
   if (hitCount_ == 0) return 0;
@@ -272,19 +284,65 @@ int RasterizerGL::endSelection(SelectionCb& callback) {
   return hitCount_;
 }
 
-void RasterizerGL::loadPickName(uint32_t name) { glLoadName(name); }
+// A select pass's hit count is known only when it ends, so a pick through names ends its pass
+// every kNamesPerStretch names and starts the next one into the rest of the same buffer. The
+// records come out exactly as one pass would write them: the record of the name in hand is
+// written when its pass ends, as the next name would have written it, and the next pass starts
+// with the same name stack. A stretch that overflows the rest of the buffer has written the
+// buffer up to its end, as one pass would have, and settles the pick: the hit count is -1
+// whatever follows, and pickOverflowed tells the drawing that it may stop. Until the pick ends,
+// what is drawn still goes to a select pass (into one spare entry), never to the frame. Names
+// recorded into compiled geometry are replayed by OpenGL in the pass that replays them.
+void RasterizerGL::startSelectPass() {
+  if (!selectOverflowed_ && selectUsed_ < kSelectBufferSize) {
+    glSelectBuffer(static_cast<GLsizei>(kSelectBufferSize - selectUsed_),
+                   selectBuffer_.get() + selectUsed_);
+  } else {
+    glSelectBuffer(1, selectSpare_);
+  }
+  glRenderMode(GL_SELECT);
+  glInitNames();
+  glPushName(0xFFFFFFFFu);
+}
+
+void RasterizerGL::nextSelectStretch() {
+  const GLint hits = glRenderMode(GL_RENDER);
+  if (!selectOverflowed_) {
+    if (hits < 0 || (selectUsed_ >= kSelectBufferSize && hits > 0)) {
+      selectOverflowed_ = true;
+    } else {
+      const uint32_t* records = selectBuffer_.get();
+      for (GLint i = 0; i < hits && selectUsed_ < kSelectBufferSize; ++i) {
+        selectUsed_ += 3 + records[selectUsed_];
+      }
+      selectRecords_ += static_cast<uint32_t>(hits);
+    }
+  }
+  startSelectPass();
+  stretchNames_ = 0;
+}
+
+void RasterizerGL::loadPickName(uint32_t name) {
+  // Compiled geometry records the names and is replayed in one pass.
+  if (selecting_ && !compiling_ && ++stretchNames_ > kNamesPerStretch) {
+    nextSelectStretch();
+  }
+  glLoadName(name);
+}
 
 // A list must set the lighting itself: it is called in frames whose state the compile did not
 // see. Compiling does not change the context's state, and calling a list may.
 uint32_t RasterizerGL::beginGeometry() {
   const GLuint list = glGenLists(1);
   if (list != 0) glNewList(list, GL_COMPILE);
+  compiling_ = list != 0;
   lighting_ = kLightingUnknown;
   return list;
 }
 
 void RasterizerGL::endGeometry() {
   glEndList();
+  compiling_ = false;
   lighting_ = kLightingUnknown;
 }
 

@@ -83,6 +83,7 @@ class RasterizerGL final : public Rasterizer3D {
   // Picks report the name loaded before each primitive (a sample's index).
   bool loadsPickNames() const override { return true; }
   void loadPickName(uint32_t name) override;
+  bool pickOverflowed() const override { return selectOverflowed_; }
   void beginOverlayOutlines() override;
   void endOverlayOutlines() override;
   void setLineWidth(float width) override;
@@ -111,6 +112,18 @@ class RasterizerGL final : public Rasterizer3D {
   std::unique_ptr<uint32_t[]> selectBuffer_;
   int32_t hitCount_ = 0;
   int selectionEnded_ = 0;
+  // A pick through names runs in stretches of kNamesPerStretch names, each a select pass of its
+  // own into the rest of the buffer (see loadPickName).
+  static constexpr uint32_t kNamesPerStretch = 4096;
+  void nextSelectStretch();
+  void startSelectPass();
+  bool selecting_ = false;
+  bool compiling_ = false;  // between beginGeometry and endGeometry
+  bool selectOverflowed_ = false;
+  uint32_t stretchNames_ = 0;
+  uint32_t selectUsed_ = 0;     // entries the ended stretches wrote
+  uint32_t selectRecords_ = 0;  // records the ended stretches wrote
+  uint32_t selectSpare_[1] = {0};
 };
 
 }  // namespace LUtils
