@@ -86,8 +86,9 @@ class Rasterizer3D {
   // follow, a sample's index. A back end that picks by index colours needs no names.
   virtual bool loadsPickNames() const { return false; }
   virtual void loadPickName(uint32_t name) { (void)name; }
-  // True once a pick through names has filled its buffer: nothing drawn after that changes what
-  // the pick reports, so the drawing may stop there.
+  // True once a pick through names has filled its buffer, until the next pick starts: nothing
+  // drawn after that changes what the pick reports (nothing, in a rectangle at depth), so the
+  // drawing may stop there.
   virtual bool pickOverflowed() const { return false; }
 
   // Drawing from several threads into one frame at once. Between begin and end every drawing

@@ -207,6 +207,9 @@ TEST(Selection, AnOverflowingPickWritesTheBufferAsOnePassWould) {
   scene.cache = nullptr;
   options.setUseDisplayLists(false);
   EXPECT_EQ(runSelection(gl, scene, edits, full, window), 0u);
+  EXPECT_TRUE(gl.pickOverflowed());  // the viewer says why nothing was selected
+  EXPECT_GT(runSelection(gl, scene, edits, full, {0, 0, 9, 9}), 0u);
+  EXPECT_FALSE(gl.pickOverflowed());
 }
 
 TEST(Selection, SimilarNormalsKeepOppositeFacingAndDropTheRest) {

@@ -169,13 +169,14 @@ bool RasterizerGL::beginSelection(int x0, int y0, int x1, int y1, float depth) {
   GLint viewport[4] = {0, 0, 0, 0};
   glGetIntegerv(GL_VIEWPORT, viewport);
 
+  selectOverflowed_ = false;
+  hitCount_ = 0;
   if (depth != 0.0f) {
     if (!selectBuffer_) {
       // Value-initialised: an overflowed pick walks the whole buffer.
       selectBuffer_ = std::make_unique<uint32_t[]>(kSelectBufferSize);
     }
     selecting_ = true;
-    selectOverflowed_ = false;
     stretchNames_ = 0;
     selectUsed_ = 0;
     selectRecords_ = 0;

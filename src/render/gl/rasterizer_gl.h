@@ -83,7 +83,9 @@ class RasterizerGL final : public Rasterizer3D {
   // Picks report the name loaded before each primitive (a sample's index).
   bool loadsPickNames() const override { return true; }
   void loadPickName(uint32_t name) override;
-  bool pickOverflowed() const override { return selectOverflowed_; }
+  bool pickOverflowed() const override {
+    return selectOverflowed_ || (selectionEnded_ != 0 && hitCount_ < 0);
+  }
   void beginOverlayOutlines() override;
   void endOverlayOutlines() override;
   void setLineWidth(float width) override;

@@ -48,6 +48,15 @@ void SelectionTool::select(const LUtils::PickRect& rect) {
     if (gRasterizer == nullptr || !canvas_.makeContextCurrent()) return;
     scene_.select(*gRasterizer, rect);
     canvas_.Refresh(false);
+    if (gRasterizer->pickOverflowed()) {
+      // A rectangle at depth that reaches more samples than the select buffer holds selects
+      // nothing: say so, rather than leave the user wondering. The frame goes first, since it
+      // shows its own status.
+      canvas_.Update();
+      canvas_.showStatus(
+          "Too many samples under the rectangle at that depth: nothing was selected. Use a "
+          "smaller rectangle, or Visible");
+    }
   });
 }
 
