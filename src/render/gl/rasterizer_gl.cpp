@@ -4,6 +4,7 @@
 #include <GL/glu.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -67,6 +68,7 @@ void RasterizerGL::setClearColor(const Color& color) {
 }
 
 void RasterizerGL::resize(int width, int height) {
+  windowTransformKnown_ = false;
   lighting_ = kLightingUnknown;
   if (windowMode_ != 0) {
     setViewportSize(width, height);
@@ -87,6 +89,7 @@ void RasterizerGL::resize(int width, int height) {
 }
 
 void RasterizerGL::setViewportSize(int width, int height) {
+  windowTransformKnown_ = false;
   viewportWidth_ = width;
   viewportHeight_ = height;
   if (windowMode_ != 0) glViewport(0, 0, width, height);
@@ -108,6 +111,7 @@ void RasterizerGL::applyLookAt() const {
 }
 
 void RasterizerGL::beginFrame() {
+  windowTransformKnown_ = false;
   int width = viewportWidth_;
   int height = viewportHeight_;
   if (windowMode_ == 0 && hasOffscreenContext()) {
@@ -166,6 +170,7 @@ void RasterizerGL::beginFrame() {
 }
 
 bool RasterizerGL::beginSelection(int x0, int y0, int x1, int y1, float depth) {
+  windowTransformKnown_ = false;
   GLint viewport[4] = {0, 0, 0, 0};
   glGetIntegerv(GL_VIEWPORT, viewport);
 
@@ -209,6 +214,7 @@ bool RasterizerGL::beginSelection(int x0, int y0, int x1, int y1, float depth) {
 }
 
 int RasterizerGL::endSelection(SelectionCb& callback) {
+  windowTransformKnown_ = false;
   if (selectionEnded_ == 0) {
     // The model-view matrix is popped twice; the pushed projection is reset by the next frame.
     glPopMatrix();
@@ -414,8 +420,51 @@ void RasterizerGL::drawTriangle(const Vector& a, const Vector& b, const Vector& 
   glEnd();
 }
 
+bool RasterizerGL::betweenPixels(const Vector* points, unsigned count) {
+  if (!skipBetweenPixels_ || fillMode_ == 0 || compiling_ || selecting_) return false;
+  if (!windowTransformKnown_) {
+    double projection[16], modelView[16];
+    GLint viewport[4];
+    glGetDoublev(GL_PROJECTION_MATRIX, projection);
+    glGetDoublev(GL_MODELVIEW_MATRIX, modelView);
+    glGetIntegerv(GL_VIEWPORT, viewport);
+    for (int c = 0; c < 4; ++c) {
+      for (int r = 0; r < 4; ++r) {
+        double sum = 0.0;
+        for (int k = 0; k < 4; ++k) sum += projection[k * 4 + r] * modelView[c * 4 + k];
+        windowTransform_[c * 4 + r] = sum;
+      }
+    }
+    for (int i = 0; i < 4; ++i) viewport_[i] = viewport[i];
+    windowTransformKnown_ = true;
+  }
+  const double* m = windowTransform_;
+  double minX = HUGE_VAL, maxX = -HUGE_VAL, minY = HUGE_VAL, maxY = -HUGE_VAL;
+  for (unsigned i = 0; i < count; ++i) {
+    const double x = points[i].x, y = points[i].y, z = points[i].z;
+    const double cx = m[0] * x + m[4] * y + m[8] * z + m[12];
+    const double cy = m[1] * x + m[5] * y + m[9] * z + m[13];
+    const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
+    const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
+    // Clipped by the near or far plane (or not finite): OpenGL decides.
+    if (!(cw > 1e-6) || !(cz >= -cw * 0.999) || !(cz <= cw * 0.999)) return false;
+    const double wx = (cx / cw + 1.0) * 0.5 * viewport_[2] + viewport_[0];
+    const double wy = (cy / cw + 1.0) * 0.5 * viewport_[3] + viewport_[1];
+    minX = std::min(minX, wx);
+    maxX = std::max(maxX, wx);
+    minY = std::min(minY, wy);
+    maxY = std::max(maxY, wy);
+  }
+  // Pixel centres lie at k + 0.5; a sixteenth of a pixel covers every rounding.
+  constexpr double kMargin = 1.0 / 16.0;
+  const bool none = std::ceil(minX - kMargin - 0.5) > std::floor(maxX + kMargin - 0.5) ||
+                    std::ceil(minY - kMargin - 0.5) > std::floor(maxY + kMargin - 0.5);
+  skippedPolygons_ += none ? 1 : 0;
+  return none;
+}
+
 void RasterizerGL::drawPolygon(const Vector* points, unsigned count, const Color& color) {
-  if (count < 3) return;
+  if (count < 3 || betweenPixels(points, count)) return;
   lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_TRIANGLE_FAN);
@@ -424,7 +473,7 @@ void RasterizerGL::drawPolygon(const Vector* points, unsigned count, const Color
 }
 
 void RasterizerGL::drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) {
-  if (count < 3) return;
+  if (count < 3 || betweenPixels(points, count)) return;
   GLubyte bytes[4];
   bytes[0] = static_cast<GLubyte>(rgba & 0xFFu);
   bytes[1] = static_cast<GLubyte>((rgba >> 8) & 0xFFu);
@@ -442,6 +491,7 @@ void RasterizerGL::drawQuadOrPolygon(const Vector* points, unsigned count, const
     drawPolygon(points, count, color);
     return;
   }
+  if (betweenPixels(points, count)) return;
   lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_QUADS);

@@ -94,12 +94,24 @@ class RasterizerGL final : public Rasterizer3D {
   // The raw selection buffer (null before the first pick through the buffer).
   const uint32_t* selectBuffer() const { return selectBuffer_.get(); }
 
+  // A filled polygon that covers no pixel centre makes no fragment, so frames and colour picks
+  // do not send it to OpenGL: on a dense map most discs are smaller than a pixel. The test is
+  // made on the polygon's bounding box in window coordinates, with a margin far above the
+  // rounding of the two transforms, and only for polygons that no near or far plane clips; so
+  // the picture is the one every polygon draws. Never while recording compiled geometry (it is
+  // replayed in other views) or in a select pass (a hit needs no pixel). On by default; the
+  // count is for tests.
+  void setSkipsPolygonsBetweenPixels(bool on) { skipBetweenPixels_ = on; }
+  uint64_t skippedPolygons() const { return skippedPolygons_; }
+
  private:
   enum Lighting : uint8_t { kLightingUnknown, kLightingOn, kLightingOff };
   // Switches GL_LIGHTING unless it is known to be as wanted already.
   void lighting(bool on);
   void applyProjection(int width, int height) const;
   void applyLookAt() const;
+  // True when the filled polygon would make no fragment (see setSkipsPolygonsBetweenPixels).
+  bool betweenPixels(const Vector* points, unsigned count);
 
   int windowMode_ = 0;
   std::unique_ptr<OffscreenGLContext> bitmap_;
@@ -126,6 +138,13 @@ class RasterizerGL final : public Rasterizer3D {
   uint32_t selectUsed_ = 0;     // entries the ended stretches wrote
   uint32_t selectRecords_ = 0;  // records the ended stretches wrote
   uint32_t selectSpare_[1] = {0};
+  // Clip-space transform (projection x model-view, column-major) and viewport of the current
+  // frame or pick, read from OpenGL at the first polygon after they were set.
+  bool skipBetweenPixels_ = true;
+  bool windowTransformKnown_ = false;
+  double windowTransform_[16] = {};
+  double viewport_[4] = {};
+  uint64_t skippedPolygons_ = 0;
 };
 
 }  // namespace LUtils

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "render/camera.h"
+#include "render/disc_scene.h"
 #include "render/gl/gl_test_support.h"
 
 namespace LUtils {
@@ -167,6 +168,49 @@ TEST_F(GLPick, PrimitiveCountsAndPackedColours) {
   gl_.drawQuadOrPolygon(points, 5, {0, 1, 0});  // five points: a fan
   ASSERT_TRUE(gl_.readPixels(pixels, w, h));
   EXPECT_EQ(pixels[100 * kSize + 100] & 0xFFFFFFu, 0x00FF00u);
+}
+
+// Discs that cover no pixel centre are not sent to OpenGL. On a dense room of small discs, where
+// many fall between pixel centres, frames and picking frames (a rectangle of the window) come out
+// pixel for pixel as when every disc is drawn: quads and fans, colours and index colours.
+TEST(GLPolygonsBetweenPixels, AreSkippedWithoutChangingAPixel) {
+  constexpr int kWidth = 200, kHeight = 150;
+  RasterizerGL gl;
+  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, kWidth, kHeight);
+  PinholeCamera camera;
+  lookIntoRoom(camera, kWidth, kHeight);
+  gl.setCamera(&camera);
+  gl.setFarDistance(50.0f);
+  gl.setClearColor({1, 1, 1});
+  const std::vector<Disc> room = makeRoomScene(60000, 1, 0.3f);
+  for (const int sides : {4, 6}) {
+    for (const bool indexColours : {false, true}) {
+      const auto picture = [&](bool skip, bool pick) {
+        gl.setSkipsPolygonsBetweenPixels(skip);
+        gl.beginFrame();
+        gl.setFillMode(1);
+        if (pick) gl.beginSelection(37, 20, 161, 97, 0.0f);
+        drawDiscs(gl, room.data(), room.size(), sides, indexColours);
+        std::vector<uint32_t> pixels;
+        if (pick) {
+          gl.readPickIndices(37, 20, 161, 97, pixels);
+          DummySelectionCb done;
+          gl.endSelection(done);
+        } else {
+          int w = 0, h = 0;
+          gl.readPixels(pixels, w, h);
+        }
+        return pixels;
+      };
+      for (const bool pick : {false, true}) {
+        const uint64_t before = gl.skippedPolygons();
+        const std::vector<uint32_t> skipping = picture(true, pick);
+        EXPECT_GT(gl.skippedPolygons() - before, room.size() / 10) << sides << " sides";
+        EXPECT_EQ(skipping, picture(false, pick))
+            << sides << " sides, index colours " << indexColours << ", pick " << pick;
+      }
+    }
+  }
 }
 
 }  // namespace
