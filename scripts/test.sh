@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds everything in Release and runs every test; then builds the
-# thread library's tests and the parallel incremental merge's with ThreadSanitizer and runs them
-# too; then the map code with AddressSanitizer and UndefinedBehaviorSanitizer: the unit tests of
-# io, irradiance, lightcache and app once, and the fuzz harnesses over the seed corpus and every
-# regression input (fuzz/).
+# thread library's tests, the parallel incremental merge's and the threaded drawing's with
+# ThreadSanitizer and runs them too; then the map code with AddressSanitizer and
+# UndefinedBehaviorSanitizer: the unit tests of io, irradiance, lightcache and app once, and the
+# fuzz harnesses over the seed corpus and every regression input (fuzz/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh
@@ -15,15 +15,19 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCACHEVIEW_ONLY_THRE
 cmake --build build-tsan -j"$(nproc)"
 TSAN_OPTIONS="halt_on_error=1" ctest --test-dir build-tsan --output-on-failure -j"$(nproc)" --timeout 600
 
-# The incremental merges on several threads under ThreadSanitizer too: their own tests only.
+# The incremental merges and the threaded software drawing under ThreadSanitizer too: their own
+# tests only.
 cmake -S . -B build-tsan-merge -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCACHEVIEW_BUILD_VIEWER=OFF \
   -DCACHEVIEW_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=thread" \
   -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=thread" >/dev/null
-cmake --build build-tsan-merge -j"$(nproc)" --target irradiance_tests lightcache_tests
+cmake --build build-tsan-merge -j"$(nproc)" --target irradiance_tests lightcache_tests render_tests
 TSAN_OPTIONS="halt_on_error=1" build-tsan-merge/src/irradiance/irradiance_tests \
   --gtest_filter='ParallelIncrementalMerge.*'
 TSAN_OPTIONS="halt_on_error=1" build-tsan-merge/src/lightcache/lightcache_tests \
   --gtest_filter='LightMerge.IncrementalOnEveryThreadCount*'
+# The software rasterizer drawing and replaying one frame on several threads.
+TSAN_OPTIONS="halt_on_error=1" build-tsan-merge/src/render/render_tests \
+  --gtest_filter='ThreadedSoftwareDrawing.*:DrawingTest.ThreadedDrawing*:DrawingTest.SevenSamples*'
 
 asan_targets=(io_tests irradiance_tests lightcache_tests app_tests fuzz_irradiance_reader
   fuzz_irradiance_merge fuzz_pts_lines fuzz_lightcache_reader fuzz_lightcache_merge)

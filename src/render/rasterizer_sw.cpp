@@ -406,11 +406,7 @@ void RasterizerSW::flush() {
       }
     }
   };
-  std::vector<std::thread> helpers;
-  helpers.reserve(threads - 1);
-  for (unsigned t = 1; t < threads; ++t) helpers.emplace_back(replay);
-  replay();
-  for (std::thread& t : helpers) t.join();
+  crew_->run(threads - 1, replay);
 
   for (uint32_t i = 0; i < used; ++i) bins_[i].clear(parts);
 }

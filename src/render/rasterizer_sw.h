@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "render/rasterizer.h"
+#include "render/replay_crew.h"
 #include "render/sw_raster.h"
 #include "render/view_projection.h"
 
@@ -135,6 +136,7 @@ class RasterizerSW final : public Rasterizer3D {
   std::atomic<uint32_t> binsUsed_{0};  // one past the highest bin index used
   unsigned replayThreads_ = 1;
   unsigned parts_ = 1;
+  std::unique_ptr<ReplayCrew> crew_ = std::make_unique<ReplayCrew>();
 };
 
 }  // namespace LUtils
