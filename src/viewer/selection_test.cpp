@@ -106,24 +106,40 @@ TEST(Selection, DepthModesOnTwoStackedLayers) {
   EXPECT_NE(cache.picking, 0u);
 }
 
+// The synthesised room in an off-screen OpenGL context, with what a pick of it needs.
+struct RoomToPick {
+  static constexpr int kWidth = 320, kHeight = 240;
+  SynthRoom room;
+  RasterizerGL gl;
+  DrawOptions options;
+  SampleEdits edits;
+  DrawView view;
+  GeometryCache cache{options, edits};
+
+  explicit RoomToPick(uint32_t samples) : room(samples, kWidth, kHeight) {
+    edits.reset(static_cast<uint32_t>(room.map.numSamples()));
+  }
+  // False when there is no off-screen OpenGL context here.
+  bool open() {
+    if (!testing::makeOffscreen(gl, kWidth, kHeight)) return false;
+    gl.setCamera(&room.camera);
+    gl.setFarDistance(room.farDistance);
+    cache.setRasterizer(&gl);
+    return true;
+  }
+  DrawScene scene() { return {room.drawn(), &options, &edits, &view, nullptr, nullptr}; }
+};
+
 // A pick draws only the samples that can reach its rectangle. Compiled geometry holds every
 // sample and is replayed whole, so picks through it are the reference: on the synthesised room,
 // rectangles of every size (single pixels and the whole window among them) find the same
 // samples in each depth mode either way.
 TEST(Selection, PicksNearTheirRectangleFindWhatWholeGeometryFinds) {
-  constexpr int kWidth = 320, kHeight = 240;
-  SynthRoom room(20000, kWidth, kHeight);
-  RasterizerGL gl;
-  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, kWidth, kHeight);
-  gl.setCamera(&room.camera);
-  gl.setFarDistance(room.farDistance);
-  DrawOptions options;
-  SampleEdits edits;
-  edits.reset(static_cast<uint32_t>(room.map.numSamples()));
-  DrawView view;
-  GeometryCache cache(options, edits);
-  cache.setRasterizer(&gl);
-  const DrawScene near{room.drawn(), &options, &edits, &view, nullptr, nullptr};
+  RoomToPick r(20000);
+  if (!r.open()) GTEST_SKIP() << "No off-screen OpenGL context here";
+  constexpr int kWidth = RoomToPick::kWidth, kHeight = RoomToPick::kHeight;
+  auto& [room, gl, options, edits, view, cache] = r;
+  const DrawScene near = r.scene();
   DrawScene whole = near;
   whole.cache = &cache;
 
@@ -172,20 +188,11 @@ TEST(Selection, PicksNearTheirRectangleFindWhatWholeGeometryFinds) {
 // records for must leave the buffer as one pass over every sample leaves it (compiled geometry),
 // report the overflow, and select nothing.
 TEST(Selection, AnOverflowingPickWritesTheBufferAsOnePassWould) {
-  constexpr int kWidth = 320, kHeight = 240;
-  SynthRoom room(400000, kWidth, kHeight);
-  RasterizerGL gl;
-  CACHEVIEW_REQUIRE_OFFSCREEN_GL(gl, kWidth, kHeight);
-  gl.setCamera(&room.camera);
-  gl.setFarDistance(room.farDistance);
-  DrawOptions options;
-  SampleEdits edits;
-  edits.reset(static_cast<uint32_t>(room.map.numSamples()));
-  DrawView view;
-  GeometryCache cache(options, edits);
-  cache.setRasterizer(&gl);
-  DrawScene scene{room.drawn(), &options, &edits, &view, nullptr, nullptr};
-  const PickRect window{0, 0, kWidth - 1, kHeight - 1};
+  RoomToPick r(400000);
+  if (!r.open()) GTEST_SKIP() << "No off-screen OpenGL context here";
+  auto& [room, gl, options, edits, view, cache] = r;
+  DrawScene scene = r.scene();
+  const PickRect window{0, 0, RoomToPick::kWidth - 1, RoomToPick::kHeight - 1};
 
   const auto pick = [&](bool wholeGeometry) {
     options.setUseDisplayLists(wholeGeometry);
