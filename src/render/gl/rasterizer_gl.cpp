@@ -428,35 +428,48 @@ bool RasterizerGL::betweenPixels(const Vector* points, unsigned count) {
     glGetDoublev(GL_PROJECTION_MATRIX, projection);
     glGetDoublev(GL_MODELVIEW_MATRIX, modelView);
     glGetIntegerv(GL_VIEWPORT, viewport);
+    double clip[16];
     for (int c = 0; c < 4; ++c) {
       for (int r = 0; r < 4; ++r) {
         double sum = 0.0;
         for (int k = 0; k < 4; ++k) sum += projection[k * 4 + r] * modelView[c * 4 + k];
-        windowTransform_[c * 4 + r] = sum;
+        clip[c * 4 + r] = sum;
       }
     }
-    for (int i = 0; i < 4; ++i) viewport_[i] = viewport[i];
+    // Rows x and y of the window transform take the viewport in: window x = row 0 / w.
+    const double sx = 0.5 * viewport[2], sy = 0.5 * viewport[3];
+    for (int c = 0; c < 4; ++c) {
+      double* column = &windowTransform_[c * 4];
+      column[0] = sx * clip[c * 4 + 0] + (sx + viewport[0]) * clip[c * 4 + 3];
+      column[1] = sy * clip[c * 4 + 1] + (sy + viewport[1]) * clip[c * 4 + 3];
+      column[2] = clip[c * 4 + 2];
+      column[3] = clip[c * 4 + 3];
+    }
     windowTransformKnown_ = true;
   }
+  // Pixel centres lie at k + 0.5; a sixteenth of a pixel covers every rounding.
+  constexpr double kMargin = 1.0 / 16.0;
   const double* m = windowTransform_;
   double minX = HUGE_VAL, maxX = -HUGE_VAL, minY = HUGE_VAL, maxY = -HUGE_VAL;
-  for (unsigned i = 0; i < count; ++i) {
+  // Opposite vertices first: a polygon wider and taller than a pixel is drawn at once.
+  for (unsigned k = 0; k < count; ++k) {
+    const unsigned i = k == 1 ? count / 2 : (k != 0 && k <= count / 2 ? k - 1 : k);
     const double x = points[i].x, y = points[i].y, z = points[i].z;
-    const double cx = m[0] * x + m[4] * y + m[8] * z + m[12];
-    const double cy = m[1] * x + m[5] * y + m[9] * z + m[13];
+    const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
+    const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
     const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
     const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
     // Clipped by the near or far plane (or not finite): OpenGL decides.
     if (!(cw > 1e-6) || !(cz >= -cw * 0.999) || !(cz <= cw * 0.999)) return false;
-    const double wx = (cx / cw + 1.0) * 0.5 * viewport_[2] + viewport_[0];
-    const double wy = (cy / cw + 1.0) * 0.5 * viewport_[3] + viewport_[1];
-    minX = std::min(minX, wx);
-    maxX = std::max(maxX, wx);
-    minY = std::min(minY, wy);
-    maxY = std::max(maxY, wy);
+    const double inverse = 1.0 / cw;
+    minX = std::min(minX, wx * inverse);
+    maxX = std::max(maxX, wx * inverse);
+    minY = std::min(minY, wy * inverse);
+    maxY = std::max(maxY, wy * inverse);
+    if (k == 1 && maxX - minX > 1.0 + 2.0 * kMargin && maxY - minY > 1.0 + 2.0 * kMargin) {
+      return false;
+    }
   }
-  // Pixel centres lie at k + 0.5; a sixteenth of a pixel covers every rounding.
-  constexpr double kMargin = 1.0 / 16.0;
   const bool none = std::ceil(minX - kMargin - 0.5) > std::floor(maxX + kMargin - 0.5) ||
                     std::ceil(minY - kMargin - 0.5) > std::floor(maxY + kMargin - 0.5);
   skippedPolygons_ += none ? 1 : 0;

@@ -138,12 +138,11 @@ class RasterizerGL final : public Rasterizer3D {
   uint32_t selectUsed_ = 0;     // entries the ended stretches wrote
   uint32_t selectRecords_ = 0;  // records the ended stretches wrote
   uint32_t selectSpare_[1] = {0};
-  // Clip-space transform (projection x model-view, column-major) and viewport of the current
-  // frame or pick, read from OpenGL at the first polygon after they were set.
+  // The current frame's or pick's projection x model-view with the viewport folded into its x
+  // and y rows (column-major), read from OpenGL at the first polygon after they were set.
   bool skipBetweenPixels_ = true;
   bool windowTransformKnown_ = false;
   double windowTransform_[16] = {};
-  double viewport_[4] = {};
   uint64_t skippedPolygons_ = 0;
 };
 
