@@ -11,8 +11,11 @@ void InsertionGrid::clear() {
   slots_.clear();
   shift_ = 64;
   used_ = 0;
-  pool_.clear();
-  poolSamples_.clear();
+  fields_.clear();
+  samplesOf_.clear();
+  end_ = 0;
+  chunksUsed_ = 0;
+  large_.clear();
   for (std::vector<uint32_t>& list : freeRanges_) list.clear();
   levels_.clear();
   samples_.clear();
@@ -37,7 +40,7 @@ InsertionGrid::Slot& InsertionGrid::findOrAdd(uint64_t key) {
     if (s.key == kEmpty) {
       s.key = key;
       s.count = 0;
-      s.begin = allocate(0);
+      s.begin = allocate(kMinClass);
       ++used_;
       return s;
     }
@@ -59,7 +62,20 @@ void InsertionGrid::grow() {
   }
 }
 
-// A range of the size class: a freed one of that size, or a new one at the pool's end.
+// Maps the next chunk number to a chunk of kChunkEntries, one kept from before clear() if any.
+void InsertionGrid::addChunk() {
+  if (chunksUsed_ == chunks_.size()) {
+    chunks_.push_back({std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
+                       std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
+  }
+  const Block& b = chunks_[chunksUsed_++];
+  fields_.push_back(b.fields.get());
+  samplesOf_.push_back(b.samples.get());
+}
+
+// A range of the size class: a freed one of that size, or a new one at the pool's end. A range
+// never straddles two chunks: one that does not fit in what is left of the last chunk starts the
+// next (the rest of the last is left unused).
 uint32_t InsertionGrid::allocate(int sizeClass) {
   std::vector<uint32_t>& list = freeRanges_[sizeClass];
   if (!list.empty()) {
@@ -67,11 +83,27 @@ uint32_t InsertionGrid::allocate(int sizeClass) {
     list.pop_back();
     return begin;
   }
-  const uint32_t begin = static_cast<uint32_t>(poolSamples_.size());
-  const size_t end = poolSamples_.size() + classSize(sizeClass);
-  pool_.resize(4 * end + 4, 0.0f);
-  poolSamples_.resize(end, nullptr);
-  return begin;
+  const uint32_t c = classSize(sizeClass);
+  const uint64_t mask = kChunkEntries - 1;
+  if (c > kChunkEntries / 2) {
+    // A block of its own, under as many chunk numbers as it spans, from the next one.
+    end_ = (end_ + mask) & ~mask;
+    const uint64_t begin = end_;
+    Block b{std::make_unique_for_overwrite<float[]>(4 * size_t{c} + 4),
+            std::make_unique_for_overwrite<IrradSample*[]>(c)};
+    for (uint64_t at = 0; at < c; at += kChunkEntries) {
+      fields_.push_back(b.fields.get() + 4 * at);
+      samplesOf_.push_back(b.samples.get() + at);
+    }
+    large_.push_back(std::move(b));
+    end_ = begin + ((uint64_t{c} + mask) & ~mask);
+    return static_cast<uint32_t>(begin);
+  }
+  if ((end_ & mask) + c > kChunkEntries) end_ = (end_ + mask) & ~mask;
+  if ((end_ & mask) == 0) addChunk();
+  const uint64_t begin = end_;
+  end_ += c;
+  return static_cast<uint32_t>(begin);
 }
 
 void InsertionGrid::append(Slot& slot, const Sphere& s) {
@@ -82,23 +114,22 @@ void InsertionGrid::append(Slot& slot, const Sphere& s) {
     // of its size.
     const uint32_t grown = classSize(sizeClass + 1);
     const uint32_t begin = allocate(sizeClass + 1);
+    float* to = fieldsAt(begin);
+    const float* from = fieldsAt(slot.begin);
     for (int field = 0; field < 4; ++field) {
-      std::memcpy(pool_.data() + 4 * static_cast<size_t>(begin) + field * grown,
-                  pool_.data() + 4 * static_cast<size_t>(slot.begin) + field * c,
-                  slot.count * sizeof(float));
+      std::memcpy(to + field * grown, from + field * c, slot.count * sizeof(float));
     }
-    std::memcpy(poolSamples_.data() + begin, poolSamples_.data() + slot.begin,
-                slot.count * sizeof(IrradSample*));
+    std::memcpy(samplesAt(begin), samplesAt(slot.begin), slot.count * sizeof(IrradSample*));
     freeRanges_[sizeClass].push_back(slot.begin);
     slot.begin = begin;
     c = grown;
   }
-  float* x = pool_.data() + 4 * static_cast<size_t>(slot.begin);
+  float* x = fieldsAt(slot.begin);
   x[slot.count] = s.x;
   x[c + slot.count] = s.y;
   x[2 * c + slot.count] = s.z;
   x[3 * c + slot.count] = s.r;
-  poolSamples_[slot.begin + slot.count] = s.sample;
+  samplesAt(slot.begin)[slot.count] = s.sample;
   ++slot.count;
 }
 

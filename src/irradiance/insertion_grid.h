@@ -12,9 +12,12 @@
 // Cell coordinates wrap at 2^18 cells per axis; cells that far apart share a list, which costs a
 // little scanning and never an answer, since every listed sphere is tested.
 //
-// A cell's entries lie together in one pool, one array per field (x, y, z, bounding radius) so
-// that they are tested four at a time; a full cell moves to a range half as large again, and the
-// range it leaves is reused by the next cell that needs one of that size. The radius kept is the
+// A cell's entries lie together in one range of the pool, one array per field (x, y, z, bounding
+// radius) so that they are tested four at a time; a full cell moves to a range half as large
+// again, and the range it leaves is reused by the next cell that needs one of that size. The pool
+// is a list of chunks of kChunkEntries entries that never move once allocated (a range larger than
+// half a chunk gets a block of its own): growing it copies nothing and touches each page once,
+// where one growing array would copy the whole pool at every doubling. The radius kept is the
 // validity radius when inserted, a bound: the query also tests the sample's current
 // validRadius2, which may only be lowered while indexed.
 //
@@ -28,6 +31,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "io/vector.h"
@@ -54,7 +58,7 @@ class InsertionGrid {
   size_t size() const { return samples_.size(); }
   const std::vector<IrradSample*>& samples() const { return samples_; }
   // True when the pool's 32-bit cell offsets are half used: time to fold the grid into a tree.
-  bool nearlyFull() const { return poolSamples_.size() > (size_t{1} << 31); }
+  bool nearlyFull() const { return end_ > (uint64_t{1} << 31); }
 
   // Adds to `hits` every sample whose bounding sphere contains p, level by level from the
   // smallest cells, in insertion order within a cell; the caller flushes them.
@@ -75,11 +79,16 @@ class InsertionGrid {
   static constexpr int kCoordBits = 18;
   static constexpr int kMinLevel = -126, kMaxLevel = 127;
 
-  // Ranges come in sizes 1, 2, 3, 4, 6, 8, 12, 16, ... (about 1.5 apart): most cells hold only a
-  // few entries.
-  static uint32_t classSize(int k) { return k == 0 ? 1u : (k & 1 ? 2u : 3u) << ((k - 1) >> 1); }
+  // Ranges come in sizes 4, 6, 8, 12, 16, ... (about 1.5 apart). Most cells hold only a few
+  // entries, but the test reads four at a time anyway, and a cell that starts at four moves
+  // less often as it fills.
+  static constexpr int kMinClass = 3;
+  static constexpr uint32_t classSize(int k) {
+    return k == 0 ? 1u : (k & 1 ? 2u : 3u) << ((k - 1) >> 1);
+  }
   // The smallest class that holds `count` entries.
   static int classOf(uint32_t count) {
+    if (count <= classSize(kMinClass)) return kMinClass;
     if (count <= 2) return count <= 1 ? 0 : 1;
     const int b = std::bit_width(count - 1);  // 2^(b-1) < count <= 2^b
     return count <= (3u << (b - 2)) ? 2 * b - 2 : 2 * b - 1;
@@ -112,6 +121,14 @@ class InsertionGrid {
   const Slot* find(uint64_t key) const;
   Slot& findOrAdd(uint64_t key);
   uint32_t allocate(int sizeClass);
+  void addChunk();
+  // The fields of the range that starts at pool index `begin`, and its samples.
+  float* fieldsAt(uint32_t begin) const {
+    return fields_[begin >> kChunkBits] + 4 * static_cast<size_t>(begin & (kChunkEntries - 1));
+  }
+  IrradSample** samplesAt(uint32_t begin) const {
+    return samplesOf_[begin >> kChunkBits] + (begin & (kChunkEntries - 1));
+  }
   void append(Slot& slot, const Sphere& s);
   void grow();
 
@@ -121,11 +138,24 @@ class InsertionGrid {
   std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
   int shift_ = 64;            // 64 - log2(slots_.size())
   size_t used_ = 0;           // slots holding a cell
-  // Per cell range of capacity c: c x, c y, c z, c r; four floats more at the end, since the
-  // test reads the radii in groups of four past the last entry.
-  std::vector<float> pool_;
-  std::vector<IrradSample*> poolSamples_;  // per cell range: c samples
-  std::vector<uint32_t> freeRanges_[64];    // ranges left by cells that moved, by size class
+  // The pool: per cell range of capacity c, c x, c y, c z, c r floats and c samples. Pool index
+  // i lies in chunk i / kChunkEntries; fields_ and samplesOf_ give each chunk's first entry (a
+  // block of its own spans several chunk numbers, each pointing kChunkEntries further into it).
+  // Every block has four floats more at its end, since the test reads the radii in groups of
+  // four past the last entry.
+  static constexpr int kChunkBits = 16;
+  static constexpr uint32_t kChunkEntries = uint32_t{1} << kChunkBits;
+  struct Block {
+    std::unique_ptr<float[]> fields;
+    std::unique_ptr<IrradSample*[]> samples;
+  };
+  std::vector<float*> fields_;
+  std::vector<IrradSample**> samplesOf_;
+  uint64_t end_ = 0;            // pool indexes in use: [0, end_)
+  std::vector<Block> chunks_;   // the chunks of kChunkEntries, kept by clear() for reuse
+  size_t chunksUsed_ = 0;
+  std::vector<Block> large_;    // blocks of a range of their own
+  std::vector<uint32_t> freeRanges_[64];  // ranges left by cells that moved, by size class
   std::vector<Level> levels_;  // in use, by cell size
   std::vector<IrradSample*> samples_;
 };
@@ -133,9 +163,8 @@ class InsertionGrid {
 template <class F>
 void InsertionGrid::scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {
   const uint32_t c = capacity(slot.count);
-  const float* x = pool_.data() + 4 * static_cast<size_t>(slot.begin);
-  gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, poolSamples_.data() + slot.begin, slot.count, p,
-                hits);
+  const float* x = fieldsAt(slot.begin);
+  gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, samplesAt(slot.begin), slot.count, p, hits);
 }
 
 template <class F>
