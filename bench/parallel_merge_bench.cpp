@@ -123,15 +123,16 @@ int main(int argc, char** argv) {
                                   c.result[0].size() * sizeof(IrradSample)) == 0;
     const double batches = static_cast<double>(c.stats.batches ? c.stats.batches : 1);
     std::printf("%-26s one / two %5.2f, reference / two %5.2f; kept %zu; %llu batches of %.0f, "
-                "%.1f looked up again per batch; CPU: lookups %.3f s, commits %.3f s, one thread %.3f s "
-                "(one / two on two idle cores at most %.2f); maps %s\n",
+                "%.1f looked up again per batch; CPU: lookups %.3f s, listing %.3f s, commits %.3f s, "
+                "one thread %.3f s (one / two on two idle cores at most %.2f); maps %s\n",
                 c.name, c.time[0].wall / c.time[1].wall,
                 c.time[2].wall > 0.0 ? c.time[2].wall / c.time[1].wall : 0.0, c.kept[1],
                 static_cast<unsigned long long>(c.stats.batches),
                 static_cast<double>(c.stats.offered) / batches,
                 static_cast<double>(c.stats.redone) / batches, c.stats.lookupCpuSeconds,
-                c.stats.commitCpuSeconds, c.time[0].cpu,
-                c.time[0].cpu / (c.stats.commitCpuSeconds + c.stats.lookupCpuSeconds / 2),
+                c.stats.listCpuSeconds, c.stats.commitCpuSeconds, c.time[0].cpu,
+                c.time[0].cpu / (c.stats.commitCpuSeconds +
+                                 (c.stats.lookupCpuSeconds + c.stats.listCpuSeconds) / 2),
                 same ? "identical" : "DIFFERENT");
   }
   benchmark::Shutdown();

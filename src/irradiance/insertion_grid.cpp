@@ -8,6 +8,12 @@
 namespace LUtils {
 
 void InsertionGrid::clear() {
+  for (Shard& shard : shards_) shard.clear();
+  levels_.clear();
+  samples_.clear();
+}
+
+void InsertionGrid::Shard::clear() {
   slots_.clear();
   shift_ = 64;
   used_ = 0;
@@ -17,11 +23,9 @@ void InsertionGrid::clear() {
   chunksUsed_ = 0;
   large_.clear();
   for (std::vector<uint32_t>& list : freeRanges_) list.clear();
-  levels_.clear();
-  samples_.clear();
 }
 
-const InsertionGrid::Slot* InsertionGrid::find(uint64_t key) const {
+const InsertionGrid::Slot* InsertionGrid::Shard::find(uint64_t key) const {
   if (slots_.empty()) return nullptr;
   const size_t mask = slots_.size() - 1;
   for (size_t i = home(key);; i = (i + 1) & mask) {
@@ -31,7 +35,7 @@ const InsertionGrid::Slot* InsertionGrid::find(uint64_t key) const {
   }
 }
 
-InsertionGrid::Slot& InsertionGrid::findOrAdd(uint64_t key) {
+InsertionGrid::Slot& InsertionGrid::Shard::findOrAdd(uint64_t key) {
   if (2 * (used_ + 1) > slots_.size()) grow();
   const size_t mask = slots_.size() - 1;
   for (size_t i = home(key);; i = (i + 1) & mask) {
@@ -47,10 +51,10 @@ InsertionGrid::Slot& InsertionGrid::findOrAdd(uint64_t key) {
   }
 }
 
-void InsertionGrid::grow() {
+void InsertionGrid::Shard::grow() {
   std::vector<Slot> old;
   old.swap(slots_);
-  const size_t size = old.empty() ? 1024 : 2 * old.size();
+  const size_t size = old.empty() ? 256 : 2 * old.size();
   slots_.assign(size, Slot{kEmpty, 0, 0});
   shift_ = 64 - std::countr_zero(size);
   const size_t mask = size - 1;
@@ -63,7 +67,7 @@ void InsertionGrid::grow() {
 }
 
 // Maps the next chunk number to a chunk of kChunkEntries, one kept from before clear() if any.
-void InsertionGrid::addChunk() {
+void InsertionGrid::Shard::addChunk() {
   if (chunksUsed_ == chunks_.size()) {
     chunks_.push_back({std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
                        std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
@@ -76,7 +80,7 @@ void InsertionGrid::addChunk() {
 // A range of the size class: a freed one of that size, or a new one at the pool's end. A range
 // never straddles two chunks: one that does not fit in what is left of the last chunk starts the
 // next (the rest of the last is left unused).
-uint32_t InsertionGrid::allocate(int sizeClass) {
+uint32_t InsertionGrid::Shard::allocate(int sizeClass) {
   std::vector<uint32_t>& list = freeRanges_[sizeClass];
   if (!list.empty()) {
     const uint32_t begin = list.back();
@@ -106,7 +110,7 @@ uint32_t InsertionGrid::allocate(int sizeClass) {
   return static_cast<uint32_t>(begin);
 }
 
-void InsertionGrid::append(Slot& slot, const Sphere& s) {
+void InsertionGrid::Shard::append(Slot& slot, const Sphere& s) {
   const int sizeClass = classOf(slot.count);
   uint32_t c = classSize(sizeClass);
   if (slot.count == c) {
@@ -133,43 +137,54 @@ void InsertionGrid::append(Slot& slot, const Sphere& s) {
   ++slot.count;
 }
 
-bool InsertionGrid::insert(const Sphere& s) {
-  if (!placeable(s.sample->position, s.sample->validRadius2) ||
-      !(s.r > 0.0f && std::isfinite(s.r))) {
-    return false;
-  }
-  // The bounding box in double, widened by far more than the rounding of its corners, so that
-  // the box certainly holds every point the sphere's own test accepts.
+bool InsertionGrid::boxOf(const Sphere& s, double lo[3], double hi[3], int& k) {
   const double c[3] = {s.x, s.y, s.z};
-  double lo[3], hi[3], side = 0.0;
+  double side = 0.0;
   for (int a = 0; a < 3; ++a) {
     const double margin = s.r + (std::abs(c[a]) + s.r) * 0x1p-40;
     lo[a] = c[a] - margin;
     hi[a] = c[a] + margin;
     side = std::max(side, hi[a] - lo[a]);
   }
-  int k = 0;
   std::frexp(side, &k);  // side <= 2^k, finite for every placeable sample
   if (k > kMaxLevel) return false;  // unreachable: kept so that a key can never overflow
-  samples_.push_back(s.sample);
   k = std::max(k + (k & 1), kMinLevel);
-  auto level = std::find_if(levels_.begin(), levels_.end(), [k](const Level& l) { return l.k >= k; });
-  if (level == levels_.end() || level->k != k) {
-    level = levels_.insert(level, Level{k, std::ldexp(1.0, -k)});
+  return true;
+}
+
+bool InsertionGrid::begin(const Sphere& s) {
+  if (!placeable(s.sample->position, s.sample->validRadius2) ||
+      !(s.r > 0.0f && std::isfinite(s.r))) {
+    return false;
   }
+  double lo[3], hi[3];
+  int k = 0;
+  if (!boxOf(s, lo, hi, k)) return false;
+  samples_.push_back(s.sample);
+  auto level = std::find_if(levels_.begin(), levels_.end(), [k](const Level& l) { return l.k >= k; });
+  if (level == levels_.end() || level->k != k) levels_.insert(level, Level{k, std::ldexp(1.0, -k)});
+  return true;
+}
+
+void InsertionGrid::list(const Sphere& s, uint32_t shards) {
+  double lo[3], hi[3];
+  int k = 0;
+  boxOf(s, lo, hi, k);
+  const double scale = std::ldexp(1.0, -k);
   int64_t from[3], to[3];
   for (int a = 0; a < 3; ++a) {
-    from[a] = cellOf(lo[a], level->scale);
-    to[a] = cellOf(hi[a], level->scale);
+    from[a] = cellOf(lo[a], scale);
+    to[a] = cellOf(hi[a], scale);
   }
   for (int64_t ix = from[0]; ix <= to[0]; ++ix) {
     for (int64_t iy = from[1]; iy <= to[1]; ++iy) {
       for (int64_t iz = from[2]; iz <= to[2]; ++iz) {
-        append(findOrAdd(keyOf(k, ix, iy, iz)), s);
+        const uint64_t key = keyOf(k, ix, iy, iz);
+        const int shard = shardOf(key);
+        if (shards >> shard & 1) shards_[shard].add(key, s);
       }
     }
   }
-  return true;
 }
 
 }  // namespace LUtils

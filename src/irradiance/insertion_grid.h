@@ -12,9 +12,18 @@
 // Cell coordinates wrap at 2^18 cells per axis; cells that far apart share a list, which costs a
 // little scanning and never an answer, since every listed sphere is tested.
 //
-// A cell's entries lie together in one range of the pool, one array per field (x, y, z, bounding
+// The cells are dealt by key to kShards shards, each a hash table with a pool of its own. A
+// sample is inserted in two steps: begin() places it on its level and counts it, and list()
+// writes it into the cells of some of the shards. insert() does both for every shard at once; a
+// batch of samples that were begun in order can instead be listed by several threads, each taking
+// its own shards and the samples in the same order, so that every cell lists its samples in the
+// order they were begun and the grid is the same, shard for shard, whatever the number of
+// threads. A sample begun and not yet listed is counted but found by no query; gatherWith() finds
+// such samples in a second grid that holds them alone, in the order the first would list them.
+//
+// A cell's entries lie together in one range of its shard's pool, one array per field (x, y, z, bounding
 // radius) so that they are tested four at a time; a full cell moves to a range half as large
-// again, and the range it leaves is reused by the next cell that needs one of that size. The pool
+// again, and the range it leaves is reused by the next cell that needs one of that size. A shard's pool
 // is a list of chunks of kChunkEntries entries that never move once allocated (a range larger than
 // half a chunk gets a block of its own): growing it copies nothing and touches each page once,
 // where one growing array would copy the whole pool at every doubling. The radius kept is the
@@ -32,6 +41,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "io/vector.h"
@@ -48,24 +58,51 @@ class InsertionGrid {
     float x, y, z, r;
     IrradSample* sample;
   };
+  static constexpr int kShardBits = 3;
+  static constexpr int kShards = 1 << kShardBits;
+  static constexpr uint32_t kAllShards = (1u << kShards) - 1;
 
   void clear();
   // Indexes the sample with the given bounding sphere; a sample that cannot be placed is left
   // out (false).
-  bool insert(const Sphere& sphere);
+  bool insert(const Sphere& sphere) {
+    if (!begin(sphere)) return false;
+    list(sphere, kAllShards);
+    return true;
+  }
+  // The first step of insert(): places the sample on its level and counts it, or leaves it out
+  // (false). It is found only once listed.
+  bool begin(const Sphere& sphere);
+  // The second step, for the shards whose bits are set in `shards`: lists a sample that begin()
+  // took in the cells of those shards. Listing different shards on different threads at once is
+  // safe; begin() must not run meanwhile.
+  void list(const Sphere& sphere, uint32_t shards);
+  void list(std::span<const Sphere> spheres, uint32_t shards) {
+    for (const Sphere& s : spheres) list(s, shards);
+  }
 
   // Samples indexed, in insertion order.
   size_t size() const { return samples_.size(); }
   const std::vector<IrradSample*>& samples() const { return samples_; }
-  // True when the pool's 32-bit cell offsets are half used: time to fold the grid into a tree.
-  bool nearlyFull() const { return end_ > (uint64_t{1} << 31); }
+  // True when the grid holds so many samples that its 32-bit pool offsets could run out: time
+  // to fold it into a tree. Counted in samples, so that it does not depend on when they are
+  // listed.
+  bool nearlyFull() const { return samples_.size() >= kMaxSamples; }
 
   // Adds to `hits` every sample whose bounding sphere contains p, level by level from the
   // smallest cells, in insertion order within a cell; the caller flushes them.
   template <class F>
   void gather(const Vector& p, PendingHits<F>& hits) const;
+  // As gather(), where `later` holds, alone, samples begun in this grid after every listed one
+  // and not yet listed: on each level this grid's cell, then later's.
+  template <class F>
+  void gatherWith(const InsertionGrid& later, const Vector& p, PendingHits<F>& hits) const;
 
  private:
+  // Each sample takes at most eight cells, a cell's range at most 1.5 times its entries and at
+  // least four, and ranges left by growing cells are reused: 2^25 samples stay far below 2^32
+  // pool entries in every shard.
+  static constexpr size_t kMaxSamples = size_t{1} << 25;
   // A cell: its key, and `count` entries from pool index `begin` in a range of capacity(count).
   struct Slot {
     uint64_t key;
@@ -89,7 +126,6 @@ class InsertionGrid {
   // The smallest class that holds `count` entries.
   static int classOf(uint32_t count) {
     if (count <= classSize(kMinClass)) return kMinClass;
-    if (count <= 2) return count <= 1 ? 0 : 1;
     const int b = std::bit_width(count - 1);  // 2^(b-1) < count <= 2^b
     return count <= (3u << (b - 2)) ? 2 * b - 2 : 2 * b - 1;
   }
@@ -111,67 +147,99 @@ class InsertionGrid {
            ((static_cast<uint64_t>(ix) & mask) << (2 * kCoordBits)) |
            ((static_cast<uint64_t>(iy) & mask) << kCoordBits) | (static_cast<uint64_t>(iz) & mask);
   }
-  size_t home(uint64_t key) const {
-    return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> shift_);
+  static int shardOf(uint64_t key) {
+    return static_cast<int>((key * 0xD6E8FEB86659FD93ull) >> (64 - kShardBits));
   }
-  uint64_t keyAt(const Level& level, const Vector& p) const {
-    return keyOf(level.k, cellOf(p.x, level.scale), cellOf(p.y, level.scale),
-                 cellOf(p.z, level.scale));
+  static uint64_t keyAt(int k, double scale, const Vector& p) {
+    return keyOf(k, cellOf(p.x, scale), cellOf(p.y, scale), cellOf(p.z, scale));
   }
-  const Slot* find(uint64_t key) const;
-  Slot& findOrAdd(uint64_t key);
-  uint32_t allocate(int sizeClass);
-  void addChunk();
-  // The fields of the range that starts at pool index `begin`, and its samples.
-  float* fieldsAt(uint32_t begin) const {
-    return fields_[begin >> kChunkBits] + 4 * static_cast<size_t>(begin & (kChunkEntries - 1));
-  }
-  IrradSample** samplesAt(uint32_t begin) const {
-    return samplesOf_[begin >> kChunkBits] + (begin & (kChunkEntries - 1));
-  }
-  void append(Slot& slot, const Sphere& s);
-  void grow();
+  // The box of a sphere in double, widened by far more than the rounding of its corners, so
+  // that it certainly holds every point the sphere's own test accepts; false when it has no
+  // level.
+  static bool boxOf(const Sphere& s, double lo[3], double hi[3], int& k);
 
-  template <class F>
-  void scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const;
+  // One shard: a hash table of cells and the pool of their entries.
+  class Shard {
+   public:
+    void clear();
+    const Slot* find(uint64_t key) const;
+    void add(uint64_t key, const Sphere& s) { append(findOrAdd(key), s); }
+    template <class F>
+    void scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {
+      const uint32_t c = capacity(slot.count);
+      const float* x = fieldsAt(slot.begin);
+      gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, samplesAt(slot.begin), slot.count, p, hits);
+    }
 
-  std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
-  int shift_ = 64;            // 64 - log2(slots_.size())
-  size_t used_ = 0;           // slots holding a cell
-  // The pool: per cell range of capacity c, c x, c y, c z, c r floats and c samples. Pool index
-  // i lies in chunk i / kChunkEntries; fields_ and samplesOf_ give each chunk's first entry (a
-  // block of its own spans several chunk numbers, each pointing kChunkEntries further into it).
-  // Every block has four floats more at its end, since the test reads the radii in groups of
-  // four past the last entry.
-  static constexpr int kChunkBits = 16;
-  static constexpr uint32_t kChunkEntries = uint32_t{1} << kChunkBits;
-  struct Block {
-    std::unique_ptr<float[]> fields;
-    std::unique_ptr<IrradSample*[]> samples;
+   private:
+    size_t home(uint64_t key) const {
+      return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> shift_);
+    }
+    Slot& findOrAdd(uint64_t key);
+    uint32_t allocate(int sizeClass);
+    void addChunk();
+    // The fields of the range that starts at pool index `begin`, and its samples.
+    float* fieldsAt(uint32_t begin) const {
+      return fields_[begin >> kChunkBits] + 4 * static_cast<size_t>(begin & (kChunkEntries - 1));
+    }
+    IrradSample** samplesAt(uint32_t begin) const {
+      return samplesOf_[begin >> kChunkBits] + (begin & (kChunkEntries - 1));
+    }
+    void append(Slot& slot, const Sphere& s);
+    void grow();
+
+    std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
+    int shift_ = 64;            // 64 - log2(slots_.size())
+    size_t used_ = 0;           // slots holding a cell
+    // The pool: per cell range of capacity c, c x, c y, c z, c r floats and c samples. Pool
+    // index i lies in chunk i / kChunkEntries; fields_ and samplesOf_ give each chunk's first
+    // entry (a block of its own spans several chunk numbers, each pointing kChunkEntries
+    // further into it). Every block has four floats more at its end, since the test reads the
+    // radii in groups of four past the last entry.
+    static constexpr int kChunkBits = 12;
+    static constexpr uint32_t kChunkEntries = uint32_t{1} << kChunkBits;
+    struct Block {
+      std::unique_ptr<float[]> fields;
+      std::unique_ptr<IrradSample*[]> samples;
+    };
+    std::vector<float*> fields_;
+    std::vector<IrradSample**> samplesOf_;
+    uint64_t end_ = 0;            // pool indexes in use: [0, end_)
+    std::vector<Block> chunks_;   // the chunks of kChunkEntries, kept by clear() for reuse
+    size_t chunksUsed_ = 0;
+    std::vector<Block> large_;    // blocks of a range of their own
+    std::vector<uint32_t> freeRanges_[64];  // ranges left by cells that moved, by size class
   };
-  std::vector<float*> fields_;
-  std::vector<IrradSample**> samplesOf_;
-  uint64_t end_ = 0;            // pool indexes in use: [0, end_)
-  std::vector<Block> chunks_;   // the chunks of kChunkEntries, kept by clear() for reuse
-  size_t chunksUsed_ = 0;
-  std::vector<Block> large_;    // blocks of a range of their own
-  std::vector<uint32_t> freeRanges_[64];  // ranges left by cells that moved, by size class
+
+  const Slot* find(uint64_t key, const Shard*& shard) const {
+    shard = &shards_[shardOf(key)];
+    return shard->find(key);
+  }
+
+  Shard shards_[kShards];
   std::vector<Level> levels_;  // in use, by cell size
   std::vector<IrradSample*> samples_;
 };
 
 template <class F>
-void InsertionGrid::scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {
-  const uint32_t c = capacity(slot.count);
-  const float* x = fieldsAt(slot.begin);
-  gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, samplesAt(slot.begin), slot.count, p, hits);
+void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
+  for (const Level& level : levels_) {
+    const Shard* shard;
+    const Slot* slot = find(keyAt(level.k, level.scale, p), shard);
+    if (slot) shard->scanCell(*slot, p, hits);
+  }
 }
 
 template <class F>
-void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
+void InsertionGrid::gatherWith(const InsertionGrid& later, const Vector& p,
+                               PendingHits<F>& hits) const {
+  // Every level of `later` is one of ours: begin() placed its samples here too.
   for (const Level& level : levels_) {
-    const Slot* slot = find(keyAt(level, p));
-    if (slot) scanCell(*slot, p, hits);
+    const uint64_t key = keyAt(level.k, level.scale, p);
+    const Shard* shard;
+    if (const Slot* slot = find(key, shard)) shard->scanCell(*slot, p, hits);
+    if (later.samples_.empty()) continue;
+    if (const Slot* slot = later.find(key, shard)) shard->scanCell(*slot, p, hits);
   }
 }
 

@@ -67,11 +67,12 @@ float lookupFootprint(const ShadeContext& c) {
 }
 
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
-                       const LookupSettings& settings, std::vector<LookupCandidate>& out) {
+                       const LookupSettings& settings, std::vector<LookupCandidate>& out,
+                       const SampleKdTree* later) {
   const Vector p = context.position;
   const Vector n = context.normal;
   const float w = settings.normalStretch;
-  tree.forEachContaining(p, [&](IrradSample& s) {
+  tree.forEachContaining(p, later, [&](IrradSample& s) {
     LookupCandidate c;
     if (testCandidate(s, p, n, w, c)) out.push_back(c);
   });
@@ -194,7 +195,7 @@ bool createsSample(const SpacingDecision& decision, const ShadeContext& context,
 IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeContext& context,
                           ShadeData& shade, const SpacingDecision& decision,
                           std::span<const LookupCandidate> candidates, Color& result,
-                          std::vector<IrradSample*>* lowered) {
+                          std::vector<IrradSample*>* lowered, SampleIndexer* indexer) {
   IrradSample record{};
   record.position = context.position;
   record.normal = context.normal;
@@ -212,7 +213,11 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
   if (guarded) map.multiReaderLock().writeLock(threadIndex);
   IrradSample* stored = map.appendSample(record);
   if (stored) {
-    map.kdTree().insert(*stored);
+    if (indexer) {
+      indexer->index(*stored);
+    } else {
+      map.kdTree().insert(*stored);
+    }
     const float newRadius = std::sqrt(std::max(stored->validRadius2, 0.0f));
     for (const LookupCandidate& c : candidates) {
       const float limit = length(c.sample->position - stored->position) + newRadius;

@@ -113,9 +113,11 @@ inline bool testCandidate(IrradSample& s, const Vector& p, const Vector& n, floa
   return true;
 }
 
-// Appends the candidates for the context's point among the samples of the tree.
+// Appends the candidates for the context's point among the samples of the tree, and of `later`
+// when given: samples begun in the tree and not yet listed (SampleKdTree::forEachContaining).
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
-                       const LookupSettings& settings, std::vector<LookupCandidate>& out);
+                       const LookupSettings& settings, std::vector<LookupCandidate>& out,
+                       const SampleKdTree* later = nullptr);
 
 // The spacing test over collected candidates.
 SpacingDecision decideSpacing(const LookupSettings& settings, float footprint,
@@ -133,15 +135,23 @@ Color irradianceLookup(DefIrradianceMap& map, ThreadData& thread, ShadeContext& 
 bool createsSample(const SpacingDecision& decision, const ShadeContext& context,
                    const ShadeData& shade, int flags);
 
+// Where createSample() indexes the sample it stores: by default the map's kd-tree, at once.
+class SampleIndexer {
+ public:
+  virtual ~SampleIndexer() = default;
+  virtual void index(IrradSample& stored) = 0;
+};
+
 // The lookup's second half where it creates a sample: fills the record, has the sampler compute
 // it (writing its colour into `result`), then, under the write side of the lock while the map is
-// multi-threaded, stores and indexes it and lowers the radii of the candidates that reach past
-// it; those are appended to `lowered` when given. Returns the stored sample, or null when the
-// storage could not grow.
+// multi-threaded, stores it, indexes it (through `indexer` when given) and lowers the radii of
+// the candidates that reach past it; those are appended to `lowered` when given. Returns the
+// stored sample, or null when the storage could not grow.
 IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeContext& context,
                           ShadeData& shade, const SpacingDecision& decision,
                           std::span<const LookupCandidate> candidates, Color& result,
-                          std::vector<IrradSample*>* lowered = nullptr);
+                          std::vector<IrradSample*>* lowered = nullptr,
+                          SampleIndexer* indexer = nullptr);
 
 // The per-sample step of the incremental merge: offers one source sample to the map's own lookup
 // at the sample's point (thread index 0), with a sampler that answers with the sample itself.

@@ -44,6 +44,22 @@ class BatchReader : public EnumIrradianceSamplesCallback {
   size_t want_;
 };
 
+// A task of the merge's workers that sums their CPU time.
+class MergeTask : public MultiThreaded {
+ public:
+  const char* threadName() override { return "merge_thread"; }
+  double cpuSeconds = 0.0;  // summed over the workers
+
+ protected:
+  void addCpu(double seconds) {
+    std::lock_guard<std::mutex> guard(cpuLock_);
+    cpuSeconds += seconds;
+  }
+
+ private:
+  std::mutex cpuLock_;
+};
+
 // The parallel lookup of one sample.
 struct Decided {
   SpacingDecision decision;
@@ -54,7 +70,7 @@ struct Decided {
 };
 
 // Looks up every sample of a batch against the map as it stands, on several threads.
-class LookupTask : public MultiThreaded {
+class LookupTask : public MergeTask {
  public:
   LookupTask(DefIrradianceMap& map, const std::vector<IrradSample>& batch, Decided* decided,
              std::vector<std::vector<LookupCandidate>>& pools)
@@ -95,13 +111,8 @@ class LookupTask : public MultiThreaded {
       }
       if (guarded) map_.multiReaderLock().readUnlock(worker);
     }
-    const double used = threadCpuSeconds() - cpuStart;
-    std::lock_guard<std::mutex> guard(cpuLock_);
-    cpuSeconds += used;
+    addCpu(threadCpuSeconds() - cpuStart);
   }
-  const char* threadName() override { return "merge_thread"; }
-
-  double cpuSeconds = 0.0;  // summed over the workers
 
  private:
   static constexpr uint32_t kChunk = 32;
@@ -111,7 +122,6 @@ class LookupTask : public MultiThreaded {
   std::vector<std::vector<LookupCandidate>>& pools_;
   const LookupSettings settings_;
   std::atomic<uint32_t> next_{0};
-  std::mutex cpuLock_;
 };
 
 // The samples whose radii were lowered during one batch: an open-addressed set of pointers, at
@@ -176,6 +186,82 @@ class LoweredSet {
   std::vector<uint64_t> filter_;
 };
 
+// Lists a batch's begun entries in the map's grid on several threads: the shards are dealt to
+// `groups` groups (shard s to group s % groups), and each worker lists every entry, in order,
+// in the shards of the groups it takes, so that each cell gets its entries in the order begun.
+class ListTask : public MergeTask {
+ public:
+  ListTask(SampleKdTree& tree, std::span<const InsertionGrid::Sphere> entries, uint32_t groups)
+      : tree_(tree), entries_(entries), groups_(groups) {}
+
+  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
+    const double cpuStart = threadCpuSeconds();
+    for (;;) {
+      const uint32_t group = next_.fetch_add(1, std::memory_order_relaxed);
+      if (group >= groups_) break;
+      uint32_t shards = 0;
+      for (uint32_t s = group; s < InsertionGrid::kShards; s += groups_) shards |= 1u << s;
+      tree_.listEntries(entries_, shards);
+    }
+    addCpu(threadCpuSeconds() - cpuStart);
+  }
+
+ private:
+  SampleKdTree& tree_;
+  std::span<const InsertionGrid::Sphere> entries_;
+  uint32_t groups_;
+  std::atomic<uint32_t> next_{0};
+};
+
+// Indexes the samples that a batch's commit stores: begun in the map's index at once and listed
+// in its grid after the batch, on the workers. Until then `stored` holds them alone, so that the
+// checks and the lookups looked up again at commit see them as listed. When the index wants to
+// fold, everything begun is listed first and the index folds where the one-thread merge would.
+class DeferredIndexer : public SampleIndexer {
+ public:
+  DeferredIndexer(DefIrradianceMap& map, SampleKdTree& stored, ThreadManager& threads,
+                  uint32_t workers, ParallelAddStats& stats)
+      : map_(map), stored_(stored), threads_(threads), workers_(workers), stats_(stats) {}
+
+  void index(IrradSample& sample) override {
+    SampleKdTree& tree = map_.kdTree();
+    InsertionGrid::Sphere entry;
+    if (!tree.beginInsert(sample, entry)) return;
+    pending_.push_back(entry);
+    stored_.insert(sample);
+    if (tree.wantsFold()) {
+      listPending();
+      tree.fold();
+      stored_.clear();
+      folded = true;
+    }
+  }
+
+  // Lists what was begun (the caller holds the write side of the map's lock when the map is
+  // multi-threaded).
+  void listPending() {
+    if (pending_.empty()) return;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    const uint32_t groups = std::min<uint32_t>(workers_, InsertionGrid::kShards);
+    ListTask task(map_.kdTree(), pending_, groups);
+    threads_.run(static_cast<int32_t>(groups), &task, nullptr, false);
+    stats_.listSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    stats_.listCpuSeconds += task.cpuSeconds;
+    pending_.clear();
+  }
+
+  bool folded = false;  // in this batch
+
+ private:
+  DefIrradianceMap& map_;
+  SampleKdTree& stored_;
+  ThreadManager& threads_;
+  uint32_t workers_;
+  ParallelAddStats& stats_;
+  std::vector<InsertionGrid::Sphere> pending_;
+};
+
 }  // namespace
 
 ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap& source,
@@ -194,8 +280,10 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
   std::vector<LookupCandidate> scratch;
   std::vector<IrradSample*> lowered;
   LoweredSet loweredSet;
-  // The samples stored in this batch, indexed alone: never folded.
+  // The samples stored in this batch and not yet listed in the map's grid, indexed alone: never
+  // folded.
   SampleKdTree stored(std::numeric_limits<size_t>::max());
+  DeferredIndexer indexer(map, stored, threads, workers, stats);
   ThreadData caller;  // the commits run as thread 0, as the one-thread merge does
   std::unique_ptr<Decided[]> decided;
   uint32_t capacity = 0;
@@ -235,13 +323,13 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
     // Commit in source order.
     stored.clear();
     loweredSet.clear();
-    bool folded = false;
+    indexer.folded = false;
     uint32_t kept = 0;
     for (uint32_t i = 0; i < n; ++i) {
       const IrradSample& sample = batch[i];
       const Decided& d = decided[i];
 
-      bool same = d.ready.load(std::memory_order_acquire) && !folded;
+      bool same = d.ready.load(std::memory_order_acquire) && !indexer.folded;
       std::span<const LookupCandidate> candidates;
       if (same) {
         candidates = std::span<const LookupCandidate>(pools[d.worker]).subspan(d.begin, d.count);
@@ -277,7 +365,7 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
         const bool guarded = map.multiThreaded() != 0;
         if (guarded) map.multiReaderLock().readLock(caller.threadIndex);
         scratch.clear();
-        collectCandidates(map.kdTree(), context, settings, scratch);
+        collectCandidates(map.kdTree(), context, settings, scratch, &stored);
         decision = decideSpacing(settings, lookupFootprint(context), scratch);
         if (guarded) map.multiReaderLock().readUnlock(caller.threadIndex);
         create = createsSample(decision, context, shade, kFlags);
@@ -285,23 +373,26 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
       }
 
       if (create) {
-        const size_t indexedBefore = map.kdTree().insertedCount();
         lowered.clear();
         Color colour;
         IrradSample* added =
             createSample(map, caller.threadIndex, context, shade, decision, candidates, colour,
-                         &lowered);
+                         &lowered, &indexer);
         if (added) {
           ++kept;
-          stored.insert(*added);
           for (const IrradSample* s : lowered) loweredSet.add(s);
-          if (map.kdTree().insertedCount() < indexedBefore) folded = true;
         }
       }
       if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
     }
-
     stats.commitSeconds += seconds(commitStart, Clock::now());
+    // List the batch's samples in the map's grid, on the workers, before the next lookups.
+    {
+      const bool guarded = map.multiThreaded() != 0;
+      if (guarded) map.multiReaderLock().writeLock(caller.threadIndex);
+      indexer.listPending();
+      if (guarded) map.multiReaderLock().writeUnlock(caller.threadIndex);
+    }
     done += n;
     ++stats.batches;
     stats.offered += n;

@@ -16,14 +16,25 @@
 // candidates, so the stored record, its place in the storage and index, and the radii lowered
 // are those of the one-thread merge: the map comes out the same, byte for byte.
 //
-// The work that stays on the calling thread is the storing of the kept samples (their index
-// insertion above all) and the checks above, so the gain shrinks as the share of kept samples
-// grows. A batch that keeps much of what it is offered has more of its later samples reached by
-// earlier ones, and each of those is looked up twice; so the next batch is sized from how many
-// samples the last one kept: about kTargetKeptPerThread kept samples per thread, between
-// kMinPerThread and kMaxPerThread samples per thread. (Frames of the synthesised room look up
-// again 15 to 30 samples in batches of 5,000 to 13,000.) The candidates of one batch take about
-// 16 bytes each: a few MB per thread at most.
+// The commit stores a kept sample and begins it in the index (counted, placed on its level),
+// but leaves its listing in the index's grid cells, the costly part, to the end of the batch:
+// then the workers list the batch's samples, each taking a fixed share of the grid's shards and
+// every sample in source order, so that each cell lists its samples in the order the one-thread
+// merge inserts them, whatever the number of threads. Until then a second index holds the
+// batch's stored samples alone; it answers the "reaches its point" check, and a lookup made
+// again at commit searches it after the map's grid on every level, which finds the samples in
+// the order the one-thread merge's grid would list them. When the index folds its grid into a
+// new tree (where the one-thread merge would: right after the insertion that fills it), the
+// samples begun so far are listed first.
+//
+// What stays on the calling thread is the storing of the kept samples and the checks above, so
+// the gain shrinks as the share of kept samples grows. A batch that keeps much of what it is
+// offered has more of its later samples reached by earlier ones, and each of those is looked up
+// twice; so the next batch is sized from how many samples the last one kept: about
+// kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread samples
+// per thread. (Frames of the synthesised room look up again 15 to 30 samples in batches of
+// 5,000 to 13,000.) The candidates of one batch take about 16 bytes each and its pending grid
+// entries 24 bytes per kept sample: a few MB per thread at most.
 #pragma once
 
 #include <cstdint>
@@ -45,6 +56,8 @@ struct ParallelAddStats {
   double commitSeconds = 0.0;  // wall time of the commits, reading the source included
   double lookupCpuSeconds = 0.0;  // CPU time of the parallel lookups, every worker's summed
   double commitCpuSeconds = 0.0;  // CPU time of the calling thread outside the lookups
+  double listSeconds = 0.0;  // wall time of listing the kept samples in the grid
+  double listCpuSeconds = 0.0;  // CPU time of the listing, every worker's summed
 };
 
 namespace parallel_incremental {

@@ -56,13 +56,13 @@ void SampleKdTree::insert(IrradSample& sample) {
   Entry e;
   if (!makeEntry(sample, e)) return;
   grid_.insert(e);
-  if ((grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) || grid_.nearlyFull()) {
-    fold();
-  }
+  if (wantsFold()) fold();
 }
 
-// Rebuilds the tree over its own samples and the grid's, with their current radii (lowered ones
-// make tighter bounds), and empties the grid.
+bool SampleKdTree::beginInsert(IrradSample& sample, Entry& entry) {
+  return makeEntry(sample, entry) && grid_.begin(entry);
+}
+
 void SampleKdTree::fold() {
   std::vector<IrradSample*> all(tree_.samples);
   all.insert(all.end(), grid_.samples().begin(), grid_.samples().end());

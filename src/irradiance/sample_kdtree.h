@@ -7,6 +7,9 @@
 // size keeps it near the memory of the samples themselves (84 bytes each), while a long merge
 // builds each sample into a tree about three times.
 //
+// A batch of samples may also be inserted in two steps (beginInsert(), then listEntries() on
+// several threads, shard by shard), which gives the same index as inserting them one at a time.
+//
 // The tree keeps, per entry, a pointer to the sample and a bounding sphere (the position and the
 // validity radius read when the entry was last built). A query tests the bounding sphere
 // first and then the sample's current validRadius2, so radii may be lowered while indexed (the
@@ -23,7 +26,9 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -61,6 +66,27 @@ class SampleKdTree {
   // Adds one sample to the index without a full rebuild.
   void insert(IrradSample& sample);
 
+  // Bounding sphere when indexed: the position and the validity radius then, widened a little
+  // so that rounding never drops a point that the sample's own test accepts.
+  using Entry = InsertionGrid::Sphere;
+  // insert() in two steps, so that a batch can be listed in the grid on several threads:
+  // beginInsert() takes the sample with its radius as it is now, counts it (in size(),
+  // insertedCount() and wantsFold()) and, when the index can place it, fills `entry` for
+  // listEntries() and returns true. The sample is found only once listed; a fold lists
+  // nothing, so every begun entry must be listed first. The caller folds when wantsFold() says
+  // so, right after the beginInsert() that made it so, as insert() does.
+  bool beginInsert(IrradSample& sample, Entry& entry);
+  // Lists begun entries, in the order begun, in the grid's shards whose bits are set (see
+  // InsertionGrid::list; different shards may be listed on different threads at once).
+  void listEntries(std::span<const Entry> entries, uint32_t shards) { grid_.list(entries, shards); }
+  bool wantsFold() const {
+    return (grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) ||
+           grid_.nearlyFull();
+  }
+  // Rebuilds the tree over its own samples and the grid's, with their current radii (lowered
+  // ones make tighter bounds), and empties the grid.
+  void fold();
+
   // Entries indexed (samples left out as unreachable are not counted).
   size_t size() const;
   // Samples inserted since the last rebuild or fold; for tests and statistics.
@@ -69,15 +95,19 @@ class SampleKdTree {
   // Calls f(IrradSample&) for every indexed sample with |p - position|^2 < validRadius2: those of
   // the tree in tree order, then the inserted ones.
   template <class F>
-  void forEachContaining(const Vector& p, F&& f) const;
+  void forEachContaining(const Vector& p, F&& f) const {
+    forEachContaining(p, nullptr, std::forward<F>(f));
+  }
+  // The same, where `later` (may be null) is an index that holds, alone and in its grid, the
+  // samples begun here after every listed one and not yet listed: it answers as if they had
+  // been listed.
+  template <class F>
+  void forEachContaining(const Vector& p, const SampleKdTree* later, F&& f) const;
   void query(const Vector& p, StoreCB& store) const {
     forEachContaining(p, [&store](IrradSample& s) { store.store(s); });
   }
 
  private:
-  // Bounding sphere when built: the radius is the validity radius then, widened a little so
-  // that rounding never drops a point that the sample's own test accepts.
-  using Entry = InsertionGrid::Sphere;
   // A box around bounding spheres and what it holds: `count` entries from `first`, or, when
   // `count` is 0, the inner node `first`.
   struct Child {
@@ -119,7 +149,6 @@ class SampleKdTree {
                            Child c);
   static Child collapse(const std::vector<BinaryNode>& binary, const Child& c,
                         std::vector<Node>& nodes);
-  void fold();
   template <class F>
   static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p,
                        PendingHits<F>& hits) {
@@ -162,7 +191,7 @@ class SampleKdTree {
 };
 
 template <class F>
-void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
+void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later, F&& f) const {
   PendingHits<std::remove_reference_t<F>> hits(f);
   const Tree& tree = tree_;
   if (tree.size() && inside(p, tree.root.lo, tree.root.hi)) {
@@ -202,7 +231,11 @@ void SampleKdTree::forEachContaining(const Vector& p, F&& f) const {
       }
     }
   }
-  grid_.gather(p, hits);
+  if (later) {
+    grid_.gatherWith(later->grid_, p, hits);
+  } else {
+    grid_.gather(p, hits);
+  }
   hits.flush();
 }
 

@@ -145,6 +145,48 @@ TEST_F(KdTreeAgainstBruteForce, LoweredRadiiAreHonoured) {
   checkProbes(tree, 7000, 300);
 }
 
+// Samples begun and listed later, in two halves of the shards as two threads would, give the
+// index that inserting them one at a time gives, visited in the same order; before they are
+// listed, a second index holding them alone answers in that order too. Some cells take several
+// hundred samples (a pile at one point), so that cells move to larger ranges on the way.
+TEST_F(KdTreeAgainstBruteForce, SamplesListedLaterAreVisitedInInsertionOrder) {
+  fill(3000);
+  for (int i = 0; i < 600; ++i) samples.append(sphere(1.0f, 2.0f, 3.0f, 0.5f + 1e-3f * (i % 7)));
+  SampleKdTree direct, deferred;
+  direct.build(samples);
+  deferred.build(samples);
+  fill(6000);
+  for (int i = 0; i < 600; ++i) samples.append(sphere(1.0f, 2.0f, 3.0f, 0.5f + 1e-3f * (i % 5)));
+  const size_t first = 3600;
+  auto sameOrder = [&](const SampleKdTree* later) {
+    for (int k = 0; k < 300; ++k) {
+      const Vector p = k % 10 ? probe() : Vector{1.0f, 2.0f, 3.2f};
+      std::vector<const IrradSample*> a, b;
+      direct.forEachContaining(p, [&](IrradSample& s) { a.push_back(&s); });
+      deferred.forEachContaining(p, later, [&](IrradSample& s) { b.push_back(&s); });
+      ASSERT_EQ(a, b) << "probe " << k;
+    }
+  };
+  for (size_t from = first; from < samples.size(); from += 1500) {
+    const size_t to = std::min(samples.size(), from + 1500);
+    SampleKdTree later(std::numeric_limits<size_t>::max());
+    std::vector<SampleKdTree::Entry> entries;
+    for (size_t i = from; i < to; ++i) {
+      direct.insert(samples[i]);
+      SampleKdTree::Entry e;
+      if (deferred.beginInsert(samples[i], e)) entries.push_back(e);
+      later.insert(samples[i]);
+    }
+    EXPECT_EQ(deferred.insertedCount(), direct.insertedCount());
+    sameOrder(&later);
+    deferred.listEntries(entries, 0x0F);
+    deferred.listEntries(entries, ~0x0Fu);
+    sameOrder(nullptr);
+  }
+  EXPECT_EQ(deferred.insertedCount(), samples.size() - first);
+  checkProbes(deferred, samples.size(), 200);
+}
+
 // Containment is strict, also for a pile of 10000 samples at one point.
 TEST(SampleKdTree, ContainmentIsStrictAndPilesAreFoundWhole) {
   BlockSequence<IrradSample> samples;
