@@ -64,7 +64,11 @@ bool SampleKdTree::beginInsert(IrradSample& sample, Entry& entry) {
 }
 
 void SampleKdTree::fold() {
-  std::vector<IrradSample*> all(tree_.samples);
+  std::vector<IrradSample*> all;
+  all.reserve(tree_.size() + grid_.size());
+  for (IrradSample* s : tree_.samples) {
+    if (s) all.push_back(s);
+  }
   all.insert(all.end(), grid_.samples().begin(), grid_.samples().end());
   build(all.data(), all.size());
 }
@@ -77,17 +81,47 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
   tree.nodes.clear();
   tree.nodes.reserve(binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
-  tree.x.resize(n + kPad, 0.0f);
-  tree.y.resize(n + kPad, 0.0f);
-  tree.z.resize(n + kPad, 0.0f);
-  tree.r.resize(n + kPad, 0.0f);
-  tree.samples.resize(n);
-  for (size_t i = 0; i < n; ++i) {
-    tree.x[i] = entries[i].x;
-    tree.y[i] = entries[i].y;
-    tree.z[i] = entries[i].z;
-    tree.r[i] = entries[i].r;
-    tree.samples[i] = entries[i].sample;
+  tree.count = n;
+
+  // The leaves partition the entries into runs; each run starts a group. laneOf maps the first
+  // entry of a leaf to its first lane.
+  std::vector<uint32_t> starts;
+  auto leafStart = [&](const Child& c) {
+    if (c.count) starts.push_back(c.first);
+  };
+  leafStart(tree.root);
+  for (const Node& node : tree.nodes) {
+    for (int k = 0; k < kWidth; ++k) {
+      if (node.count[k]) starts.push_back(node.first[k]);
+    }
+  }
+  std::sort(starts.begin(), starts.end());
+  std::vector<uint32_t> laneOf(n);
+  size_t lanes = 0;
+  for (size_t i = 0; i < starts.size(); ++i) {
+    const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
+    laneOf[starts[i]] = static_cast<uint32_t>(lanes);
+    lanes += (end - starts[i] + 3) & ~size_t{3};
+  }
+  tree.groups.assign(lanes / 4, SphereGroup{});
+  tree.samples.assign(lanes, nullptr);
+  for (size_t i = 0; i < starts.size(); ++i) {
+    const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
+    size_t lane = laneOf[starts[i]];
+    for (size_t e = starts[i]; e < end; ++e, ++lane) {
+      SphereGroup& g = tree.groups[lane / 4];
+      g.x[lane % 4] = entries[e].x;
+      g.y[lane % 4] = entries[e].y;
+      g.z[lane % 4] = entries[e].z;
+      g.r[lane % 4] = entries[e].r;
+      tree.samples[lane] = entries[e].sample;
+    }
+  }
+  if (tree.root.count) tree.root.first = laneOf[tree.root.first];
+  for (Node& node : tree.nodes) {
+    for (int k = 0; k < kWidth; ++k) {
+      if (node.count[k]) node.first[k] = laneOf[node.first[k]];
+    }
   }
 }
 

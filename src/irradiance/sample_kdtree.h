@@ -23,6 +23,7 @@
 // resolution: the build does its extent and bin arithmetic in double.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -130,13 +131,15 @@ class SampleKdTree {
   struct Tree {
     Child root{};
     std::vector<Node> nodes;
-    // The entries in leaf order, one array per field, so that a leaf is scanned four entries at
-    // a time. The float arrays carry kPad entries more that no sphere can contain.
-    std::vector<float> x, y, z, r;
-    std::vector<IrradSample*> samples;
-    size_t size() const { return samples.size(); }
+    // The entries in leaf order, four to a cache line field by field, each leaf from the start
+    // of a group, so that a leaf is scanned four entries at a time from lines that lie together.
+    // A leaf's `first` is its first lane (a multiple of four); lanes left over at a leaf's end
+    // hold a sphere of radius 0, which contains no point, and no sample.
+    std::vector<SphereGroup> groups;
+    std::vector<IrradSample*> samples;  // per lane
+    size_t count = 0;                   // entries
+    size_t size() const { return count; }
   };
-  static constexpr size_t kPad = 3;
 
   static bool makeEntry(IrradSample& s, Entry& out);
   static void buildTree(Tree& tree, std::vector<Entry>& entries);
@@ -152,8 +155,7 @@ class SampleKdTree {
   template <class F>
   static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p,
                        PendingHits<F>& hits) {
-    gatherSpheres(t.x.data() + first, t.y.data() + first, t.z.data() + first,
-                  t.r.data() + first, t.samples.data() + first, n, p, hits);
+    gatherGroups(t.groups.data() + first / 4, t.samples.data() + first, n, p, hits);
   }
   // Bit k set when child k's box contains p.
   static uint32_t childrenContaining(const Node& n, const Vector& p) {
@@ -205,16 +207,15 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
       while (top > 0) {
         const Node& n = nodes[stack[--top]];
         uint32_t hit = childrenContaining(n, p);
-        // The leaves' fields lie in five arrays: ask for all of them before scanning any.
+        // Ask for the leaves' lines before scanning any.
         for (uint32_t leaves = hit; leaves;) {
           const int k = std::countr_zero(leaves);
           leaves &= leaves - 1;
           if (!n.count[k]) continue;
           const uint32_t at = n.first[k];
-          __builtin_prefetch(tree.x.data() + at);
-          __builtin_prefetch(tree.y.data() + at);
-          __builtin_prefetch(tree.z.data() + at);
-          __builtin_prefetch(tree.r.data() + at);
+          const SphereGroup* g = tree.groups.data() + at / 4;
+          const uint32_t lanes = std::min<uint32_t>(n.count[k], kLeafSize);
+          for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
           __builtin_prefetch(tree.samples.data() + at);
         }
         while (hit) {

@@ -53,6 +53,47 @@ class PendingHits {
   Hit hits_[kCapacity];
 };
 
+// Four bounding spheres field by field: a cache line that one test reads whole.
+struct alignas(64) SphereGroup {
+  float x[4], y[4], z[4], r[4];
+};
+
+// Adds to `hits` the samples of the first n spheres of consecutive groups (sample k of the k-th
+// sphere) whose bounds contain p.
+template <class F>
+void gatherGroups(const SphereGroup* g, IrradSample* const* samples, uint32_t n, const Vector& p,
+                  PendingHits<F>& hits) {
+#if defined(__SSE2__)
+  const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
+  for (uint32_t i = 0; i < n; i += 4, ++g) {
+    const __m128 dx = _mm_sub_ps(px, _mm_load_ps(g->x));
+    const __m128 dy = _mm_sub_ps(py, _mm_load_ps(g->y));
+    const __m128 dz = _mm_sub_ps(pz, _mm_load_ps(g->z));
+    const __m128 d2 =
+        _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+    const __m128 ri = _mm_load_ps(g->r);
+    uint32_t in = static_cast<uint32_t>(_mm_movemask_ps(_mm_cmplt_ps(d2, _mm_mul_ps(ri, ri))));
+    if (n - i < 4) in &= (1u << (n - i)) - 1;
+    if (!in) continue;
+    alignas(16) float d2s[4];
+    _mm_store_ps(d2s, d2);
+    while (in) {
+      const int k = std::countr_zero(in);
+      in &= in - 1;
+      hits.add(samples[i + k], d2s[k]);
+    }
+  }
+#else
+  for (uint32_t i = 0; i < n; ++i) {
+    const SphereGroup& s = g[i / 4];
+    const uint32_t k = i % 4;
+    const float dx = p.x - s.x[k], dy = p.y - s.y[k], dz = p.z - s.z[k];
+    const float d2 = dx * dx + dy * dy + dz * dz;
+    if (d2 < s.r[k] * s.r[k]) hits.add(samples[i], d2);
+  }
+#endif
+}
+
 // Adds to `hits` the samples of the n spheres (centres x, y, z and radii r, one array per field)
 // whose bounds contain p. The arrays are read in groups of four: they must be readable up to the
 // next multiple of four past n.
