@@ -53,6 +53,28 @@ class PendingHits {
   Hit hits_[kCapacity];
 };
 
+#if defined(__SSE2__)
+// Adds to `hits` the samples of four spheres (centres x, y, z, radii r) whose bounds contain the
+// point (px, py, pz), of the first `left`.
+template <class F>
+inline void gatherFour(__m128 px, __m128 py, __m128 pz, __m128 x, __m128 y, __m128 z, __m128 r,
+                       IrradSample* const* samples, uint32_t left, PendingHits<F>& hits) {
+  const __m128 dx = _mm_sub_ps(px, x), dy = _mm_sub_ps(py, y), dz = _mm_sub_ps(pz, z);
+  const __m128 d2 =
+      _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+  uint32_t in = static_cast<uint32_t>(_mm_movemask_ps(_mm_cmplt_ps(d2, _mm_mul_ps(r, r))));
+  if (left < 4) in &= (1u << left) - 1;
+  if (!in) return;
+  alignas(16) float d2s[4];
+  _mm_store_ps(d2s, d2);
+  while (in) {
+    const int k = std::countr_zero(in);
+    in &= in - 1;
+    hits.add(samples[k], d2s[k]);
+  }
+}
+#endif
+
 // Four bounding spheres field by field: a cache line that one test reads whole.
 struct alignas(64) SphereGroup {
   float x[4], y[4], z[4], r[4];
@@ -66,22 +88,8 @@ void gatherGroups(const SphereGroup* g, IrradSample* const* samples, uint32_t n,
 #if defined(__SSE2__)
   const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
   for (uint32_t i = 0; i < n; i += 4, ++g) {
-    const __m128 dx = _mm_sub_ps(px, _mm_load_ps(g->x));
-    const __m128 dy = _mm_sub_ps(py, _mm_load_ps(g->y));
-    const __m128 dz = _mm_sub_ps(pz, _mm_load_ps(g->z));
-    const __m128 d2 =
-        _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
-    const __m128 ri = _mm_load_ps(g->r);
-    uint32_t in = static_cast<uint32_t>(_mm_movemask_ps(_mm_cmplt_ps(d2, _mm_mul_ps(ri, ri))));
-    if (n - i < 4) in &= (1u << (n - i)) - 1;
-    if (!in) continue;
-    alignas(16) float d2s[4];
-    _mm_store_ps(d2s, d2);
-    while (in) {
-      const int k = std::countr_zero(in);
-      in &= in - 1;
-      hits.add(samples[i + k], d2s[k]);
-    }
+    gatherFour(px, py, pz, _mm_load_ps(g->x), _mm_load_ps(g->y), _mm_load_ps(g->z),
+               _mm_load_ps(g->r), samples + i, n - i, hits);
   }
 #else
   for (uint32_t i = 0; i < n; ++i) {
@@ -104,22 +112,8 @@ void gatherSpheres(const float* x, const float* y, const float* z, const float* 
 #if defined(__SSE2__)
   const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
   for (uint32_t i = 0; i < n; i += 4) {
-    const __m128 dx = _mm_sub_ps(px, _mm_loadu_ps(x + i));
-    const __m128 dy = _mm_sub_ps(py, _mm_loadu_ps(y + i));
-    const __m128 dz = _mm_sub_ps(pz, _mm_loadu_ps(z + i));
-    const __m128 d2 =
-        _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
-    const __m128 ri = _mm_loadu_ps(r + i);
-    uint32_t in = static_cast<uint32_t>(_mm_movemask_ps(_mm_cmplt_ps(d2, _mm_mul_ps(ri, ri))));
-    if (n - i < 4) in &= (1u << (n - i)) - 1;
-    if (!in) continue;
-    alignas(16) float d2s[4];
-    _mm_store_ps(d2s, d2);
-    while (in) {
-      const int k = std::countr_zero(in);
-      in &= in - 1;
-      hits.add(samples[i + k], d2s[k]);
-    }
+    gatherFour(px, py, pz, _mm_loadu_ps(x + i), _mm_loadu_ps(y + i), _mm_loadu_ps(z + i),
+               _mm_loadu_ps(r + i), samples + i, n - i, hits);
   }
 #else
   for (uint32_t i = 0; i < n; ++i) {
