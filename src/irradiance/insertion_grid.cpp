@@ -166,7 +166,8 @@ bool InsertionGrid::begin(const Sphere& s) {
   return true;
 }
 
-void InsertionGrid::list(const Sphere& s, uint32_t shards) {
+template <class F>
+void InsertionGrid::forEachCell(const Sphere& s, F&& f) {
   double lo[3], hi[3];
   int k = 0;
   boxOf(s, lo, hi, k);
@@ -178,12 +179,39 @@ void InsertionGrid::list(const Sphere& s, uint32_t shards) {
   }
   for (int64_t ix = from[0]; ix <= to[0]; ++ix) {
     for (int64_t iy = from[1]; iy <= to[1]; ++iy) {
-      for (int64_t iz = from[2]; iz <= to[2]; ++iz) {
-        const uint64_t key = keyOf(k, ix, iy, iz);
-        const int shard = shardOf(key);
-        if (shards >> shard & 1) shards_[shard].add(key, s);
-      }
+      for (int64_t iz = from[2]; iz <= to[2]; ++iz) f(keyOf(k, ix, iy, iz));
     }
+  }
+}
+
+void InsertionGrid::list(const Sphere& s, uint32_t shards) {
+  forEachCell(s, [&](uint64_t key) {
+    const int shard = shardOf(key);
+    if (shards >> shard & 1) shards_[shard].add(key, s);
+  });
+}
+
+// A window of spheres at a time: first their cells' keys, asking for each cell's slot, then the
+// entries in the same order, so that the slots' loads overlap.
+void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
+  constexpr size_t kWindow = 16;
+  struct Cell {
+    uint64_t key;
+    const Sphere* sphere;
+  };
+  Cell cells[kWindow * 8];
+  for (size_t from = 0; from < spheres.size(); from += kWindow) {
+    const size_t to = std::min(spheres.size(), from + kWindow);
+    size_t n = 0;
+    for (size_t i = from; i < to; ++i) {
+      forEachCell(spheres[i], [&](uint64_t key) {
+        const int shard = shardOf(key);
+        if (!(shards >> shard & 1)) return;
+        shards_[shard].prefetch(key);
+        cells[n++] = {key, &spheres[i]};
+      });
+    }
+    for (size_t c = 0; c < n; ++c) shards_[shardOf(cells[c].key)].add(cells[c].key, *cells[c].sphere);
   }
 }
 

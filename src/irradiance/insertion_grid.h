@@ -77,9 +77,7 @@ class InsertionGrid {
   // took in the cells of those shards. Listing different shards on different threads at once is
   // safe; begin() must not run meanwhile.
   void list(const Sphere& sphere, uint32_t shards);
-  void list(std::span<const Sphere> spheres, uint32_t shards) {
-    for (const Sphere& s : spheres) list(s, shards);
-  }
+  void list(std::span<const Sphere> spheres, uint32_t shards);
 
   // Samples indexed, in insertion order.
   size_t size() const { return samples_.size(); }
@@ -157,6 +155,9 @@ class InsertionGrid {
   // that it certainly holds every point the sphere's own test accepts; false when it has no
   // level.
   static bool boxOf(const Sphere& s, double lo[3], double hi[3], int& k);
+  // Calls f(key) for every cell of the sphere's level that its box overlaps.
+  template <class F>
+  static void forEachCell(const Sphere& s, F&& f);
 
   // One shard: a hash table of cells and the pool of their entries.
   class Shard {
@@ -164,6 +165,10 @@ class InsertionGrid {
     void clear();
     const Slot* find(uint64_t key) const;
     void add(uint64_t key, const Sphere& s) { append(findOrAdd(key), s); }
+    // Asks for the slot where a search for the key starts.
+    void prefetch(uint64_t key) const {
+      if (!slots_.empty()) __builtin_prefetch(slots_.data() + home(key));
+    }
     template <class F>
     void scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {
       const uint32_t c = capacity(slot.count);
