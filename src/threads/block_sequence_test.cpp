@@ -42,5 +42,18 @@ TEST(BlockSequence, EmptyAndCleared) {
   EXPECT_EQ(seq.size(), 1u);
 }
 
+// Blocks of 320 KB: the second and later are mapped with their pages present, the first is not.
+TEST(BlockSequence, LargeBlocksHoldTheirElementsThroughClearAndReuse) {
+  BlockSequence<std::string> seq(10000);
+  const auto text = [](int i) { return "a string too long to be kept inline " + std::to_string(i); };
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 25000; ++i) ASSERT_NE(seq.append(text(i)), nullptr);
+    ASSERT_EQ(seq.blockCount(), 3u);
+    for (int i : {0, 9999, 10000, 19999, 20000, 24999}) EXPECT_EQ(seq[i], text(i));
+    seq.clear();  // destroys every string, in the mapped blocks too
+    EXPECT_TRUE(seq.empty());
+  }
+}
+
 }  // namespace
 }  // namespace LUtils
