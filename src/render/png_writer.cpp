@@ -39,6 +39,12 @@ bool writeRows(std::FILE* file, const uint32_t* pixels, int width, int height,
   png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), 8,
                PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
                PNG_FILTER_TYPE_DEFAULT);
+  // Pictures of discs are noisy from one pixel to the next: row filters make them larger, not
+  // smaller, and libpng's adaptive choice of filter costs more than the compression itself.
+  // Unfiltered rows at zlib level 3 write them smaller than libpng's defaults, in a fraction of
+  // the time.
+  png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
+  png_set_compression_level(png, 3);
   png_write_info(png, info);
   // Each pixel is four bytes R, G, B, A in memory; libpng drops the fourth.
   png_set_filler(png, 0, PNG_FILLER_AFTER);
