@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "io/placement.h"
+#include "threads/prefault.h"
 
 namespace LUtils {
 
@@ -29,7 +30,7 @@ bool SampleKdTree::makeEntry(IrradSample& s, Entry& out) {
 void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
   clear();
   std::vector<Entry> entries;
-  entries.reserve(samples.size());
+  reserveMapped(entries, samples.size());
   for (size_t b = 0; b < samples.blockCount(); ++b) {
     IrradSample* block = samples.block(b);
     const size_t n = samples.blockLength(b);
@@ -44,7 +45,7 @@ void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
 void SampleKdTree::build(IrradSample* const* samples, size_t count) {
   clear();
   std::vector<Entry> entries;
-  entries.reserve(count);
+  reserveMapped(entries, count);
   Entry e;
   for (size_t i = 0; i < count; ++i) {
     if (samples[i] && makeEntry(*samples[i], e)) entries.push_back(e);
@@ -76,10 +77,10 @@ void SampleKdTree::fold() {
 void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
   const size_t n = entries.size();
   std::vector<BinaryNode> binary;
-  binary.reserve(n / (kLeafSize / 2) + 1);
+  reserveMapped(binary, n / (kLeafSize / 2) + 1);
   const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0);
   tree.nodes.clear();
-  tree.nodes.reserve(binary.size() / 3 + 1);
+  reserveMapped(tree.nodes, binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
   tree.count = n;
 
@@ -96,14 +97,18 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
     }
   }
   std::sort(starts.begin(), starts.end());
-  std::vector<uint32_t> laneOf(n);
+  std::vector<uint32_t> laneOf;
+  reserveMapped(laneOf, n);
+  laneOf.resize(n);
   size_t lanes = 0;
   for (size_t i = 0; i < starts.size(); ++i) {
     const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
     laneOf[starts[i]] = static_cast<uint32_t>(lanes);
     lanes += (end - starts[i] + 3) & ~size_t{3};
   }
+  reserveMapped(tree.groups, lanes / 4);
   tree.groups.assign(lanes / 4, SphereGroup{});
+  reserveMapped(tree.samples, lanes);
   tree.samples.assign(lanes, nullptr);
   for (size_t i = 0; i < starts.size(); ++i) {
     const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
@@ -289,7 +294,7 @@ int SampleKdTree::parallelDepth() {
     int d = 0;
     while ((1u << d) < cores && d < 8) ++d;
     // One level more than the cores ask for: the halves of a split are seldom equal.
-    return cores > 1 ? d : 0;
+    return cores > 1 ? d + 1 : 0;
   }();
   return depth;
 }
@@ -357,13 +362,17 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
     // The halves are built side by side into node lists of their own and appended in preorder,
     // so the result is the same node for node as a build on one thread.
     std::vector<BinaryNode> lowNodes, highNodes;
-    auto buildLow = [&] { low = buildChild(entries, lowNodes, begin, mid, depth + 1); };
+    auto buildLow = [&] {
+      reserveMapped(lowNodes, (mid - begin) / (kLeafSize / 2) + 1);
+      low = buildChild(entries, lowNodes, begin, mid, depth + 1);
+    };
     std::thread worker;
     try {
       worker = std::thread(buildLow);
     } catch (const std::system_error&) {
       buildLow();  // no thread to spare: build it here
     }
+    reserveMapped(highNodes, (end - mid) / (kLeafSize / 2) + 1);
     high = buildChild(entries, highNodes, mid, end, depth + 1);
     if (worker.joinable()) worker.join();
     low = appendNodes(nodes, lowNodes, low);

@@ -3,13 +3,9 @@
 // and the spatial indexes point into it; the thread manager keeps its worker records here.
 //
 // A sequence that outgrows its first block is a large one, and every block after the first will
-// be filled: those blocks, when they span many pages, are mapped with their pages already
-// present (one call into the kernel per block rather than a page fault per page, which costs
-// several times as much, most of all in a virtual machine). The first block is allocated lazily,
-// so that the many small sequences pay only for the pages they touch.
+// be filled: those blocks are mapped as they are allocated (threads/prefault.h). The first block
+// is not, so that the many small sequences pay only for the pages they touch.
 #pragma once
-
-#include <sys/mman.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -20,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "threads/prefault.h"
 #include "threads/spinning_mutex.h"
 
 namespace LUtils {
@@ -89,7 +86,7 @@ class BlockSequence {
         const size_t n = blockLength(b);
         for (size_t i = 0; i < n; ++i) blocks_[b][i].~T();
       }
-      freeBlock(blocks_[b], b);
+      std::free(blocks_[b]);
     }
     blocks_.clear();
     count_ = 0;
@@ -101,7 +98,8 @@ class BlockSequence {
   T* nextSlot() {
     const size_t inBlock = count_ % perBlock_;
     if (inBlock == 0 && count_ / perBlock_ == blocks_.size()) {
-      void* mem = allocateBlock(blocks_.size());
+      void* mem = std::malloc(sizeof(T) * size_t{perBlock_});
+      if (mem && !blocks_.empty()) prefaultForWriting(mem, sizeof(T) * size_t{perBlock_});
       if (!mem) {
         reportBlockAllocationFailure();
         return nullptr;
@@ -109,7 +107,7 @@ class BlockSequence {
       try {
         blocks_.push_back(static_cast<T*>(mem));
       } catch (const std::bad_alloc&) {
-        freeBlock(mem, blocks_.size());
+        std::free(mem);
         reportBlockAllocationFailure();
         return nullptr;
       }
@@ -117,27 +115,6 @@ class BlockSequence {
     T* slot = blocks_[count_ / perBlock_] + inBlock;
     ++count_;
     return slot;
-  }
-
-  // Blocks of at least this size after the first are mapped with their pages present.
-  static constexpr size_t kPopulatedBlockBytes = size_t{256} << 10;
-
-  size_t blockBytes() const { return sizeof(T) * size_t{perBlock_}; }
-  bool populated(size_t index) const { return index > 0 && blockBytes() >= kPopulatedBlockBytes; }
-
-  // The memory of block number `index`, or null.
-  void* allocateBlock(size_t index) const {
-    if (!populated(index)) return std::malloc(blockBytes());
-    void* mem = mmap(nullptr, blockBytes(), PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-    return mem == MAP_FAILED ? nullptr : mem;
-  }
-  void freeBlock(void* mem, size_t index) const {
-    if (populated(index)) {
-      munmap(mem, blockBytes());
-    } else {
-      std::free(mem);
-    }
   }
 
   uint32_t perBlock_;

@@ -42,7 +42,7 @@ TEST(BlockSequence, EmptyAndCleared) {
   EXPECT_EQ(seq.size(), 1u);
 }
 
-// Blocks of 320 KB: the second and later are mapped with their pages present, the first is not.
+// Blocks of 320 KB: the second and later are mapped as they are allocated, the first is not.
 TEST(BlockSequence, LargeBlocksHoldTheirElementsThroughClearAndReuse) {
   BlockSequence<std::string> seq(10000);
   const auto text = [](int i) { return "a string too long to be kept inline " + std::to_string(i); };
