@@ -4,6 +4,7 @@
 #include <GL/glu.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -420,8 +421,9 @@ void RasterizerGL::drawTriangle(const Vector& a, const Vector& b, const Vector& 
   glEnd();
 }
 
-bool RasterizerGL::betweenPixels(const Vector* points, unsigned count) {
-  if (!skipBetweenPixels_ || fillMode_ == 0 || compiling_ || selecting_) return false;
+uint32_t RasterizerGL::trianglesToDraw(const Vector* points, unsigned count, bool wholeOnly) {
+  const uint32_t all = count >= 3 && count - 2 < 32 ? (uint32_t{1} << (count - 2)) - 1 : ~0u;
+  if (!skipBetweenPixels_ || fillMode_ == 0 || compiling_ || selecting_ || count > 32) return all;
   if (!windowTransformKnown_) {
     double projection[16], modelView[16];
     GLint viewport[4];
@@ -447,46 +449,114 @@ bool RasterizerGL::betweenPixels(const Vector* points, unsigned count) {
     }
     windowTransformKnown_ = true;
   }
-  // Pixel centres lie at k + 0.5; a sixteenth of a pixel covers every rounding.
-  constexpr double kMargin = 1.0 / 16.0;
   const double* m = windowTransform_;
+  double x[32], y[32];
   double minX = HUGE_VAL, maxX = -HUGE_VAL, minY = HUGE_VAL, maxY = -HUGE_VAL;
-  // Opposite vertices first: a polygon wider and taller than a pixel is drawn at once.
+  // Opposite vertices first: a polygon wider and taller than a few pixels is drawn at once.
   for (unsigned k = 0; k < count; ++k) {
     const unsigned i = k == 1 ? count / 2 : (k != 0 && k <= count / 2 ? k - 1 : k);
-    const double x = points[i].x, y = points[i].y, z = points[i].z;
-    const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
-    const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
-    const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
-    const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
+    const double px = points[i].x, py = points[i].y, pz = points[i].z;
+    const double wx = m[0] * px + m[4] * py + m[8] * pz + m[12];
+    const double wy = m[1] * px + m[5] * py + m[9] * pz + m[13];
+    const double cz = m[2] * px + m[6] * py + m[10] * pz + m[14];
+    const double cw = m[3] * px + m[7] * py + m[11] * pz + m[15];
     // Clipped by the near or far plane (or not finite): OpenGL decides.
-    if (!(cw > 1e-6) || !(cz >= -cw * 0.999) || !(cz <= cw * 0.999)) return false;
+    if (!(cw > 1e-6) || !(cz >= -cw * 0.999) || !(cz <= cw * 0.999)) return all;
     const double inverse = 1.0 / cw;
-    minX = std::min(minX, wx * inverse);
-    maxX = std::max(maxX, wx * inverse);
-    minY = std::min(minY, wy * inverse);
-    maxY = std::max(maxY, wy * inverse);
-    if (k == 1 && maxX - minX > 1.0 + 2.0 * kMargin && maxY - minY > 1.0 + 2.0 * kMargin) {
-      return false;
+    x[i] = wx * inverse;
+    y[i] = wy * inverse;
+    minX = std::min(minX, x[i]);
+    maxX = std::max(maxX, x[i]);
+    minY = std::min(minY, y[i]);
+    maxY = std::max(maxY, y[i]);
+    if (k == 1 && maxX - minX > kLargePolygonPixels && maxY - minY > kLargePolygonPixels) {
+      return all;
     }
   }
-  const bool none = std::ceil(minX - kMargin - 0.5) > std::floor(maxX + kMargin - 0.5) ||
-                    std::ceil(minY - kMargin - 0.5) > std::floor(maxY + kMargin - 0.5);
-  skippedPolygons_ += none ? 1 : 0;
-  return none;
+  if (centresIn(minX, maxX) == 0 || centresIn(minY, maxY) == 0) {
+    ++skippedPolygons_;
+    return 0;
+  }
+  if (wholeOnly || maxX - minX > kLargePolygonPixels || maxY - minY > kLargePolygonPixels) {
+    return all;
+  }
+  // Fan triangle t is (0, t + 1, t + 2), as OpenGL takes a fan apart.
+  uint32_t draw = 0;
+  for (unsigned t = 0; t + 2 < count; ++t) {
+    if (mayCoverACentre(x[0], y[0], x[t + 1], y[t + 1], x[t + 2], y[t + 2])) {
+      draw |= uint32_t{1} << t;
+    }
+  }
+  if (draw == 0) ++skippedPolygons_;
+  skippedTriangles_ += count - 2 - static_cast<unsigned>(std::popcount(draw));
+  return draw;
 }
 
-void RasterizerGL::drawPolygon(const Vector* points, unsigned count, const Color& color) {
-  if (count < 3 || betweenPixels(points, count)) return;
-  lighting(false);
-  glColor3f(color.r, color.g, color.b);
-  glBegin(GL_TRIANGLE_FAN);
-  for (unsigned i = 0; i < count; ++i) vertex(points[i]);
+int RasterizerGL::centresIn(double lo, double hi) {
+  const double first = std::ceil(lo - kCoverMargin - 0.5);
+  const double last = std::floor(hi + kCoverMargin - 0.5);
+  return last >= first ? static_cast<int>(last - first) + 1 : 0;
+}
+
+bool RasterizerGL::mayCoverACentre(double x0, double y0, double x1, double y1, double x2,
+                                   double y2) {
+  const double firstX = std::ceil(std::min({x0, x1, x2}) - kCoverMargin - 0.5);
+  const double lastX = std::floor(std::max({x0, x1, x2}) + kCoverMargin - 0.5);
+  const double firstY = std::ceil(std::min({y0, y1, y2}) - kCoverMargin - 0.5);
+  const double lastY = std::floor(std::max({y0, y1, y2}) + kCoverMargin - 0.5);
+  if (lastX < firstX || lastY < firstY) return false;
+  // Twice the signed area gives the winding; a sliver of no area is left to OpenGL.
+  const double area = (x1 - x0) * (y2 - y0) - (x2 - x0) * (y1 - y0);
+  if (!(std::fabs(area) > 1e-9)) return true;
+  const double sign = area > 0.0 ? 1.0 : -1.0;
+  const double ex[3] = {x1 - x0, x2 - x1, x0 - x2}, ey[3] = {y1 - y0, y2 - y1, y0 - y2};
+  const double ox[3] = {x0, x1, x2}, oy[3] = {y0, y1, y2};
+  double slack[3];
+  for (int e = 0; e < 3; ++e) slack[e] = kCoverMargin * std::sqrt(ex[e] * ex[e] + ey[e] * ey[e]);
+  for (double cy = firstY + 0.5; cy <= lastY + 0.5; ++cy) {
+    for (double cx = firstX + 0.5; cx <= lastX + 0.5; ++cx) {
+      bool outside = false;
+      for (int e = 0; e < 3 && !outside; ++e) {
+        // The centre's distance inside edge e, times the edge's length.
+        const double inside = sign * (ex[e] * (cy - oy[e]) - ey[e] * (cx - ox[e]));
+        outside = inside < -slack[e];
+      }
+      if (!outside) return true;
+    }
+  }
+  return false;
+}
+
+void RasterizerGL::emitFan(const Vector* points, unsigned count, uint32_t triangles) {
+  const uint32_t all = count - 2 < 32 ? (uint32_t{1} << (count - 2)) - 1 : ~0u;
+  if (triangles == all) {
+    glBegin(GL_TRIANGLE_FAN);
+    for (unsigned i = 0; i < count; ++i) vertex(points[i]);
+  } else {
+    glBegin(GL_TRIANGLES);
+    for (unsigned t = 0; t + 2 < count; ++t) {
+      if (!(triangles >> t & 1)) continue;
+      vertex(points[0]);
+      vertex(points[t + 1]);
+      vertex(points[t + 2]);
+    }
+  }
   glEnd();
 }
 
+void RasterizerGL::drawPolygon(const Vector* points, unsigned count, const Color& color) {
+  if (count < 3) return;
+  const uint32_t triangles = trianglesToDraw(points, count, false);
+  if (triangles == 0) return;
+  lighting(false);
+  glColor3f(color.r, color.g, color.b);
+  emitFan(points, count, triangles);
+}
+
 void RasterizerGL::drawPolygonRGBA(const Vector* points, unsigned count, uint32_t rgba) {
-  if (count < 3 || betweenPixels(points, count)) return;
+  if (count < 3) return;
+  const uint32_t triangles = trianglesToDraw(points, count, count == 4);
+  if (triangles == 0) return;
   GLubyte bytes[4];
   bytes[0] = static_cast<GLubyte>(rgba & 0xFFu);
   bytes[1] = static_cast<GLubyte>((rgba >> 8) & 0xFFu);
@@ -494,9 +564,13 @@ void RasterizerGL::drawPolygonRGBA(const Vector* points, unsigned count, uint32_
   bytes[3] = static_cast<GLubyte>(rgba >> 24);
   lighting(false);
   glColor4ubv(bytes);
-  glBegin(count == 4 ? GL_QUADS : GL_TRIANGLE_FAN);
-  for (unsigned i = 0; i < count; ++i) vertex(points[i]);
-  glEnd();
+  if (count == 4) {
+    glBegin(GL_QUADS);
+    for (unsigned i = 0; i < count; ++i) vertex(points[i]);
+    glEnd();
+  } else {
+    emitFan(points, count, triangles);
+  }
 }
 
 void RasterizerGL::drawQuadOrPolygon(const Vector* points, unsigned count, const Color& color) {
@@ -504,7 +578,7 @@ void RasterizerGL::drawQuadOrPolygon(const Vector* points, unsigned count, const
     drawPolygon(points, count, color);
     return;
   }
-  if (betweenPixels(points, count)) return;
+  if (trianglesToDraw(points, count, true) == 0) return;
   lighting(false);
   glColor3f(color.r, color.g, color.b);
   glBegin(GL_QUADS);

@@ -98,11 +98,15 @@ class RasterizerGL final : public Rasterizer3D {
   // do not send it to OpenGL: on a dense map most discs are smaller than a pixel. The test is
   // made on the polygon's bounding box in window coordinates, with a margin far above the
   // rounding of the two transforms, and only for polygons that no near or far plane clips; so
-  // the picture is the one every polygon draws. Never while recording compiled geometry (it is
-  // replayed in other views) or in a select pass (a hit needs no pixel). On by default; the
-  // count is for tests.
+  // the picture is the one every polygon draws. A small polygon is looked at triangle by
+  // triangle, as OpenGL takes its fan apart: only the triangles that may cover a pixel centre
+  // are sent, as separate triangles with their vertices in the fan's order, which OpenGL
+  // rasterizes as it would the fan's. Never while recording compiled geometry (it is replayed
+  // in other views) or in a select pass (a hit needs no pixel). On by default; the count of
+  // polygons skipped whole, and of the triangles left out of small fans, are for tests.
   void setSkipsPolygonsBetweenPixels(bool on) { skipBetweenPixels_ = on; }
   uint64_t skippedPolygons() const { return skippedPolygons_; }
+  uint64_t skippedTriangles() const { return skippedTriangles_; }
 
  private:
   enum Lighting : uint8_t { kLightingUnknown, kLightingOn, kLightingOff };
@@ -110,8 +114,21 @@ class RasterizerGL final : public Rasterizer3D {
   void lighting(bool on);
   void applyProjection(int width, int height) const;
   void applyLookAt() const;
-  // True when the filled polygon would make no fragment (see setSkipsPolygonsBetweenPixels).
-  bool betweenPixels(const Vector* points, unsigned count);
+  // The triangles of the filled polygon's fan that may make a fragment, bit t for the triangle
+  // of vertices 0, t + 1 and t + 2 (see setSkipsPolygonsBetweenPixels); 0 when none does. With
+  // `wholeOnly` (a quad, which OpenGL does not take apart as a fan) all or none.
+  uint32_t trianglesToDraw(const Vector* points, unsigned count, bool wholeOnly);
+  // Draws the fan's triangles of the mask: the whole fan when it holds them all.
+  static void emitFan(const Vector* points, unsigned count, uint32_t triangles);
+  // Pixel centres lie at k + 0.5; a sixteenth of a pixel covers every rounding of the two
+  // transforms and of the rasterizer's fixed-point vertices.
+  static constexpr double kCoverMargin = 1.0 / 16.0;
+  // Polygons wider and taller than this are drawn whole without looking at their triangles.
+  static constexpr double kLargePolygonPixels = 4.0;
+  // The pixel centres in [lo, hi] on one axis, allowing for the margin.
+  static int centresIn(double lo, double hi);
+  // Whether the triangle (window coordinates) may cover a pixel centre.
+  static bool mayCoverACentre(double x0, double y0, double x1, double y1, double x2, double y2);
 
   int windowMode_ = 0;
   std::unique_ptr<OffscreenGLContext> bitmap_;
@@ -144,6 +161,7 @@ class RasterizerGL final : public Rasterizer3D {
   bool windowTransformKnown_ = false;
   double windowTransform_[16] = {};
   uint64_t skippedPolygons_ = 0;
+  uint64_t skippedTriangles_ = 0;
 };
 
 }  // namespace LUtils
