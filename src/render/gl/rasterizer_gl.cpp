@@ -473,7 +473,8 @@ uint32_t RasterizerGL::trianglesToDraw(const Vector* points, unsigned count, boo
       return all;
     }
   }
-  if (centresIn(minX, maxX) == 0 || centresIn(minY, maxY) == 0) {
+  const int columns = centresIn(minX, maxX), rows = centresIn(minY, maxY);
+  if (columns == 0 || rows == 0) {
     ++skippedPolygons_;
     return 0;
   }
@@ -511,15 +512,18 @@ bool RasterizerGL::mayCoverACentre(double x0, double y0, double x1, double y1, d
   const double sign = area > 0.0 ? 1.0 : -1.0;
   const double ex[3] = {x1 - x0, x2 - x1, x0 - x2}, ey[3] = {y1 - y0, y2 - y1, y0 - y2};
   const double ox[3] = {x0, x1, x2}, oy[3] = {y0, y1, y2};
-  double slack[3];
-  for (int e = 0; e < 3; ++e) slack[e] = kCoverMargin * std::sqrt(ex[e] * ex[e] + ey[e] * ey[e]);
+  // A centre is outside edge e when its distance inside the edge, times the edge's length, is
+  // below -margin x length: compared squared, without a root.
+  double slack2[3];
+  for (int e = 0; e < 3; ++e) {
+    slack2[e] = kCoverMargin * kCoverMargin * (ex[e] * ex[e] + ey[e] * ey[e]);
+  }
   for (double cy = firstY + 0.5; cy <= lastY + 0.5; ++cy) {
     for (double cx = firstX + 0.5; cx <= lastX + 0.5; ++cx) {
       bool outside = false;
       for (int e = 0; e < 3 && !outside; ++e) {
-        // The centre's distance inside edge e, times the edge's length.
         const double inside = sign * (ex[e] * (cy - oy[e]) - ey[e] * (cx - ox[e]));
-        outside = inside < -slack[e];
+        outside = inside < 0.0 && inside * inside > slack2[e];
       }
       if (!outside) return true;
     }

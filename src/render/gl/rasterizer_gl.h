@@ -123,6 +123,7 @@ class RasterizerGL final : public Rasterizer3D {
   // Pixel centres lie at k + 0.5; a sixteenth of a pixel covers every rounding of the two
   // transforms and of the rasterizer's fixed-point vertices.
   static constexpr double kCoverMargin = 1.0 / 16.0;
+  static_assert(kCoverMargin > 0.0);
   // Polygons wider and taller than this are drawn whole without looking at their triangles.
   static constexpr double kLargePolygonPixels = 4.0;
   // The pixel centres in [lo, hi] on one axis, allowing for the margin.
