@@ -98,6 +98,7 @@ void drawDiscs(Rasterizer3D& rasterizer, const Disc* discs, size_t count, int si
   Vector vertices[32];
   for (size_t d = 0; d < count; ++d) {
     const Disc& disc = discs[d];
+    if (!rasterizer.mayShowDisc(disc.position, disc.radius)) continue;
     Vector u, v;
     discBasis(disc.normal, u, v);
     for (int i = 0; i < sides; ++i) {

@@ -30,6 +30,7 @@ void lookIntoRoom(PinholeCamera& camera, int width, int height);
 
 // Draws each disc as a regular polygon of `sides` sides in the plane perpendicular to its normal:
 // in its colour, or with index colours (index = firstIndex + position in the array) for picking.
+// A disc the rasterizer knows to lie between pixel centres is not made, as the viewer does.
 void drawDiscs(Rasterizer3D& rasterizer, const Disc* discs, size_t count, int sides,
                bool indexColours = false, uint32_t firstIndex = 0);
 

@@ -91,6 +91,14 @@ class Rasterizer3D {
   // drawing may stop there.
   virtual bool pickOverflowed() const { return false; }
 
+  // False when a filled disc of this centre and radius can make no fragment (it lies between
+  // pixel centres), so that its polygon need not even be made. The default knows nothing.
+  virtual bool mayShowDisc(const Vector& centre, float radius) {
+    (void)centre;
+    (void)radius;
+    return true;
+  }
+
   // Drawing from several threads into one frame at once. Between begin and end every drawing
   // thread asks `threadIndex` for the index of the part of the work it is drawing (or 0xFFFFFFFF
   // for a thread outside it); end draws whatever the threads left pending, part after part, in

@@ -203,9 +203,10 @@ bool DrawPass::insideFrustum(const Vector& position, float radius) const {
 }
 
 void DrawPass::drawDisc(const DrawnSample& s, uint32_t index, int b) const {
+  if (pickNames) rasterizer->loadPickName(index);
+  if (!rasterizer->mayShowDisc(s.position, s.radius)) return;
   Vector u, v;
   discBasis(s.normal, u, v);
-  if (pickNames) rasterizer->loadPickName(index);
   const unsigned k = sidesFor(s.radius, s.position);
   Vector vertices[32];
   for (unsigned i = 0; i < k; ++i) {

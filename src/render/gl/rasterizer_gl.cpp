@@ -421,34 +421,67 @@ void RasterizerGL::drawTriangle(const Vector& a, const Vector& b, const Vector& 
   glEnd();
 }
 
+void RasterizerGL::knowWindowTransform() {
+  if (windowTransformKnown_) return;
+  double projection[16], modelView[16];
+  GLint viewport[4];
+  glGetDoublev(GL_PROJECTION_MATRIX, projection);
+  glGetDoublev(GL_MODELVIEW_MATRIX, modelView);
+  glGetIntegerv(GL_VIEWPORT, viewport);
+  double clip[16];
+  for (int c = 0; c < 4; ++c) {
+    for (int r = 0; r < 4; ++r) {
+      double sum = 0.0;
+      for (int k = 0; k < 4; ++k) sum += projection[k * 4 + r] * modelView[c * 4 + k];
+      clip[c * 4 + r] = sum;
+    }
+  }
+  // Rows x and y of the window transform take the viewport in: window x = row 0 / w.
+  const double sx = 0.5 * viewport[2], sy = 0.5 * viewport[3];
+  for (int c = 0; c < 4; ++c) {
+    double* column = &windowTransform_[c * 4];
+    column[0] = sx * clip[c * 4 + 0] + (sx + viewport[0]) * clip[c * 4 + 3];
+    column[1] = sy * clip[c * 4 + 1] + (sy + viewport[1]) * clip[c * 4 + 3];
+    column[2] = clip[c * 4 + 2];
+    column[3] = clip[c * 4 + 3];
+  }
+  for (int r = 0; r < 4; ++r) {
+    const double* m = windowTransform_;
+    rowLength_[r] = std::sqrt(m[r] * m[r] + m[4 + r] * m[4 + r] + m[8 + r] * m[8 + r]);
+  }
+  windowTransformKnown_ = true;
+}
+
+bool RasterizerGL::mayShowDisc(const Vector& centre, float radius) {
+  if (!skipping()) return true;
+  knowWindowTransform();
+  const double* m = windowTransform_;
+  const double x = centre.x, y = centre.y, z = centre.z;
+  const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
+  const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
+  const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
+  const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
+  // A little over the radius: the polygon's vertices are made in float.
+  const double r = 1.001 * radius;
+  const double dz = rowLength_[2] * r, dw = rowLength_[3] * r;
+  // Within reach of the near or far plane, or not finite: the polygon decides.
+  if (!(cw - dw > 1e-6) || !(r >= 0.0) || !(std::fabs(cz) + dz < 0.999 * (cw - dw))) return true;
+  // Window x of a point of the sphere is (wx + a) / (cw + b) with |a| <= dx and |b| <= dw.
+  const double dx = rowLength_[0] * r, dy = rowLength_[1] * r;
+  const double near = 1.0 / (cw - dw), far = 1.0 / (cw + dw);
+  const double loX = std::min((wx - dx) * near, (wx - dx) * far);
+  const double hiX = std::max((wx + dx) * near, (wx + dx) * far);
+  const double loY = std::min((wy - dy) * near, (wy - dy) * far);
+  const double hiY = std::max((wy + dy) * near, (wy + dy) * far);
+  if (centresIn(loX, hiX) != 0 && centresIn(loY, hiY) != 0) return true;
+  ++skippedPolygons_;
+  return false;
+}
+
 uint32_t RasterizerGL::trianglesToDraw(const Vector* points, unsigned count, bool wholeOnly) {
   const uint32_t all = count >= 3 && count - 2 < 32 ? (uint32_t{1} << (count - 2)) - 1 : ~0u;
-  if (!skipBetweenPixels_ || fillMode_ == 0 || compiling_ || selecting_ || count > 32) return all;
-  if (!windowTransformKnown_) {
-    double projection[16], modelView[16];
-    GLint viewport[4];
-    glGetDoublev(GL_PROJECTION_MATRIX, projection);
-    glGetDoublev(GL_MODELVIEW_MATRIX, modelView);
-    glGetIntegerv(GL_VIEWPORT, viewport);
-    double clip[16];
-    for (int c = 0; c < 4; ++c) {
-      for (int r = 0; r < 4; ++r) {
-        double sum = 0.0;
-        for (int k = 0; k < 4; ++k) sum += projection[k * 4 + r] * modelView[c * 4 + k];
-        clip[c * 4 + r] = sum;
-      }
-    }
-    // Rows x and y of the window transform take the viewport in: window x = row 0 / w.
-    const double sx = 0.5 * viewport[2], sy = 0.5 * viewport[3];
-    for (int c = 0; c < 4; ++c) {
-      double* column = &windowTransform_[c * 4];
-      column[0] = sx * clip[c * 4 + 0] + (sx + viewport[0]) * clip[c * 4 + 3];
-      column[1] = sy * clip[c * 4 + 1] + (sy + viewport[1]) * clip[c * 4 + 3];
-      column[2] = clip[c * 4 + 2];
-      column[3] = clip[c * 4 + 3];
-    }
-    windowTransformKnown_ = true;
-  }
+  if (!skipping() || count > 32) return all;
+  knowWindowTransform();
   const double* m = windowTransform_;
   double x[32], y[32];
   double minX = HUGE_VAL, maxX = -HUGE_VAL, minY = HUGE_VAL, maxY = -HUGE_VAL;

@@ -105,6 +105,9 @@ class RasterizerGL final : public Rasterizer3D {
   // in other views) or in a select pass (a hit needs no pixel). On by default; the count of
   // polygons skipped whole, and of the triangles left out of small fans, are for tests.
   void setSkipsPolygonsBetweenPixels(bool on) { skipBetweenPixels_ = on; }
+  // The same test on the bounding sphere of a disc, before its polygon is made: a disc far
+  // smaller than a pixel costs one projection.
+  bool mayShowDisc(const Vector& centre, float radius) override;
   uint64_t skippedPolygons() const { return skippedPolygons_; }
   uint64_t skippedTriangles() const { return skippedTriangles_; }
 
@@ -114,6 +117,10 @@ class RasterizerGL final : public Rasterizer3D {
   void lighting(bool on);
   void applyProjection(int width, int height) const;
   void applyLookAt() const;
+  // Makes windowTransform_ and its row lengths from OpenGL's matrices and viewport if need be.
+  void knowWindowTransform();
+  // Whether polygons may be skipped at all now (see setSkipsPolygonsBetweenPixels).
+  bool skipping() const { return skipBetweenPixels_ && fillMode_ != 0 && !compiling_ && !selecting_; }
   // The triangles of the filled polygon's fan that may make a fragment, bit t for the triangle
   // of vertices 0, t + 1 and t + 2 (see setSkipsPolygonsBetweenPixels); 0 when none does. With
   // `wholeOnly` (a quad, which OpenGL does not take apart as a fan) all or none.
@@ -161,6 +168,9 @@ class RasterizerGL final : public Rasterizer3D {
   bool skipBetweenPixels_ = true;
   bool windowTransformKnown_ = false;
   double windowTransform_[16] = {};
+  // The lengths of the x, y, z and w rows' first three terms: how far a point's window x and y
+  // and clip z and w move when the point moves by one unit.
+  double rowLength_[4] = {};
   uint64_t skippedPolygons_ = 0;
   uint64_t skippedTriangles_ = 0;
 };
