@@ -106,22 +106,46 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
     laneOf[starts[i]] = static_cast<uint32_t>(lanes);
     lanes += (end - starts[i] + 3) & ~size_t{3};
   }
-  reserveMapped(tree.groups, lanes / 4);
-  tree.groups.assign(lanes / 4, SphereGroup{});
-  reserveMapped(tree.samples, lanes);
-  tree.samples.assign(lanes, nullptr);
-  for (size_t i = 0; i < starts.size(); ++i) {
-    const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
-    size_t lane = laneOf[starts[i]];
-    for (size_t e = starts[i]; e < end; ++e, ++lane) {
-      SphereGroup& g = tree.groups[lane / 4];
-      g.x[lane % 4] = entries[e].x;
-      g.y[lane % 4] = entries[e].y;
-      g.z[lane % 4] = entries[e].z;
-      g.r[lane % 4] = entries[e].r;
-      tree.samples[lane] = entries[e].sample;
+  // Every lane is written below, the padding ones too, so the arrays are not zeroed first. The
+  // leaves are laid out in two halves side by side: on fresh memory most of the time goes to
+  // mapping the pages, which the two threads do for their own halves.
+  tree.groups.resize(lanes / 4);
+  tree.samples.resize(lanes);
+  const auto layOut = [&](size_t firstLeaf, size_t endLeaf) {
+    if (firstLeaf >= endLeaf) return;
+    const size_t laneBegin = laneOf[starts[firstLeaf]];
+    const size_t laneEnd = endLeaf < starts.size() ? laneOf[starts[endLeaf]] : lanes;
+    prefaultForWriting(tree.groups.data() + laneBegin / 4,
+                       (laneEnd - laneBegin) / 4 * sizeof(SphereGroup));
+    prefaultForWriting(tree.samples.data() + laneBegin, (laneEnd - laneBegin) * sizeof(IrradSample*));
+    for (size_t i = firstLeaf; i < endLeaf; ++i) {
+      const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
+      size_t lane = laneOf[starts[i]];
+      const size_t leafEnd = lane + ((end - starts[i] + 3) & ~size_t{3});
+      for (size_t e = starts[i]; lane < leafEnd; ++e, ++lane) {
+        SphereGroup& g = tree.groups[lane / 4];
+        // Lanes past the leaf's entries hold a sphere of radius 0, which contains no point.
+        const bool entry = e < end;
+        g.x[lane % 4] = entry ? entries[e].x : 0.0f;
+        g.y[lane % 4] = entry ? entries[e].y : 0.0f;
+        g.z[lane % 4] = entry ? entries[e].z : 0.0f;
+        g.r[lane % 4] = entry ? entries[e].r : 0.0f;
+        tree.samples[lane] = entry ? entries[e].sample : nullptr;
+      }
+    }
+  };
+  // The first leaf at or past the middle entry starts the second half.
+  const size_t half = static_cast<size_t>(
+      std::lower_bound(starts.begin(), starts.end(), static_cast<uint32_t>(n / 2)) - starts.begin());
+  std::thread worker;
+  if (n >= kParallelMinimum && parallelDepth() > 0) {
+    try {
+      worker = std::thread(layOut, half, starts.size());
+    } catch (const std::system_error&) {
     }
   }
+  layOut(0, worker.joinable() ? half : starts.size());
+  if (worker.joinable()) worker.join();
   if (tree.root.count) tree.root.first = laneOf[tree.root.first];
   for (Node& node : tree.nodes) {
     for (int k = 0; k < kWidth; ++k) {

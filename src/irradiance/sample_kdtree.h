@@ -41,6 +41,7 @@
 #include "irradiance/irrad_sample.h"
 #include "irradiance/irradiance_map.h"
 #include "threads/block_sequence.h"
+#include "threads/prefault.h"
 
 namespace LUtils {
 
@@ -135,8 +136,8 @@ class SampleKdTree {
     // of a group, so that a leaf is scanned four entries at a time from lines that lie together.
     // A leaf's `first` is its first lane (a multiple of four); lanes left over at a leaf's end
     // hold a sphere of radius 0, which contains no point, and no sample.
-    std::vector<SphereGroup> groups;
-    std::vector<IrradSample*> samples;  // per lane
+    std::vector<SphereGroup, UninitialisedAllocator<SphereGroup>> groups;
+    std::vector<IrradSample*, UninitialisedAllocator<IrradSample*>> samples;  // per lane
     size_t count = 0;                   // entries
     size_t size() const { return count; }
   };

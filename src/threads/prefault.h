@@ -12,6 +12,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
+#include <utility>
 
 namespace LUtils {
 
@@ -39,5 +42,27 @@ void reserveMapped(Vector& v, size_t count) {
   v.reserve(count);
   prefaultForWriting(v.data() + v.size(), (v.capacity() - v.size()) * sizeof(*v.data()));
 }
+
+// An allocator whose containers leave new elements of trivial types unwritten (resize does not
+// zero them), for arrays that their builder fills whole, where zeroing first would be a second
+// pass over fresh memory.
+template <class T>
+struct UninitialisedAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = UninitialisedAllocator<U>;
+  };
+  UninitialisedAllocator() = default;
+  template <class U>
+  UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    if constexpr (sizeof...(Args) == 0) {
+      ::new (static_cast<void*>(p)) U;
+    } else {
+      ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+  }
+};
 
 }  // namespace LUtils
