@@ -93,6 +93,9 @@ class DefIrradianceMap : public IrradianceMap {
   // The load of loadFromFile from a stream positioned at the start of the file's bytes; the
   // caller opened it and closes it. Defined in irradiance_file.cpp.
   int loadFromStream(PStream& in, int buildIndex, float timeOffset);
+  // Threads that read the samples of a large file (loadFromFile) at once: 0, the default, is
+  // defaultThreadCount(); 1 reads on the calling thread.
+  void setLoadThreads(int32_t count) { loadThreads_ = count; }
 
   // Writes the map as a current file (working settings, then the samples that saveCb accepts)
   // to an open stream. Returns 0 or -5. Defined in irradiance_file.cpp.
@@ -175,6 +178,10 @@ class DefIrradianceMap : public IrradianceMap {
   WriteIrradianceMapStream* writeStream_ = nullptr;
 
   int32_t multiThreaded_ = 0;
+  int32_t loadThreads_ = 0;
+  // loadFromStream, reading the records of a large current file from the open file `fd` (-1:
+  // through the stream) on loadThreads_ threads.
+  int loadFromStream(PStream& in, int buildIndex, float timeOffset, int fd);
   int32_t built_ = 0;
   SampleKdTree kdTree_;
   MultiReaderLock rwLock_;

@@ -2,17 +2,27 @@
 // header, the writer for every version, and the map's load and save operations.
 #include "irradiance/irradiance_file.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "io/file_errors.h"
 #include "io/safe_file.h"
 #include "io/stream.h"
 #include "irradiance/def_irradiance_map.h"
+#include "threads/prefault.h"
+#include "threads/thread_manager.h"
 
 // Files are little-endian and records are read straight into memory.
 static_assert(std::endian::native == std::endian::little, "the map file code assumes little-endian");
@@ -176,6 +186,89 @@ int readRecords(PStream& in, uint32_t count, uint32_t recordBytes, Take&& take) 
   return LUtils::kFileOk;
 }
 
+// Files of at least this many samples are read on several threads (a thread costs more than it
+// saves on fewer).
+constexpr uint32_t kParallelLoadRecords = 65536;
+
+// Reads records [first, first + count) of a current file whose records start at byte `offset`
+// into samples [base + first, ...) of the storage (appended, unwritten), through a staging
+// buffer of its own, mapping the storage's pages as it goes. Returns how many records it read
+// in one run from `first`: fewer when the file ends or a read fails.
+size_t readRecordRange(int fd, uint64_t offset, LUtils::BlockSequence<IrradSample>& samples,
+                       size_t base, size_t first, size_t count) {
+  constexpr size_t kStaged = kIoBufferBytes / kSampleBytes;
+  const std::unique_ptr<uint8_t[]> stage(new (std::nothrow) uint8_t[kStaged * kSampleBytes]);
+  if (!stage) return 0;
+  const size_t perBlock = samples.elementsPerBlock();
+  size_t done = 0;
+  while (done < count) {
+    const size_t want = std::min(kStaged, count - done) * kSampleBytes;
+    const uint64_t at = offset + (first + done) * uint64_t{kSampleBytes};
+    size_t got = 0;
+    while (got < want) {
+      const ssize_t r = pread(fd, stage.get() + got, want - got, static_cast<off_t>(at + got));
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) break;
+      got += static_cast<size_t>(r);
+    }
+    const size_t whole = got / kSampleBytes;
+    for (size_t copied = 0; copied < whole;) {
+      const size_t index = base + first + done + copied;
+      const size_t inBlock = index % perBlock;
+      const size_t run = std::min(whole - copied, perBlock - inBlock);
+      IrradSample* to = samples.block(index / perBlock) + inBlock;
+      LUtils::prefaultForWriting(to, run * sizeof(IrradSample));
+      std::memcpy(static_cast<void*>(to), stage.get() + copied * kSampleBytes, run * kSampleBytes);
+      copied += run;
+    }
+    done += whole;
+    if (got < want) break;
+  }
+  return done;
+}
+
+// The records of a current file read on `threads` threads at once, each a contiguous share of
+// them, straight from the file at `offset`. The result is the one reading on one thread gives:
+// kFileOk with `count` samples appended; or, when the file ends early or a read fails,
+// kFileReadError with the samples before the first record missing. Returns 1, with nothing
+// appended, when the storage cannot grow by `count` at once (reading on one thread then goes
+// as far as it can).
+int readRecordsOnThreads(int fd, uint64_t offset, uint32_t count, int threads,
+                         LUtils::BlockSequence<IrradSample>& samples) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) return 1;
+  const uint64_t size = static_cast<uint64_t>(std::max<off_t>(status.st_size, 0));
+  const uint64_t available = size > offset ? (size - offset) / kSampleBytes : 0;
+  const size_t n = static_cast<size_t>(std::min<uint64_t>(count, available));
+  const size_t base = samples.size();
+  if (!samples.appendUnwritten(n)) return 1;
+  const size_t shares = static_cast<size_t>(std::clamp(threads, 1, 8));
+  std::vector<size_t> done(shares, 0);
+  const auto share = [&](size_t t) {
+    const size_t first = n * t / shares, end = n * (t + 1) / shares;
+    done[t] = readRecordRange(fd, offset, samples, base, first, end - first);
+  };
+  std::vector<std::thread> workers;
+  size_t started = 1;
+  for (; started < shares; ++started) {
+    try {
+      workers.emplace_back(share, started);
+    } catch (const std::system_error&) {
+      break;
+    }
+  }
+  share(0);
+  for (size_t t = started; t < shares; ++t) share(t);  // the shares no thread took
+  for (std::thread& w : workers) w.join();
+  size_t read = 0;
+  for (size_t t = 0; t < shares; ++t) {
+    read += done[t];
+    if (done[t] < n * (t + 1) / shares - n * t / shares) break;
+  }
+  samples.truncate(base + read);
+  return read == count ? LUtils::kFileOk : LUtils::kFileReadError;
+}
+
 // Collects the samples a save writes into batches of records and writes them through the stream.
 class RecordWriter : public LUtils::EnumIrradianceSamplesCallback {
  public:
@@ -294,12 +387,16 @@ int DefIrradianceMap::loadFromFile(const char* name, int buildIndex, float timeO
     return kFileOpenError;
   }
   PBufferedStream in(PBufferedStream::kReading, &file, kIoBufferBytes);
-  const int result = loadFromStream(in, buildIndex, timeOffset);
+  const int result = loadFromStream(in, buildIndex, timeOffset, file.descriptor());
   if (in.close() != 0 && result == kFileOk) return kFileReadError;
   return result;
 }
 
 int DefIrradianceMap::loadFromStream(PStream& in, int buildIndex, float timeOffset) {
+  return loadFromStream(in, buildIndex, timeOffset, -1);
+}
+
+int DefIrradianceMap::loadFromStream(PStream& in, int buildIndex, float timeOffset, int fd) {
   fileHeader_ = IrradianceMapHeader();
   uint32_t version = 0;
   if (!readExactly(in, &version, 4)) return kFileReadError;
@@ -327,7 +424,18 @@ int DefIrradianceMap::loadFromStream(PStream& in, int buildIndex, float timeOffs
     // A header shorter than its fields leaves the rest at their defaults; a longer one is skipped.
     readHeaderFields(in, version, headerSize, fileHeader_);
     if (in.seek(12 + uint64_t{headerSize}) != 0) return kFileReadError;
-    if (isCurrentWithSamples(version)) {
+    const int threads = loadThreads_ > 0 ? loadThreads_ : defaultThreadCount();
+    // A large file of samples as they lie in memory is read on several threads at once, straight
+    // from the file (a zero offset leaves the records byte-identical).
+    int onThreads = 1;
+    if (isCurrentWithSamples(version) && fd >= 0 && threads > 1 && count >= kParallelLoadRecords &&
+        timeOffset == 0.0f && !lockedMode_) {
+      onThreads = readRecordsOnThreads(fd, 12 + uint64_t{headerSize}, count, threads, samples_);
+      if (onThreads != kFileOk && onThreads != 1) return onThreads;
+    }
+    if (onThreads == kFileOk) {
+      // read above
+    } else if (isCurrentWithSamples(version)) {
       const bool shift = timeOffset != 0.0f;  // a zero offset leaves the records byte-identical
       const int result = readRecords(in, count, kSampleBytes, [&](const uint8_t* record) {
         IrradSample s;

@@ -233,6 +233,31 @@ TEST_F(IrradianceFile, FileCutInsideARecordKeepsTheRecordsBefore) {
   EXPECT_EQ(map.samples().size(), 2u);
 }
 
+// A large current file is read on several threads at once, straight into the storage: the map
+// is the one reading on one thread gives, whole or cut anywhere, with storage blocks of any size.
+TEST_F(IrradianceFile, LargeFilesReadOnThreadsAsOnOne) {
+  constexpr size_t kCount = 70000;
+  const auto samples = randomSamples(kCount);
+  const std::string whole = currentFile(0xD0000, kCount, 160, samples);
+  for (const size_t cut : {whole.size(), size_t{172 + 100 * 84 + 5}, size_t{172 + 30000 * 84},
+                           size_t{172 + 50000 * 84 + 83}, whole.size() - 1}) {
+    writeWholeFile(path("large.lumap"), whole.substr(0, cut));
+    const size_t records = std::min(kCount, (cut - 172) / 84);
+    for (const int threads : {1, 2, 3}) {
+      for (const uint32_t perBlock : {20000u, 999u}) {
+        DefIrradianceMap map(perBlock);
+        map.setLoadThreads(threads);
+        EXPECT_EQ(map.loadFromFile(path("large.lumap").c_str(), 0, 0.0f),
+                  cut == whole.size() ? 0 : -4);
+        ASSERT_EQ(map.samples().size(), records) << threads << " threads, cut at " << cut;
+        for (size_t i = 0; i < records; ++i) {
+          ASSERT_EQ(std::memcmp(&map.samples()[i], &samples[i], 84), 0) << i;
+        }
+      }
+    }
+  }
+}
+
 // Hand-made current files with a header shorter or longer than the version's fields, loaded one
 // after the other into one map with a time offset: each load starts from the default header, and
 // the samples are found after the header, whole but for their shifted times.

@@ -48,6 +48,42 @@ class BlockSequence {
     return slot ? new (slot) T(value) : nullptr;
   }
 
+  // Appends n elements left unwritten, for a reader that fills whole blocks in place (elements
+  // of trivial types only). Their blocks are not mapped ahead. False, with nothing appended and
+  // nothing printed, when a block cannot be allocated.
+  bool appendUnwritten(size_t n) {
+    static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
+    const size_t before = count_;
+    const size_t need = (count_ + n + perBlock_ - 1) / perBlock_;
+    try {
+      while (blocks_.size() < need) {
+        void* mem = std::malloc(sizeof(T) * size_t{perBlock_});
+        if (!mem) throw std::bad_alloc();
+        try {
+          blocks_.push_back(static_cast<T*>(mem));
+        } catch (const std::bad_alloc&) {
+          std::free(mem);
+          throw;
+        }
+      }
+    } catch (const std::bad_alloc&) {
+      truncate(before);
+      return false;
+    }
+    count_ += n;
+    return true;
+  }
+
+  // Drops the elements from index n on (n <= size()) and frees the blocks left empty; elements
+  // of trivial types only.
+  void truncate(size_t n) {
+    static_assert(std::is_trivially_destructible_v<T>);
+    const size_t keep = (n + perBlock_ - 1) / perBlock_;
+    for (size_t b = keep; b < blocks_.size(); ++b) std::free(blocks_[b]);
+    if (keep < blocks_.size()) blocks_.resize(keep);
+    if (n < count_) count_ = n;
+  }
+
   size_t size() const { return count_; }
   bool empty() const { return count_ == 0; }
   uint32_t elementsPerBlock() const { return perBlock_; }

@@ -18,6 +18,7 @@
 #include "common/option_words.h"
 #include "io/file_errors.h"
 #include "io/safe_file.h"
+#include "irradiance/def_irradiance_map.h"
 #include "irradiance/irradiance_map.h"
 #include "lightcache/light_map.h"
 #include "render/camera.h"
@@ -177,10 +178,13 @@ struct LoadedMap {
 
 // Loads as the command-line driver does: .lulmap is a light cache, anything else an irradiance
 // map or, failing that, a light cache.
-bool loadMap(const std::string& name, LoadedMap& map, std::string& error) {
+// `threads` reads a large map on that many threads (0: one per processor).
+bool loadMap(const std::string& name, int threads, LoadedMap& map, std::string& error) {
   int irradianceError = 0;
   if (!endsWith(name, ".lulmap")) {
-    map.irradiance.reset(LUtils::newIrradianceMap());
+    auto* irradiance = static_cast<LUtils::DefIrradianceMap*>(LUtils::newIrradianceMap());
+    irradiance->setLoadThreads(threads);
+    map.irradiance.reset(irradiance);
     irradianceError = map.irradiance->loadFromFile(name.c_str(), 0, 0.0f);
     if (irradianceError == 0) {
       map.irradiance->setHeader(*map.irradiance->fileHeader());
@@ -399,7 +403,7 @@ int main(int argc, char** argv) {
 
   LoadedMap map;
   std::string error;
-  if (!loadMap(o.input, map, error)) return failure(error);
+  if (!loadMap(o.input, o.threads, map, error)) return failure(error);
   const LUtils::DrawnMap drawn = map.drawn();
 
   LUtils::DrawOptions options;
