@@ -15,14 +15,14 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCACHEVIEW_ONLY_THRE
 cmake --build build-tsan -j"$(nproc)"
 TSAN_OPTIONS="halt_on_error=1" ctest --test-dir build-tsan --output-on-failure -j"$(nproc)" --timeout 600
 
-# The incremental merges and the threaded software drawing under ThreadSanitizer too: their own
-# tests only.
+# The incremental merges, the kd-tree's build and the large files' reading on several threads,
+# and the threaded software drawing under ThreadSanitizer too: their own tests only.
 cmake -S . -B build-tsan-merge -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCACHEVIEW_BUILD_VIEWER=OFF \
   -DCACHEVIEW_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=thread" \
   -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=thread" >/dev/null
 cmake --build build-tsan-merge -j"$(nproc)" --target irradiance_tests lightcache_tests render_tests
 TSAN_OPTIONS="halt_on_error=1" build-tsan-merge/src/irradiance/irradiance_tests \
-  --gtest_filter='ParallelIncrementalMerge.*'
+  --gtest_filter='ParallelIncrementalMerge.*:KdTreeAgainstBruteForce.LargeRebuild:IrradianceFile.LargeFilesReadOnThreadsAsOnOne'
 TSAN_OPTIONS="halt_on_error=1" build-tsan-merge/src/lightcache/lightcache_tests \
   --gtest_filter='LightMerge.IncrementalOnEveryThreadCount*'
 # The software rasterizer drawing and replaying one frame on several threads.
