@@ -18,6 +18,11 @@ namespace {
 
 void vertex(const Vector& v) { glVertex3f(v.x, v.y, v.z); }
 
+// The mask of every triangle of a fan of `count` vertices (count >= 3).
+uint32_t wholeFan(unsigned count) {
+  return count - 2 < 32 ? (uint32_t{1} << (count - 2)) - 1 : ~0u;
+}
+
 }  // namespace
 
 RasterizerGL::RasterizerGL() = default;
@@ -479,7 +484,7 @@ bool RasterizerGL::mayShowDisc(const Vector& centre, float radius) {
 }
 
 uint32_t RasterizerGL::trianglesToDraw(const Vector* points, unsigned count, bool wholeOnly) {
-  const uint32_t all = count >= 3 && count - 2 < 32 ? (uint32_t{1} << (count - 2)) - 1 : ~0u;
+  const uint32_t all = wholeFan(count);
   if (!skipping() || count > 32) return all;
   knowWindowTransform();
   const double* m = windowTransform_;
@@ -565,8 +570,7 @@ bool RasterizerGL::mayCoverACentre(double x0, double y0, double x1, double y1, d
 }
 
 void RasterizerGL::emitFan(const Vector* points, unsigned count, uint32_t triangles) {
-  const uint32_t all = count - 2 < 32 ? (uint32_t{1} << (count - 2)) - 1 : ~0u;
-  if (triangles == all) {
+  if (triangles == wholeFan(count)) {
     glBegin(GL_TRIANGLE_FAN);
     for (unsigned i = 0; i < count; ++i) vertex(points[i]);
   } else {
