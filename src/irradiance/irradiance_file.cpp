@@ -427,14 +427,13 @@ int DefIrradianceMap::loadFromStream(PStream& in, int buildIndex, float timeOffs
     const int threads = loadThreads_ > 0 ? loadThreads_ : defaultThreadCount();
     // A large file of samples as they lie in memory is read on several threads at once, straight
     // from the file (a zero offset leaves the records byte-identical).
-    int onThreads = 1;
+    int onThreads = 1;  // 1: not read there
     if (isCurrentWithSamples(version) && fd >= 0 && threads > 1 && count >= kParallelLoadRecords &&
         timeOffset == 0.0f && !lockedMode_) {
       onThreads = readRecordsOnThreads(fd, 12 + uint64_t{headerSize}, count, threads, samples_);
-      if (onThreads != kFileOk && onThreads != 1) return onThreads;
     }
-    if (onThreads == kFileOk) {
-      // read above
+    if (onThreads != 1) {
+      if (onThreads != kFileOk) return onThreads;
     } else if (isCurrentWithSamples(version)) {
       const bool shift = timeOffset != 0.0f;  // a zero offset leaves the records byte-identical
       const int result = readRecords(in, count, kSampleBytes, [&](const uint8_t* record) {

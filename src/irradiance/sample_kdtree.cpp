@@ -117,7 +117,8 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
     const size_t laneEnd = endLeaf < starts.size() ? laneOf[starts[endLeaf]] : lanes;
     prefaultForWriting(tree.groups.data() + laneBegin / 4,
                        (laneEnd - laneBegin) / 4 * sizeof(SphereGroup));
-    prefaultForWriting(tree.samples.data() + laneBegin, (laneEnd - laneBegin) * sizeof(IrradSample*));
+    prefaultForWriting(tree.samples.data() + laneBegin,
+                       (laneEnd - laneBegin) * sizeof(IrradSample*));
     for (size_t i = firstLeaf; i < endLeaf; ++i) {
       const size_t end = i + 1 < starts.size() ? starts[i + 1] : n;
       size_t lane = laneOf[starts[i]];
@@ -136,7 +137,8 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
   };
   // The first leaf at or past the middle entry starts the second half.
   const size_t half = static_cast<size_t>(
-      std::lower_bound(starts.begin(), starts.end(), static_cast<uint32_t>(n / 2)) - starts.begin());
+      std::lower_bound(starts.begin(), starts.end(), static_cast<uint32_t>(n / 2)) -
+      starts.begin());
   std::thread worker;
   if (n >= kParallelMinimum && parallelDepth() > 0) {
     try {

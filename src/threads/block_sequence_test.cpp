@@ -45,7 +45,9 @@ TEST(BlockSequence, EmptyAndCleared) {
 // Blocks of 320 KB: the second and later are mapped as they are allocated, the first is not.
 TEST(BlockSequence, LargeBlocksHoldTheirElementsThroughClearAndReuse) {
   BlockSequence<std::string> seq(10000);
-  const auto text = [](int i) { return "a string too long to be kept inline " + std::to_string(i); };
+  const auto text = [](int i) {
+    return "a string too long to be kept inline " + std::to_string(i);
+  };
   for (int round = 0; round < 2; ++round) {
     for (int i = 0; i < 25000; ++i) ASSERT_NE(seq.append(text(i)), nullptr);
     ASSERT_EQ(seq.blockCount(), 3u);

@@ -120,7 +120,9 @@ class RasterizerGL final : public Rasterizer3D {
   // Makes windowTransform_ and its row lengths from OpenGL's matrices and viewport if need be.
   void knowWindowTransform();
   // Whether polygons may be skipped at all now (see setSkipsPolygonsBetweenPixels).
-  bool skipping() const { return skipBetweenPixels_ && fillMode_ != 0 && !compiling_ && !selecting_; }
+  bool skipping() const {
+    return skipBetweenPixels_ && fillMode_ != 0 && !compiling_ && !selecting_;
+  }
   // The triangles of the filled polygon's fan that may make a fragment, bit t for the triangle
   // of vertices 0, t + 1 and t + 2 (see setSkipsPolygonsBetweenPixels); 0 when none does. With
   // `wholeOnly` (a quad, which OpenGL does not take apart as a fan) all or none.
