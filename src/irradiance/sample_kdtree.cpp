@@ -77,7 +77,8 @@ void SampleKdTree::fold() {
 void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
   const size_t n = entries.size();
   std::vector<BinaryNode> binary;
-  reserveMapped(binary, n / (kLeafSize / 2) + 1);
+  // Generous, and filled as the tree grows: not mapped ahead (that would map pages never used).
+  binary.reserve(n / (kLeafSize / 2) + 1);
   const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0);
   tree.nodes.clear();
   reserveMapped(tree.nodes, binary.size() / 3 + 1);
@@ -389,7 +390,7 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
     // so the result is the same node for node as a build on one thread.
     std::vector<BinaryNode> lowNodes, highNodes;
     auto buildLow = [&] {
-      reserveMapped(lowNodes, (mid - begin) / (kLeafSize / 2) + 1);
+      lowNodes.reserve((mid - begin) / (kLeafSize / 2) + 1);
       low = buildChild(entries, lowNodes, begin, mid, depth + 1);
     };
     std::thread worker;
@@ -398,7 +399,7 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
     } catch (const std::system_error&) {
       buildLow();  // no thread to spare: build it here
     }
-    reserveMapped(highNodes, (end - mid) / (kLeafSize / 2) + 1);
+    highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
     high = buildChild(entries, highNodes, mid, end, depth + 1);
     if (worker.joinable()) worker.join();
     low = appendNodes(nodes, lowNodes, low);
