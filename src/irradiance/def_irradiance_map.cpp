@@ -149,6 +149,8 @@ int DefIrradianceMap::addSamples(IrradianceMap& source, ProgressCallback* progre
   if (threadCount > 1) {
     lastParallelAdd_ = addIncrementallyInParallel(*this, source, count, progress, *threads,
                                                   threadCount);
+  } else if (incremental && &source != this) {
+    addIncrementallyInRuns(*this, source, count, progress);
   } else {
     source.enumerateSamples(0, &cb);
   }

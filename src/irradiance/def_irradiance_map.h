@@ -157,7 +157,7 @@ class DefIrradianceMap : public IrradianceMap {
   void addOneSample(const IrradSample& sample, int incremental);
 
   // The incremental insertion of one source sample: the irradiance lookup at the sample decides
-  // whether the map needs it. Until the lookup exists every sample is added plainly.
+  // whether the map needs it.
   void insertIncremental(const IrradSample& sample);
 
   // The render-ID part of prepare(): index the samples by ID, or clamp the IDs into -1..0.

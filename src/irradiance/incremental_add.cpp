@@ -1,6 +1,12 @@
+#include <algorithm>
+#include <limits>
+#include <vector>
+
 #include "irradiance/def_irradiance_map.h"
 #include "irradiance/irradiance_lookup.h"
 #include "irradiance/shading.h"
+#include "threads/multi_reader_lock.h"
+#include "threads/progress_callback.h"
 
 namespace LUtils {
 
@@ -12,6 +18,135 @@ int32_t insertSampleIncrementally(DefIrradianceMap& map, const IrradSample& samp
   shade.sampler = &sampler;
   map.irradiance(thread, context, shade, Color{1.0f, 1.0f, 1.0f}, kLookupColourUnused);
   return sampler.inserted;
+}
+
+namespace {
+
+// Copies consecutive source samples into a run; stops the enumeration once it is full.
+class RunReader : public EnumIrradianceSamplesCallback {
+ public:
+  RunReader(std::vector<IrradSample>& out, size_t want) : out_(out), want_(want) {}
+  int process(IrradSample& sample) override {
+    out_.push_back(sample);
+    return out_.size() < want_ ? 1 : 0;
+  }
+
+ private:
+  std::vector<IrradSample>& out_;
+  size_t want_;
+};
+
+// Indexes the samples that a run stores: begun in the map's index at once, so that they are
+// counted where insert() counts them, and listed in its grid's cells at the end of the run,
+// several at a time with their cells asked for ahead (InsertionGrid::list). Until then `stored`
+// holds them alone, and the lookups search it after the map's grid on every level, which finds
+// them in the order the map's grid would list them. When the index wants to fold, what was begun
+// is listed first, and the index folds where insert() would.
+class RunIndexer : public SampleIndexer {
+ public:
+  explicit RunIndexer(SampleKdTree& tree) : tree_(tree) {}
+
+  void index(IrradSample& sample) override {
+    InsertionGrid::Sphere entry;
+    if (!tree_.beginInsert(sample, entry)) return;
+    pending_.push_back(entry);
+    stored_.insert(sample);
+    if (tree_.wantsFold()) {
+      listPending();
+      tree_.fold();
+    }
+  }
+  void listPending() {
+    if (pending_.empty()) return;
+    tree_.listEntries(pending_, InsertionGrid::kAllShards);
+    pending_.clear();
+    stored_.clear();
+  }
+  const SampleKdTree* stored() const { return pending_.empty() ? nullptr : &stored_; }
+
+ private:
+  SampleKdTree& tree_;
+  SampleKdTree stored_{std::numeric_limits<size_t>::max()};  // never folds
+  std::vector<InsertionGrid::Sphere> pending_;
+};
+
+// Samples per run: enough that the walks overlap well, few enough that a fold in the middle of
+// a run wastes little.
+constexpr uint32_t kRun = 256;
+// How many samples ahead the grid cells of a sample's lookup are asked for.
+constexpr uint32_t kCellsAhead = 2;
+
+}  // namespace
+
+// Each sample's turn does what insertSampleIncrementally() does through the map's irradiance
+// lookup: the same candidates in the same order (the walked tree hits, then the grid's), the
+// same decision, and the same storing step; only the tree's part was found earlier. A fold,
+// which the storing step makes when the grid is full, rebuilds the tree: the rest of the run is
+// walked again.
+void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_t count,
+                            ProgressCallback* progress) {
+  const auto total = static_cast<uint32_t>(std::max(count, 0));
+  const LookupSettings settings = LookupSettings::fromHeader(*map.header());
+  ThreadData thread;  // the merge runs as thread 0
+  const uint32_t threadIndex = thread.threadIndex;
+  SampleKdTree& tree = map.kdTree();
+  std::vector<IrradSample> run;
+  std::vector<Vector> points;
+  SampleKdTree::TreeWalks walks;
+  std::vector<LookupCandidate> candidates;
+  RunIndexer indexer(tree);
+  uint32_t done = 0;
+  while (done < total) {
+    run.clear();
+    RunReader reader(run, std::min(kRun, total - done));
+    source.enumerateSamples(done, &reader);
+    const auto n = static_cast<uint32_t>(run.size());
+    if (n == 0) break;  // the source shrank under us
+
+    points.resize(n);
+    uint32_t walkedFrom = 0;  // the points walk() was given start here
+    auto walkFrom = [&](uint32_t first) {
+      for (uint32_t i = first; i < n; ++i) points[i - first] = run[i].position;
+      const bool guarded = map.multiThreaded() != 0;
+      if (guarded) map.multiReaderLock().readLock(threadIndex);
+      tree.walk(std::span<const Vector>(points.data(), n - first), walks);
+      if (guarded) map.multiReaderLock().readUnlock(threadIndex);
+      walkedFrom = first;
+    };
+    walkFrom(0);
+    for (uint32_t i = 0; i < n; ++i) {
+      if (walks.generation() != tree.generation()) walkFrom(i);
+      if (i + 2 * kCellsAhead < n) tree.prefetchInserted(run[i + 2 * kCellsAhead].position);
+      if (i + kCellsAhead < n) tree.prefetchInsertedEntries(run[i + kCellsAhead].position);
+
+      const IrradSample& sample = run[i];
+      ShadeContext context = makeInsertionContext(sample, thread);
+      InsertSampleCallback sampler(&sample);
+      ShadeData shade;
+      shade.sampler = &sampler;
+      const bool guarded = map.multiThreaded() != 0;
+      if (guarded) map.multiReaderLock().readLock(threadIndex);
+      candidates.clear();
+      collectCandidates(tree, context, settings, walks.hitsOf(i - walkedFrom), candidates,
+                        indexer.stored());
+      const SpacingDecision decision =
+          decideSpacing(settings, lookupFootprint(context), candidates);
+      if (guarded) map.multiReaderLock().readUnlock(threadIndex);
+      if (createsSample(decision, context, shade, kLookupColourUnused)) {
+        Color colour;
+        createSample(map, threadIndex, context, shade, decision, candidates, colour, nullptr,
+                     &indexer);
+      }
+      if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
+    }
+    {
+      const bool guarded = map.multiThreaded() != 0;
+      if (guarded) map.multiReaderLock().writeLock(threadIndex);
+      indexer.listPending();
+      if (guarded) map.multiReaderLock().writeUnlock(threadIndex);
+    }
+    done += n;
+  }
 }
 
 }  // namespace LUtils

@@ -85,6 +85,15 @@ uint32_t InsertionGrid::Shard::allocate(int sizeClass) {
   if (!list.empty()) {
     const uint32_t begin = list.back();
     list.pop_back();
+    // Ranges are taken back at random places: ask for the next one's lines now.
+    if (!list.empty()) {
+      const uint32_t c = classSize(sizeClass);
+      const char* fields = reinterpret_cast<const char*>(fieldsAt(list.back()));
+      for (uint32_t b = 0; b < 16 * c; b += 64) prefetchLine(fields + b);
+      prefetchLine(fields + 16 * c - 1);
+      prefetchLine(samplesAt(list.back()));
+      prefetchLine(samplesAt(list.back()) + c - 1);
+    }
     return begin;
   }
   const uint32_t c = classSize(sizeClass);
@@ -191,8 +200,9 @@ void InsertionGrid::list(const Sphere& s, uint32_t shards) {
   });
 }
 
-// A window of spheres at a time: first their cells' keys, asking for each cell's slot, then the
-// entries in the same order, so that the slots' loads overlap.
+// A window of spheres at a time: first their cells' keys, asking for each cell's slot, then for
+// the entries of the cells that exist, then the entries are added in the same order, so that
+// the loads of the slots, and then of the entries, overlap.
 void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
   constexpr size_t kWindow = 16;
   struct Cell {
@@ -210,6 +220,10 @@ void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
         shards_[shard].prefetch(key);
         cells[n++] = {key, &spheres[i]};
       });
+    }
+    for (size_t c = 0; c < n; ++c) {
+      const Shard& shard = shards_[shardOf(cells[c].key)];
+      if (const Slot* slot = shard.find(cells[c].key)) shard.prefetchEntries(*slot);
     }
     for (size_t c = 0; c < n; ++c) shards_[shardOf(cells[c].key)].add(cells[c].key, *cells[c].sphere);
   }

@@ -44,6 +44,7 @@
 #include <span>
 #include <vector>
 
+#include "io/prefetch.h"
 #include "io/vector.h"
 #include "irradiance/irrad_sample.h"
 #include "irradiance/sphere_hits.h"
@@ -95,6 +96,24 @@ class InsertionGrid {
   // and not yet listed: on each level this grid's cell, then later's.
   template <class F>
   void gatherWith(const InsertionGrid& later, const Vector& p, PendingHits<F>& hits) const;
+  // Asks for the lines where gather(p) starts: a hint, which samples inserted meanwhile do not
+  // make wrong.
+  void prefetch(const Vector& p) const {
+    for (const Level& level : levels_) {
+      const uint64_t key = keyAt(level.k, level.scale, p);
+      shards_[shardOf(key)].prefetch(key);
+    }
+  }
+  // Asks for the entries of the cells that gather(p) scans; best once prefetch(p) has brought
+  // their slots.
+  void prefetchEntries(const Vector& p) const {
+    for (const Level& level : levels_) {
+      const Shard* shard;
+      if (const Slot* slot = find(keyAt(level.k, level.scale, p), shard)) {
+        shard->prefetchEntries(*slot);
+      }
+    }
+  }
 
  private:
   // Each sample takes at most eight cells, a cell's range at most 1.5 times its entries and at
@@ -167,7 +186,14 @@ class InsertionGrid {
     void add(uint64_t key, const Sphere& s) { append(findOrAdd(key), s); }
     // Asks for the slot where a search for the key starts.
     void prefetch(uint64_t key) const {
-      if (!slots_.empty()) __builtin_prefetch(slots_.data() + home(key));
+      if (!slots_.empty()) prefetchLine(slots_.data() + home(key));
+    }
+    void prefetchEntries(const Slot& slot) const {
+      const uint32_t c = capacity(slot.count);
+      const char* fields = reinterpret_cast<const char*>(fieldsAt(slot.begin));
+      prefetchLine(fields);
+      prefetchLine(fields + 16 * c - 1);
+      prefetchLine(samplesAt(slot.begin));
     }
     template <class F>
     void scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {

@@ -32,12 +32,14 @@
 #include "io/vector.h"
 #include "irradiance/irrad_sample.h"
 #include "irradiance/irradiance_map_header.h"
+#include "irradiance/sample_kdtree.h"
 #include "irradiance/shading.h"
 
 namespace LUtils {
 
 class DefIrradianceMap;
-class SampleKdTree;
+class IrradianceMap;
+class ProgressCallback;
 
 // Lookup flags (the irradiance operation's `flags`).
 enum IrradianceLookupFlags : int {
@@ -118,6 +120,11 @@ inline bool testCandidate(IrradSample& s, const Vector& p, const Vector& n, floa
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings, std::vector<LookupCandidate>& out,
                        const SampleKdTree* later = nullptr);
+// The same, where SampleKdTree::walk() found the static tree's hits for the point.
+void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
+                       const LookupSettings& settings,
+                       std::span<const SampleKdTree::TreeHit> treeHits,
+                       std::vector<LookupCandidate>& out, const SampleKdTree* later = nullptr);
 
 // The spacing test over collected candidates.
 SpacingDecision decideSpacing(const LookupSettings& settings, float footprint,
@@ -157,6 +164,15 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
 // at the sample's point (thread index 0), with a sampler that answers with the sample itself.
 // Returns 1 when the map stored it, 0 when it was covered.
 int32_t insertSampleIncrementally(DefIrradianceMap& map, const IrradSample& sample);
+
+// The incremental merge on the calling thread: offers the first `count` samples of `source`
+// (not `map` itself) one by one, in order, exactly as insertSampleIncrementally() would, and
+// advances `progress` (may be null) after each; the caller starts and finishes the progress.
+// The source is read in runs, and the static tree's part of every lookup of a run is walked
+// first, several walks at a time (SampleKdTree::walk): only the inserted samples and the radii
+// as they stand are looked at when each sample's turn comes, so the map is the same.
+void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_t count,
+                            ProgressCallback* progress);
 
 // The decoded colour of a sample, without a library call per channel.
 Color sampleColour(const IrradSample& s);

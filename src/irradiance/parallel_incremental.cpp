@@ -89,16 +89,28 @@ class LookupTask : public MergeTask {
     shade.sampler = &sampler;
     const bool guarded = map_.multiThreaded() != 0;
     const auto n = static_cast<uint32_t>(batch_.size());
+    const SampleKdTree& tree = map_.kdTree();
+    SampleKdTree::TreeWalks walks;
+    Vector points[kChunk];
     const double cpuStart = threadCpuSeconds();
     for (;;) {
       const uint32_t first = next_.fetch_add(kChunk, std::memory_order_relaxed);
       if (first >= n) break;
       const uint32_t end = std::min(n, first + kChunk);
       if (guarded) map_.multiReaderLock().readLock(worker);
+      // The tree's part of the chunk's lookups first, several walks at a time; the grid's
+      // cells a few samples ahead.
+      for (uint32_t i = first; i < end; ++i) points[i - first] = batch_[i].position;
+      tree.walk(std::span<const Vector>(points, end - first), walks);
+      for (uint32_t i = first; i < end && i < first + 2 * kAhead; ++i) {
+        tree.prefetchInserted(batch_[i].position);
+      }
       for (uint32_t i = first; i < end; ++i) {
+        if (i + 2 * kAhead < end) tree.prefetchInserted(batch_[i + 2 * kAhead].position);
+        if (i + kAhead < end) tree.prefetchInsertedEntries(batch_[i + kAhead].position);
         const ShadeContext context = makeInsertionContext(batch_[i], thread);
         own.clear();
-        collectCandidates(map_.kdTree(), context, settings_, own);
+        collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own);
         Decided& d = decided_[i];
         d.decision = decideSpacing(settings_, lookupFootprint(context), own);
         d.decision.nearest = nullptr;  // pointed into `own`
@@ -115,7 +127,8 @@ class LookupTask : public MergeTask {
   }
 
  private:
-  static constexpr uint32_t kChunk = 32;
+  static constexpr uint32_t kChunk = 64;
+  static constexpr uint32_t kAhead = 2;
   DefIrradianceMap& map_;
   const std::vector<IrradSample>& batch_;
   Decided* decided_;

@@ -14,6 +14,128 @@ namespace LUtils {
 void SampleKdTree::clear() {
   tree_ = Tree{};
   grid_.clear();
+  ++generation_;
+}
+
+namespace {
+
+// A walker's hits: appended in the order found, each sample asked for from memory at once.
+struct HitList {
+  std::vector<SampleKdTree::TreeHit>& out;
+  void add(IrradSample* s, float d2) {
+    __builtin_prefetch(s);
+    __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+    out.push_back({s, d2});
+  }
+};
+
+}  // namespace
+
+void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
+  const size_t n = points.size();
+  out.hits_.clear();
+  out.begin_.assign(n, 0);
+  out.count_.assign(n, 0);
+  out.generation_ = generation_;
+  const Tree& t = tree_;
+  if (!t.size()) return;
+  if (t.root.count) {
+    for (size_t k = 0; k < n; ++k) {
+      out.begin_[k] = static_cast<uint32_t>(out.hits_.size());
+      HitList sink{out.hits_};
+      if (inside(points[k], t.root.lo, t.root.hi)) {
+        gatherGroups(t.groups.data() + t.root.first / 4, t.samples.data() + t.root.first,
+                     t.root.count, points[k], sink);
+      }
+      out.count_[k] = static_cast<uint32_t>(out.hits_.size() - out.begin_[k]);
+    }
+    return;
+  }
+
+  // Each walker has a stack of items: an inner node (count 0) or a leaf (its first lane and
+  // count), as first << 32 | count. A node's leaves are pushed above its inner children and in
+  // reverse, so that they are scanned first and in child order, then the inner children are
+  // taken in the order forEachContaining() takes them: the hits come in the same order.
+  constexpr int kWalkers = TreeWalks::kWalkers;
+  constexpr int kStack = 64 * kWidth;
+  out.stacks_.resize(size_t{kWalkers} * kStack);
+  struct Walker {
+    size_t point;
+    uint64_t* stack;
+    int top;
+    std::vector<TreeHit>* hits;
+  };
+  Walker walkers[kWalkers];
+  const Node* nodes = t.nodes.data();
+  auto prefetchNode = [nodes](uint32_t index) {
+    const char* node = reinterpret_cast<const char*>(nodes + index);
+    for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(node + b);
+  };
+  size_t next = 0;
+  // Gives the walker the next point inside the root; false when there is none.
+  auto start = [&](Walker& w) {
+    for (; next < n; ++next) {
+      if (!inside(points[next], t.root.lo, t.root.hi)) continue;
+      w.point = next++;
+      w.top = 0;
+      w.stack[w.top++] = uint64_t{t.root.first} << 32;
+      prefetchNode(t.root.first);
+      w.hits->clear();
+      return true;
+    }
+    return false;
+  };
+  int live = 0;
+  for (int i = 0; i < kWalkers; ++i) {
+    Walker& w = walkers[live];
+    w.stack = out.stacks_.data() + size_t{static_cast<size_t>(live)} * kStack;
+    w.hits = &out.walkerHits_[live];
+    if (!start(w)) break;
+    ++live;
+  }
+  while (live > 0) {
+    for (int i = 0; i < live;) {
+      Walker& w = walkers[i];
+      const Vector& p = points[w.point];
+      const uint64_t item = w.stack[--w.top];
+      const auto first = static_cast<uint32_t>(item >> 32);
+      const auto count = static_cast<uint32_t>(item);
+      if (count) {
+        HitList sink{*w.hits};
+        scanLeaf(t, first, count, p, sink);
+      } else {
+        const Node& node = nodes[first];
+        const uint32_t hit = childrenContaining(node, p);
+        for (uint32_t inner = hit; inner;) {
+          const int k = std::countr_zero(inner);
+          inner &= inner - 1;
+          if (node.count[k]) continue;
+          w.stack[w.top++] = uint64_t{node.first[k]} << 32;
+          prefetchNode(node.first[k]);
+        }
+        for (uint32_t leaves = hit; leaves;) {
+          const int k = 31 - std::countl_zero(leaves);
+          leaves &= ~(1u << k);
+          if (!node.count[k]) continue;
+          const uint32_t at = node.first[k];
+          w.stack[w.top++] = uint64_t{at} << 32 | node.count[k];
+          const SphereGroup* g = t.groups.data() + at / 4;
+          const uint32_t lanes = std::min<uint32_t>(node.count[k], kLeafSize);
+          for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
+          __builtin_prefetch(t.samples.data() + at);
+        }
+      }
+      if (w.top > 0) {
+        ++i;
+        continue;
+      }
+      // Done: its hits go out, and it takes the next point, or the last live walker's place.
+      out.begin_[w.point] = static_cast<uint32_t>(out.hits_.size());
+      out.count_[w.point] = static_cast<uint32_t>(w.hits->size());
+      out.hits_.insert(out.hits_.end(), w.hits->begin(), w.hits->end());
+      if (!start(w)) std::swap(w, walkers[--live]);
+    }
+  }
 }
 
 size_t SampleKdTree::size() const { return tree_.size() + grid_.size(); }

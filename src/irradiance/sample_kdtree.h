@@ -109,6 +109,46 @@ class SampleKdTree {
     forEachContaining(p, [&store](IrradSample& s) { store.store(s); });
   }
 
+  // A bounding sphere of the static tree that contains a query point.
+  struct TreeHit {
+    IrradSample* sample;
+    float d2;  // squared distance from the point to the sample's position
+  };
+  // The static tree's part of the queries of a run of points, found by walk(). The tree's part
+  // of a query does not depend on the samples inserted since the last rebuild, nor on lowered
+  // radii (those are tested when the hits are used), so a run of queries can be walked ahead.
+  class TreeWalks {
+   public:
+    // The hits of the k-th point, in the order forEachContaining() finds them.
+    std::span<const TreeHit> hitsOf(size_t k) const {
+      return {hits_.data() + begin_[k], count_[k]};
+    }
+    // Valid while the tree's generation() is this one.
+    uint64_t generation() const { return generation_; }
+
+   private:
+    friend class SampleKdTree;
+    static constexpr int kWalkers = 8;
+    std::vector<TreeHit> hits_;
+    std::vector<uint32_t> begin_, count_;
+    uint64_t generation_ = ~uint64_t{0};
+    std::vector<uint64_t> stacks_;             // the walkers' stacks
+    std::vector<TreeHit> walkerHits_[kWalkers];  // each walker's hits so far
+  };
+  // Walks the static tree for every point, several walks at a time in turns, so that each
+  // walk's wait for its next node overlaps with the others' work.
+  void walk(std::span<const Vector> points, TreeWalks& out) const;
+  // Changes whenever the static tree does (a rebuild, a fold, clear()).
+  uint64_t generation() const { return generation_; }
+  // forEachContaining() where walk() found the tree's hits for p, with the tree as it is now.
+  template <class F>
+  void forEachContaining(const Vector& p, std::span<const TreeHit> treeHits,
+                         const SampleKdTree* later, F&& f) const;
+  // Asks for the lines where a query of the inserted samples at p starts; a hint only.
+  void prefetchInserted(const Vector& p) const { grid_.prefetch(p); }
+  // Then asks for the entries of the cells found there.
+  void prefetchInsertedEntries(const Vector& p) const { grid_.prefetchEntries(p); }
+
  private:
   // A box around bounding spheres and what it holds: `count` entries from `first`, or, when
   // `count` is 0, the inner node `first`.
@@ -153,9 +193,8 @@ class SampleKdTree {
                            Child c);
   static Child collapse(const std::vector<BinaryNode>& binary, const Child& c,
                         std::vector<Node>& nodes);
-  template <class F>
-  static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p,
-                       PendingHits<F>& hits) {
+  template <class Hits>
+  static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p, Hits& hits) {
     gatherGroups(t.groups.data() + first / 4, t.samples.data() + first, n, p, hits);
   }
   // Bit k set when child k's box contains p.
@@ -191,6 +230,7 @@ class SampleKdTree {
   Tree tree_;
   InsertionGrid grid_;
   size_t foldMinimum_;
+  uint64_t generation_ = 0;
 };
 
 template <class F>
@@ -233,6 +273,19 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
       }
     }
   }
+  if (later) {
+    grid_.gatherWith(later->grid_, p, hits);
+  } else {
+    grid_.gather(p, hits);
+  }
+  hits.flush();
+}
+
+template <class F>
+void SampleKdTree::forEachContaining(const Vector& p, std::span<const TreeHit> treeHits,
+                                     const SampleKdTree* later, F&& f) const {
+  PendingHits<std::remove_reference_t<F>> hits(f);
+  for (const TreeHit& h : treeHits) hits.add(h.sample, h.d2);
   if (later) {
     grid_.gatherWith(later->grid_, p, hits);
   } else {

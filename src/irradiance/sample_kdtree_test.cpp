@@ -60,13 +60,26 @@ class KdTreeAgainstBruteForce : public ::testing::Test {
     std::uniform_real_distribution<float> u(-11.0f, 11.0f);
     return {u(rng), u(rng), u(rng)};
   }
+  // Also checks that the probes walked all at once (walk()) find the samples in the order that
+  // probing one at a time does.
   size_t checkProbes(const SampleKdTree& tree, size_t indexed, int probes) {
     size_t hits = 0;
+    std::vector<Vector> points;
     for (int k = 0; k < probes; ++k) {
       const Vector p = probe();
+      points.push_back(p);
       const auto expected = bruteForce(samples, indexed, p);
       EXPECT_EQ(viaTree(tree, p), expected) << "probe " << k;
       hits += expected.size();
+    }
+    SampleKdTree::TreeWalks walks;
+    tree.walk(points, walks);
+    EXPECT_EQ(walks.generation(), tree.generation());
+    for (size_t k = 0; k < points.size(); ++k) {
+      std::vector<const IrradSample*> walked;
+      tree.forEachContaining(points[k], walks.hitsOf(k), nullptr,
+                             [&](IrradSample& s) { walked.push_back(&s); });
+      EXPECT_EQ(walked, viaTree(tree, points[k], false)) << "walked probe " << k;
     }
     return hits;
   }

@@ -55,10 +55,11 @@ class PendingHits {
 
 #if defined(__SSE2__)
 // Adds to `hits` the samples of four spheres (centres x, y, z, radii r) whose bounds contain the
-// point (px, py, pz), of the first `left`.
-template <class F>
+// point (px, py, pz), of the first `left`. `hits` is a PendingHits or any sink with the same
+// add(sample, squared distance).
+template <class Hits>
 inline void gatherFour(__m128 px, __m128 py, __m128 pz, __m128 x, __m128 y, __m128 z, __m128 r,
-                       IrradSample* const* samples, uint32_t left, PendingHits<F>& hits) {
+                       IrradSample* const* samples, uint32_t left, Hits& hits) {
   const __m128 dx = _mm_sub_ps(px, x), dy = _mm_sub_ps(py, y), dz = _mm_sub_ps(pz, z);
   const __m128 d2 =
       _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
@@ -82,9 +83,9 @@ struct alignas(64) SphereGroup {
 
 // Adds to `hits` the samples of the first n spheres of consecutive groups (sample k of the k-th
 // sphere) whose bounds contain p.
-template <class F>
+template <class Hits>
 void gatherGroups(const SphereGroup* g, IrradSample* const* samples, uint32_t n, const Vector& p,
-                  PendingHits<F>& hits) {
+                  Hits& hits) {
 #if defined(__SSE2__)
   const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
   for (uint32_t i = 0; i < n; i += 4, ++g) {
