@@ -99,6 +99,27 @@ class Rasterizer3D {
     return true;
   }
 
+  // Drawing from several threads by rows: every drawing thread goes over the same discs in the
+  // same order and draws only the rows it owns, so that each pixel sees the discs in the order
+  // one thread would draw them. A back end that can returns true from drawsByRows(); then
+  //   discRows() tells which rows of the frame a disc may touch: false when it can touch none
+  //   (with what mayShowDisc() would say), otherwise a range that holds every row it touches;
+  //   drawRowsOnThisThread(first, last) limits what the calling thread draws to those rows, and
+  //   drawRowsOnThisThread(1, 0) lifts the limit.
+  virtual bool drawsByRows() const { return false; }
+  virtual int frameRows() const { return 0; }
+  virtual bool discRows(const Vector& centre, float radius, int& first, int& last) {
+    (void)centre;
+    (void)radius;
+    first = 0;
+    last = frameRows() - 1;
+    return true;
+  }
+  virtual void drawRowsOnThisThread(int first, int last) {
+    (void)first;
+    (void)last;
+  }
+
   // Drawing from several threads into one frame at once. Between begin and end every drawing
   // thread asks `threadIndex` for the index of the part of the work it is drawing (or 0xFFFFFFFF
   // for a thread outside it); end draws whatever the threads left pending, part after part, in

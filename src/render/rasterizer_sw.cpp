@@ -134,6 +134,19 @@ void RasterizerSW::beginFrame() {
   frame_ = cameraFrame(camera_);
   const Matrix4 m = viewProjection(frame_, width_, height_, farDistance_);
   for (int i = 0; i < 16; ++i) mvp_[i] = static_cast<float>(m.m[i]);
+  // Window x * w = width / 2 * (x + w) and window y * w = height / 2 * (w - y), from the float
+  // matrix the vertices are transformed with.
+  for (int c = 0; c < 4; ++c) {
+    const double x = mvp_[4 * c], y = mvp_[4 * c + 1], z = mvp_[4 * c + 2], w = mvp_[4 * c + 3];
+    window_[4 * c] = 0.5 * width_ * (x + w);
+    window_[4 * c + 1] = 0.5 * height_ * (w - y);
+    window_[4 * c + 2] = z;
+    window_[4 * c + 3] = w;
+  }
+  for (int r = 0; r < 4; ++r) {
+    rowLength_[r] = std::sqrt(window_[r] * window_[r] + window_[4 + r] * window_[4 + r] +
+                              window_[8 + r] * window_[8 + r]);
+  }
   depthTest_ = true;
   cullActive_ = cullRequested_;
   drawWholeFrame();
@@ -193,6 +206,77 @@ void RasterizerSW::readPickIndices(int x0, int y0, int x1, int y1, std::vector<u
   const float wz = c.z * inv * 0.5f + 0.5f;
   return {swr::roundToInt(wx * swr::kSubpixel), swr::roundToInt(wy * swr::kSubpixel),
           std::clamp(wz, 0.0f, 1.0f)};
+}
+
+namespace {
+
+// The rows (or columns) whose pixel centres k + 0.5 lie within [lo, hi], widened by a margin
+// far above the rounding of window coordinates to 1/256 pixel, clipped to [minK, maxK].
+void centresWithin(double lo, double hi, int minK, int maxK, int& first, int& last) {
+  constexpr double kMargin = 1.0 / 64;
+  const double f = std::ceil(lo - kMargin - 0.5), l = std::floor(hi + kMargin - 0.5);
+  first = f < minK ? minK : f > maxK ? maxK + 1 : static_cast<int>(f);
+  last = l > maxK ? maxK : l < minK ? minK - 1 : static_cast<int>(l);
+}
+
+// The thread's limit to rows while a frame is drawn by rows.
+struct ThreadRows {
+  const RasterizerSW* owner = nullptr;
+  int first = 0, last = -1;
+};
+thread_local ThreadRows t_rows;
+
+}  // namespace
+
+bool RasterizerSW::discPixels(const Vector& centre, float radius, int& x0, int& y0, int& x1,
+                              int& y1) const {
+  x0 = clipMinX_;
+  y0 = clipMinY_;
+  x1 = clipMaxX_;
+  y1 = clipMaxY_;
+  if (x0 > x1 || y0 > y1) return false;
+  const double* m = window_;
+  const double x = centre.x, y = centre.y, z = centre.z;
+  const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
+  const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
+  const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
+  const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
+  // A little over the radius: the polygon's vertices are made and transformed in float.
+  const double r = 1.001 * radius + 1e-6 * (std::fabs(x) + std::fabs(y) + std::fabs(z));
+  const double dz = rowLength_[2] * r, dw = rowLength_[3] * r;
+  // Within reach of the near or far plane, or not finite: the polygon decides.
+  if (!(cw - dw > 1e-6) || !(r >= 0.0) || !(std::fabs(cz) + dz < 0.999 * (cw - dw))) return true;
+  // Window x of a point of the sphere is (wx + a) / (cw + b) with |a| <= dx and |b| <= dw.
+  const double dx = rowLength_[0] * r, dy = rowLength_[1] * r;
+  const double near = 1.0 / (cw - dw), far = 1.0 / (cw + dw);
+  const double loX = std::min((wx - dx) * near, (wx - dx) * far);
+  const double hiX = std::max((wx + dx) * near, (wx + dx) * far);
+  const double loY = std::min((wy - dy) * near, (wy - dy) * far);
+  const double hiY = std::max((wy + dy) * near, (wy + dy) * far);
+  centresWithin(loX, hiX, clipMinX_, clipMaxX_, x0, x1);
+  centresWithin(loY, hiY, clipMinY_, clipMaxY_, y0, y1);
+  return x0 <= x1 && y0 <= y1;
+}
+
+bool RasterizerSW::mayShowDisc(const Vector& centre, float radius) {
+  // Outlines (fill mode 0) light pixels whose centres they miss.
+  if (fillMode_ == 0 || width_ <= 0 || height_ <= 0) return fillMode_ == 0;
+  int x0, y0, x1, y1;
+  return discPixels(centre, radius, x0, y0, x1, y1);
+}
+
+bool RasterizerSW::discRows(const Vector& centre, float radius, int& first, int& last) {
+  if (width_ <= 0 || height_ <= 0) return false;
+  int x0, x1;
+  if (fillMode_ != 0) return discPixels(centre, radius, x0, first, x1, last);
+  // Outlines: every row of the frame, since a line's pixels are not bounded by centres.
+  first = 0;
+  last = height_ - 1;
+  return true;
+}
+
+void RasterizerSW::drawRowsOnThisThread(int first, int last) {
+  t_rows = first > last ? ThreadRows{} : ThreadRows{this, first, last};
 }
 
 void RasterizerSW::submitPolygon(const Vector* points, unsigned count, uint32_t colour) {
@@ -349,6 +433,16 @@ void RasterizerSW::emitLine(const FixedVertex& a, const FixedVertex& b, uint32_t
 }
 
 void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
+  if (t_rows.owner == this) {
+    // Drawing by rows: only the thread's own rows, straight into the frame.
+    prim.minY = std::max(prim.minY, t_rows.first);
+    prim.maxY = std::min(prim.maxY, t_rows.last);
+    if (prim.minY > prim.maxY) return;
+    prim.firstVertex = 0;
+    const swr::Target target{back_.data(), depth_.data(), width_, height_};
+    swr::rasterize(target, prim, vertices, swr::RowBands{});
+    return;
+  }
   const uint32_t bin = binIndexSource_ ? binIndexSource_() : kDirect;
   if (bin == kDirect) {
     if (binsPending_.load(std::memory_order_acquire)) flush();

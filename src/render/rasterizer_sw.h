@@ -68,6 +68,15 @@ class RasterizerSW final : public Rasterizer3D {
   // Finishes the frame and exchanges the two colour buffers.
   void swapBuffers() override;
 
+  // Discs that lie between pixel centres, or outside the drawing rectangle, are not made: their
+  // window box is bounded from the sphere around them before any vertex is.
+  bool mayShowDisc(const Vector& centre, float radius) override;
+  // Drawing by rows: a thread limited to rows draws straight into the frame, clipped to them.
+  bool drawsByRows() const override { return true; }
+  int frameRows() const override { return height_; }
+  bool discRows(const Vector& centre, float radius, int& first, int& last) override;
+  void drawRowsOnThisThread(int first, int last) override;
+
   // Threaded drawing bins each drawing thread's primitives by its index in the run, and draws
   // them at the end in thread order: the picture is the one a single thread draws.
   bool drawsFromThreads() const override { return true; }
@@ -104,6 +113,9 @@ class RasterizerSW final : public Rasterizer3D {
   };
 
   ClipVertex transform(const Vector& p) const;
+  // The pixels a filled disc may cover, within the drawing rectangle: false when none; when
+  // the sphere's box cannot be bounded (it reaches the near or far plane), the whole rectangle.
+  bool discPixels(const Vector& centre, float radius, int& x0, int& y0, int& x1, int& y1) const;
   void submitPolygon(const Vector* points, unsigned count, uint32_t colour);
   void submitLine(const Vector& a, const Vector& b, uint32_t colour);
   // Window-space vertices (y downward, 1/256 pixel) and depth.
@@ -128,6 +140,10 @@ class RasterizerSW final : public Rasterizer3D {
   // Inclusive drawing rectangle.
   int clipMinX_ = 0, clipMinY_ = 0, clipMaxX_ = -1, clipMaxY_ = -1;
   float mvp_[16] = {};
+  // mvp_ followed by the viewport (window x and y times w, y downward), in double, and the
+  // lengths of its rows' linear parts: how far a sphere of radius 1 reaches in each.
+  double window_[16] = {};
+  double rowLength_[4] = {};
   CameraFrame frame_;
 
   BinIndexSource binIndexSource_;

@@ -205,6 +205,10 @@ bool DrawPass::insideFrustum(const Vector& position, float radius) const {
 void DrawPass::drawDisc(const DrawnSample& s, uint32_t index, int b) const {
   if (pickNames) rasterizer->loadPickName(index);
   if (!rasterizer->mayShowDisc(s.position, s.radius)) return;
+  drawShownDisc(s, index, b);
+}
+
+void DrawPass::drawShownDisc(const DrawnSample& s, uint32_t index, int b) const {
   Vector u, v;
   discBasis(s.normal, u, v);
   const unsigned k = sidesFor(s.radius, s.position);
@@ -225,7 +229,11 @@ bool DrawSamplesCb<b>::process(const DrawnSample& s) {
   if ((pass->stride == 1 || index % pass->stride == 0) && !pass->edits->deleted(index) &&
       s.drawable() &&
       (!pass->frustumTest || pass->insideFrustum(s.position, s.radius))) {
-    pass->drawDisc(s, index, b);
+    if (bands != nullptr) {
+      bands->add(*pass, s, index);
+    } else {
+      pass->drawDisc(s, index, b);
+    }
   }
   // A pick whose buffer is full reports the same whatever is drawn after.
   if (pass->pickNames && (count & 255) == 0 && pass->rasterizer->pickOverflowed()) return false;
@@ -252,6 +260,14 @@ void DrawSamplesCb<b>::runShare(const Source& source) {
 
 template class DrawSamplesCb<0>;
 template class DrawSamplesCb<1>;
+
+void RowBandLists::add(const DrawPass& pass, const DrawnSample& s, uint32_t index) {
+  int first = 0, last = 0;
+  if (!pass.rasterizer->discRows(s.position, s.radius, first, last)) return;
+  const unsigned from = static_cast<unsigned>(std::max(first, 0)) >> bandShift;
+  const unsigned to = std::min(static_cast<unsigned>(std::max(last, 0)) >> bandShift, bands - 1);
+  for (unsigned k = from; k <= to; ++k) lists[k].push_back({s, index});
+}
 
 template <class Map, class Cb>
 void DrawThreaded<Map, Cb>::share(uint32_t total, uint32_t i, uint32_t n, uint32_t& first,
@@ -314,6 +330,87 @@ void drawRun(Map& map, Cb* records, uint32_t run, uint32_t base, uint32_t slices
   threads.run(static_cast<int32_t>(threadCount), &deal, waitSink, false);
 }
 
+// Draws the bands of rows that the slices listed, each band on one thread, the bands dealt to
+// the threads as they ask: a thread limits itself to the band's rows, then draws the band's
+// discs of every slice, slice after slice, which is the samples' order.
+template <int b>
+class DrawBands final : public MultiThreaded {
+ public:
+  DrawBands(const DrawPass& pass, const DrawSamplesCb<b>* slices, uint32_t sliceCount,
+            const RowBandLists& shape)
+      : pass_(pass), slices_(slices), sliceCount_(sliceCount), shape_(shape) {}
+  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
+    Rasterizer3D& r = *pass_.rasterizer;
+    for (unsigned k = next_++; k < shape_.bands; k = next_++) {
+      r.drawRowsOnThisThread(static_cast<int>(k << shape_.bandShift),
+                             static_cast<int>(((k + 1) << shape_.bandShift) - 1));
+      for (uint32_t i = 0; i < sliceCount_; ++i) {
+        for (const RowBandLists::Listed& l : slices_[i].bands->lists[k]) {
+          if (pass_.pickNames) r.loadPickName(l.index);
+          pass_.drawShownDisc(l.sample, l.index, b);
+        }
+      }
+    }
+    r.drawRowsOnThisThread(1, 0);
+  }
+  const char* threadName() override { return "draw_thread"; }
+
+ private:
+  const DrawPass& pass_;
+  const DrawSamplesCb<b>* slices_;
+  uint32_t sliceCount_;
+  const RowBandLists& shape_;
+  std::atomic<unsigned> next_{0};
+};
+
+// Drawing by rows (see drawSamples): runs of kRowRunSamples drawn samples, each cut into slices
+// that the threads take as they ask and list the discs of in their bands; then the threads draw
+// the bands. The lists hold 44 bytes per shown disc and band it touches: a run of 2^17 samples
+// holds about 6 MB at most.
+constexpr uint32_t kRowRunSamples = 1u << 17;
+constexpr unsigned kBandsPerThread = 4;
+
+template <int b>
+uint32_t drawSamplesByRows(const DrawPass& pass, const DrawScene& scene, uint32_t total,
+                           uint32_t n, ThreadManager& threads) {
+  const DrawnMap& map = scene.map;
+  const uint32_t slices = std::min(kSlicesPerThread * n, 256u);
+  const int rows = std::max(1, pass.rasterizer->frameRows());
+  // Bands of a power of two rows, at least kBandsPerThread per thread where the frame has the
+  // rows, at most kMaxBands.
+  RowBandLists shape;
+  const unsigned wanted = std::max(1u, kBandsPerThread * n);
+  while (shape.bandShift > 0 && (rows >> shape.bandShift) < static_cast<int>(wanted)) {
+    --shape.bandShift;
+  }
+  while (((rows - 1) >> shape.bandShift) + 1 > static_cast<int>(RowBandLists::kMaxBands)) {
+    ++shape.bandShift;
+  }
+  shape.bands = static_cast<unsigned>(((rows - 1) >> shape.bandShift) + 1);
+  auto lists = std::make_unique<RowBandLists[]>(slices);
+  auto records = std::make_unique<DrawSamplesCb<b>[]>(slices);
+  for (uint32_t i = 0; i < slices; ++i) {
+    lists[i].bandShift = shape.bandShift;
+    lists[i].bands = shape.bands;
+    records[i].pass = &pass;
+    records[i].bands = &lists[i];
+  }
+  const uint64_t span = uint64_t{kRowRunSamples} * pass.stride;
+  for (uint32_t base = 0; base < total;) {
+    const uint32_t run = static_cast<uint32_t>(std::min<uint64_t>(span, total - base));
+    for (uint32_t i = 0; i < slices; ++i) lists[i].clear();
+    if (map.light != nullptr) {
+      drawRun(*map.light, records.get(), run, base, slices, n, threads, scene.waitSink);
+    } else {
+      drawRun(*map.irradiance, records.get(), run, base, slices, n, threads, scene.waitSink);
+    }
+    DrawBands<b> draw(pass, records.get(), slices, shape);
+    threads.run(static_cast<int32_t>(n), &draw, scene.waitSink, false);
+    base += run;
+  }
+  return n;
+}
+
 }  // namespace
 
 template <int b>
@@ -333,6 +430,8 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
     withSampleSource(map, [&cb](const auto& source) { cb.runShare(source); });
     return 1;
   }
+
+  if (pass.rasterizer->drawsByRows()) return drawSamplesByRows<b>(pass, scene, total, n, *threads);
 
   const uint32_t slices = std::min(kSlicesPerThread * n, 256u);
   auto records = std::make_unique<DrawSamplesCb<b>[]>(slices);

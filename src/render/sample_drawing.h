@@ -103,11 +103,33 @@ struct DrawPass {
   bool insideFrustum(const Vector& position, float radius) const;
   // Draws one disc: b = 0 in colour x brightness, b = 1 in the colour of `index`.
   void drawDisc(const DrawnSample& s, uint32_t index, int b) const;
+  // drawDisc() where the back end already said that the disc may show (no pick name loaded).
+  void drawShownDisc(const DrawnSample& s, uint32_t index, int b) const;
 };
 
 // The per-sample drawing callback. b = 0 draws in the sample's colour, b = 1 in its index
 // colour (the picking pass). Indices run from `first` in enumeration order. Each record has a
 // cache line of its own: the drawing threads count in their records at every sample.
+// The discs a slice of samples shows in each band of rows of the frame, while a frame is drawn
+// by rows (Rasterizer3D::drawsByRows): each with its index, in the slice's order. A copy, so
+// that drawing a band reads its discs one after another rather than a scattered few of the
+// map's records.
+struct RowBandLists {
+  static constexpr unsigned kMaxBands = 64;
+  struct Listed {
+    DrawnSample sample;
+    uint32_t index;
+  };
+  int bandShift = 24;   // a band is 2^bandShift rows
+  unsigned bands = 0;   // bands in use
+  std::vector<Listed> lists[kMaxBands];
+  // Lists the disc in every band it may touch (none when the back end says it shows nowhere).
+  void add(const DrawPass& pass, const DrawnSample& s, uint32_t index);
+  void clear() {
+    for (unsigned k = 0; k < bands; ++k) lists[k].clear();
+  }
+};
+
 template <int b>
 class alignas(64) DrawSamplesCb final {
  public:
@@ -115,6 +137,8 @@ class alignas(64) DrawSamplesCb final {
   uint32_t limit = 0xFFFFFFFFu;
   uint32_t first = 0;
   const DrawPass* pass = nullptr;
+  // Set while a frame is drawn by rows: the disc's index is listed in its bands, not drawn.
+  RowBandLists* bands = nullptr;
 
   // Returns false once `limit` samples were visited.
   bool process(const DrawnSample& sample);
