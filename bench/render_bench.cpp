@@ -144,11 +144,10 @@ BENCHMARK(BM_GLDisplayList)->Unit(benchmark::kMillisecond)->UseRealTime()->Itera
 // The last picture of each software kind, to compare after the runs.
 std::map<std::string, std::vector<uint32_t>> gPictures;
 
-void softwareFrames(benchmark::State& state, bool threaded, unsigned replayThreads = 0,
-                    const char* picture = nullptr, int managerThreads = 0) {
+void softwareFrames(benchmark::State& state, bool threaded, const char* picture = nullptr,
+                    int managerThreads = 0) {
   Scene& s = scene();
   RasterizerSW sw;
-  if (replayThreads > 0) sw.setReplayThreads(replayThreads);
   sw.resize(kWidth, kHeight);
   sw.setCamera(&s.camera);
   sw.setFarDistance(s.farDistance);
@@ -156,7 +155,7 @@ void softwareFrames(benchmark::State& state, bool threaded, unsigned replayThrea
   s.options.setMultiThreadedSoftware(threaded);
   const int defaultThreads = s.threads.threadCount();
   if (managerThreads > 0) s.threads.setThreadCount(managerThreads);
-  drawFrame(sw, s.drawScene());  // warm the bins and the workers
+  drawFrame(sw, s.drawScene());  // warm the workers and the lists
   timespec before{}, after{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
   for (auto _ : state) drawFrame(sw, s.drawScene());
@@ -190,18 +189,18 @@ void BM_MinimalRaster(benchmark::State& state) {
 BENCHMARK(BM_MinimalRaster)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 void BM_SoftwareOneThread(benchmark::State& state) {
-  softwareFrames(state, false, 0, "one thread");
+  softwareFrames(state, false, "one thread");
 }
 BENCHMARK(BM_SoftwareOneThread)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 void BM_SoftwareAllThreads(benchmark::State& state) {
-  softwareFrames(state, true, 0, "all threads");
+  softwareFrames(state, true, "all threads");
 }
 BENCHMARK(BM_SoftwareAllThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 // Threaded drawing through a thread manager of one worker.
 void BM_SoftwareManagerOneWorker(benchmark::State& state) {
-  softwareFrames(state, true, 0, "manager of one worker", 1);
+  softwareFrames(state, true, "manager of one worker", 1);
 }
 BENCHMARK(BM_SoftwareManagerOneWorker)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
@@ -227,7 +226,7 @@ double samePixels(const std::string& a, const std::string& b, int tolerance = 0)
 }
 
 // The same frames as the viewer window draws them by default: 6-sided discs (low quality), and
-// the software rasterizer replaying its bins on one thread or on every processor as the window's
+// the software rasterizer drawing on one thread or by rows on every processor as the window's
 // two software kinds do. bench/viewer_window_bench.py times the window against these.
 class ViewerQuality {
  public:
@@ -251,13 +250,13 @@ BENCHMARK(BM_ViewerGLLists)->Unit(benchmark::kMillisecond)->UseRealTime()->Itera
 
 void BM_ViewerSoftware(benchmark::State& state) {
   const ViewerQuality quality;
-  softwareFrames(state, false, 1);
+  softwareFrames(state, false);
 }
 BENCHMARK(BM_ViewerSoftware)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 void BM_ViewerSoftwareThreads(benchmark::State& state) {
   const ViewerQuality quality;
-  softwareFrames(state, true, std::max(1u, std::thread::hardware_concurrency()));
+  softwareFrames(state, true);
 }
 BENCHMARK(BM_ViewerSoftwareThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 

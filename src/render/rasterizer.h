@@ -120,14 +120,6 @@ class Rasterizer3D {
     (void)last;
   }
 
-  // Drawing from several threads into one frame at once. Between begin and end every drawing
-  // thread asks `threadIndex` for the index of the part of the work it is drawing (or 0xFFFFFFFF
-  // for a thread outside it); end draws whatever the threads left pending, part after part, in
-  // the order one thread would have drawn it.
-  virtual bool drawsFromThreads() const { return false; }
-  virtual void beginThreadedDrawing(std::function<uint32_t()> threadIndex) { (void)threadIndex; }
-  virtual void endThreadedDrawing() {}
-
   // Outlines drawn over the filled geometry they enclose (selection boxes): pulled towards the
   // eye where the depth test can do that, otherwise drawn with the depth test off.
   virtual void beginOverlayOutlines() { setDepthTest(false); }

@@ -4,7 +4,6 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <thread>
 
 namespace LUtils {
 
@@ -74,28 +73,7 @@ V lerp(const V& a, const V& b, float t) {
 
 }  // namespace
 
-// One drawing thread's primitives: their window vertices, and for each replay part the
-// primitives that touch its rows, in submission order.
-struct alignas(64) RasterizerSW::Bin {
-  std::vector<FixedVertex> vertices;
-  std::vector<Prim> parts[kMaxReplayThreads * kPartsPerReplayThread];
-
-  void clear(unsigned partCount) {
-    vertices.clear();
-    for (unsigned p = 0; p < partCount; ++p) parts[p].clear();
-  }
-};
-
-RasterizerSW::RasterizerSW() : bins_(std::make_unique<Bin[]>(kMaxBins)) {
-  setReplayThreads(std::thread::hardware_concurrency());
-}
-
-void RasterizerSW::setReplayThreads(unsigned threads) {
-  flush();
-  replayThreads_ = std::clamp(threads, 1u, kMaxReplayThreads);
-  parts_ = replayThreads_ == 1 ? 1 : replayThreads_ * kPartsPerReplayThread;
-}
-
+RasterizerSW::RasterizerSW() = default;
 RasterizerSW::~RasterizerSW() = default;
 
 bool RasterizerSW::setBackfaceCulling(bool on) {
@@ -112,7 +90,6 @@ void RasterizerSW::drawWholeFrame() {
 }
 
 void RasterizerSW::resize(int width, int height) {
-  discardBins();
   width_ = std::max(0, width);
   height_ = std::max(0, height);
   const size_t pixels = static_cast<size_t>(width_) * static_cast<size_t>(height_);
@@ -127,7 +104,6 @@ void RasterizerSW::resize(int width, int height) {
 void RasterizerSW::setClearColor(const Color& color) { clearColour_ = packColour(color); }
 
 void RasterizerSW::beginFrame() {
-  discardBins();
   std::fill(back_.begin(), back_.end(), clearColour_);
   // The depth buffer clears to its far end (OpenGL clamps the clear depth to 1).
   std::fill(depth_.begin(), depth_.end(), swr::quantizeDepth(1.0f));
@@ -154,7 +130,6 @@ void RasterizerSW::beginFrame() {
 
 bool RasterizerSW::beginSelection(int x0, int y0, int x1, int y1, float depth) {
   if (depth != 0.0f) return false;
-  flush();
   clipMinX_ = std::max(0, std::min(x0, x1));
   clipMinY_ = std::max(0, std::min(y0, y1));
   clipMaxX_ = std::min(width_ - 1, std::max(x0, x1));
@@ -164,20 +139,11 @@ bool RasterizerSW::beginSelection(int x0, int y0, int x1, int y1, float depth) {
 
 int RasterizerSW::endSelection(SelectionCb& callback) {
   (void)callback;
-  flush();
   drawWholeFrame();
   return 0;
 }
 
-void RasterizerSW::swapBuffers() {
-  flush();
-  front_.swap(back_);
-}
-
-const uint32_t* RasterizerSW::colourBuffer() {
-  flush();
-  return back_.data();
-}
+void RasterizerSW::swapBuffers() { front_.swap(back_); }
 
 // The rectangle, clipped to the frame, row by row.
 void RasterizerSW::readPickIndices(int x0, int y0, int x1, int y1, std::vector<uint32_t>& indices) {
@@ -434,81 +400,14 @@ void RasterizerSW::emitLine(const FixedVertex& a, const FixedVertex& b, uint32_t
 
 void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
   if (t_rows.owner == this) {
-    // Drawing by rows: only the thread's own rows, straight into the frame.
+    // Drawing by rows: only the thread's own.
     prim.minY = std::max(prim.minY, t_rows.first);
     prim.maxY = std::min(prim.maxY, t_rows.last);
     if (prim.minY > prim.maxY) return;
-    prim.firstVertex = 0;
-    const swr::Target target{back_.data(), depth_.data(), width_, height_};
-    swr::rasterize(target, prim, vertices, swr::RowBands{});
-    return;
   }
-  const uint32_t bin = binIndexSource_ ? binIndexSource_() : kDirect;
-  if (bin == kDirect) {
-    if (binsPending_.load(std::memory_order_acquire)) flush();
-    prim.firstVertex = 0;
-    const swr::Target target{back_.data(), depth_.data(), width_, height_};
-    swr::rasterize(target, prim, vertices, swr::RowBands{});
-    return;
-  }
-  if (bin >= kMaxBins) return;
-  Bin& b = bins_[bin];
-  prim.firstVertex = static_cast<uint32_t>(b.vertices.size());
-  b.vertices.insert(b.vertices.end(), vertices, vertices + prim.count);
-  // The parts owning the bands of rows the primitive spans.
-  const unsigned parts = parts_;
-  const int firstBand = prim.minY >> swr::RowBands::kBandShift;
-  const int lastBand = prim.maxY >> swr::RowBands::kBandShift;
-  if (parts == 1) {
-    b.parts[0].push_back(prim);
-  } else if (static_cast<unsigned>(lastBand - firstBand) + 1 >= parts) {
-    for (unsigned p = 0; p < parts; ++p) b.parts[p].push_back(prim);
-  } else {
-    for (int band = firstBand; band <= lastBand; ++band) {
-      b.parts[static_cast<unsigned>(band) % parts].push_back(prim);
-    }
-  }
-  uint32_t used = binsUsed_.load(std::memory_order_relaxed);
-  while (used < bin + 1 &&
-         !binsUsed_.compare_exchange_weak(used, bin + 1, std::memory_order_relaxed)) {
-  }
-  if (!binsPending_.load(std::memory_order_relaxed)) {
-    binsPending_.store(true, std::memory_order_release);
-  }
-}
-
-void RasterizerSW::flush() {
-  if (!binsPending_.exchange(false, std::memory_order_acq_rel)) return;
-  const uint32_t used = binsUsed_.exchange(0, std::memory_order_acq_rel);
-  const unsigned parts = parts_;
-  size_t total = 0;
-  for (uint32_t i = 0; i < used; ++i) {
-    for (unsigned p = 0; p < parts; ++p) total += bins_[i].parts[p].size();
-  }
-
+  prim.firstVertex = 0;
   const swr::Target target{back_.data(), depth_.data(), width_, height_};
-  // A few primitives are not worth starting threads for: one thread then draws every part
-  // (the parts own disjoint rows, so their order does not matter).
-  const unsigned threads = total < 256 ? 1 : replayThreads_;
-  std::atomic<unsigned> nextPart{0};
-  auto replay = [&] {
-    for (unsigned p = nextPart++; p < parts; p = nextPart++) {
-      const swr::RowBands rows{static_cast<int>(parts), static_cast<int>(p)};
-      for (uint32_t i = 0; i < used; ++i) {
-        const Bin& b = bins_[i];
-        for (const Prim& prim : b.parts[p]) swr::rasterize(target, prim, b.vertices.data(), rows);
-      }
-    }
-  };
-  crew_->run(threads - 1, replay);
-
-  for (uint32_t i = 0; i < used; ++i) bins_[i].clear(parts);
-}
-
-void RasterizerSW::discardBins() {
-  binsPending_.store(false, std::memory_order_relaxed);
-  const uint32_t used = binsUsed_.exchange(0, std::memory_order_relaxed);
-  for (uint32_t i = 0; i < used; ++i) bins_[i].clear(parts_);
+  swr::rasterize(target, prim, vertices);
 }
 
 Color RasterizerSW::litColour(const Color& colour, const Vector& position,

@@ -1,24 +1,16 @@
 // The software back end of Rasterizer3D: z-buffered, flat-shaded polygons, lines and square
 // points into a frame buffer with two colour buffers, with the OpenGL back end's projection.
 //
-// Several threads may draw into one frame at once. Each drawing thread appends its set-up
-// primitives to the bin of the part of the work it is drawing (the bin index comes from a hook:
-// the slice of samples the thread draws). The rows of the frame are dealt in bands of eight to a few parts per
-// replay thread, and a bin keeps one list per part holding the primitives that touch that
-// part's rows. The replay threads take the parts one after another as they finish, and draw a
-// part from every bin's list in bin order, which is the order one thread would have drawn them
-// in: the picture is exactly the one a single thread draws, each primitive is set up by about
-// one replay thread only, and a thread slowed by other work on its core takes fewer parts.
+// Several threads may draw into one frame at once, by rows (drawsByRows): every thread goes
+// over the same discs in the same order, each limited to rows of its own, and draws straight
+// into the frame. Each pixel then sees its discs in the order one thread draws them: the picture
+// is exactly the one a single thread draws.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <vector>
 
 #include "render/rasterizer.h"
-#include "render/replay_crew.h"
 #include "render/sw_raster.h"
 #include "render/view_projection.h"
 
@@ -26,14 +18,6 @@ namespace LUtils {
 
 class RasterizerSW final : public Rasterizer3D {
  public:
-  // The hook's answer for a thread that draws straight into the frame (not a bin).
-  static constexpr uint32_t kDirect = 0xFFFFFFFFu;
-  static constexpr uint32_t kMaxBins = 256;
-  static constexpr unsigned kMaxReplayThreads = 16;
-  // Parts of the frame per replay thread, when there is more than one.
-  static constexpr unsigned kPartsPerReplayThread = 4;
-  using BinIndexSource = std::function<uint32_t()>;
-
   RasterizerSW();
   ~RasterizerSW() override;
   RasterizerSW(const RasterizerSW&) = delete;
@@ -77,37 +61,15 @@ class RasterizerSW final : public Rasterizer3D {
   bool discRows(const Vector& centre, float radius, int& first, int& last) override;
   void drawRowsOnThisThread(int first, int last) override;
 
-  // Threaded drawing bins each drawing thread's primitives by its index in the run, and draws
-  // them at the end in thread order: the picture is the one a single thread draws.
-  bool drawsFromThreads() const override { return true; }
-  void beginThreadedDrawing(std::function<uint32_t()> threadIndex) override {
-    setBinIndexSource(std::move(threadIndex));
-  }
-  void endThreadedDrawing() override {
-    setBinIndexSource(nullptr);
-    flush();
-  }
-
-  // Where a drawing thread's primitives go: kDirect, or a bin index below kMaxBins. Without a
-  // hook every thread draws directly, which is right only for one drawing thread at a time.
-  void setBinIndexSource(BinIndexSource source) { binIndexSource_ = std::move(source); }
-  // Threads that replay the bins, 1 to kMaxReplayThreads (default: the machine's hardware
-  // threads). Primitives binned before the call are drawn first.
-  void setReplayThreads(unsigned threads);
-
   int width() const { return width_; }
   int height() const { return height_; }
   // The finished picture (the buffer last exchanged by swapBuffers): width x height pixels, top
   // row first, each 0xAABBGGRR (red in the lowest byte).
   const uint32_t* picture() const { return front_.data(); }
-  // The buffer being drawn, after every pending primitive is in it; colour-index picking reads
-  // index = pixel & 0xFFFFFF from it.
-  const uint32_t* colourBuffer();
-  // Draws the primitives binned so far (called by everything that needs the pixels).
-  void flush();
+  // The buffer being drawn; colour-index picking reads index = pixel & 0xFFFFFF from it.
+  const uint32_t* colourBuffer() { return back_.data(); }
 
  private:
-  struct Bin;
   struct ClipVertex {
     float x, y, z, w;
   };
@@ -123,7 +85,6 @@ class RasterizerSW final : public Rasterizer3D {
   void emitLine(const swr::FixedVertex& a, const swr::FixedVertex& b, uint32_t colour);
   void emit(swr::Prim& prim, const swr::FixedVertex* vertices);
   Color litColour(const Color& colour, const Vector& position, const Vector& normal) const;
-  void discardBins();
   // The drawing rectangle back to the whole frame (after a picking frame).
   void drawWholeFrame();
 
@@ -145,14 +106,6 @@ class RasterizerSW final : public Rasterizer3D {
   double window_[16] = {};
   double rowLength_[4] = {};
   CameraFrame frame_;
-
-  BinIndexSource binIndexSource_;
-  std::unique_ptr<Bin[]> bins_;
-  std::atomic<bool> binsPending_{false};
-  std::atomic<uint32_t> binsUsed_{0};  // one past the highest bin index used
-  unsigned replayThreads_ = 1;
-  unsigned parts_ = 1;
-  std::unique_ptr<ReplayCrew> crew_ = std::make_unique<ReplayCrew>();
 };
 
 }  // namespace LUtils

@@ -296,9 +296,6 @@ template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
 namespace {
 
-// The slice a drawing thread is drawing: where the back end records its geometry.
-thread_local uint32_t t_slice = 0;
-
 // Deals the slices of a run to the threads as they ask for them, so that a thread slowed by
 // other work on its core draws fewer slices rather than holding the others up. Slice i is the
 // share of "thread" i of `slices` in the drawing job; the back end draws the slices' geometry in
@@ -310,7 +307,6 @@ class DealSlices final : public MultiThreaded {
   void run(std::atomic<int32_t>* resultWord, std::atomic<int32_t>* progressWord, int32_t,
            int32_t) override {
     for (uint32_t s = next_++; s < slices_; s = next_++) {
-      t_slice = s;
       job_.run(resultWord, progressWord, static_cast<int32_t>(s), static_cast<int32_t>(slices_));
     }
   }
@@ -363,11 +359,8 @@ class DrawBands final : public MultiThreaded {
   std::atomic<unsigned> next_{0};
 };
 
-// Drawing by rows (see drawSamples): runs of kRowRunSamples drawn samples, each cut into slices
-// that the threads take as they ask and list the discs of in their bands; then the threads draw
-// the bands. The lists hold 44 bytes per shown disc and band it touches: a run of 2^17 samples
-// holds about 6 MB at most.
-constexpr uint32_t kRowRunSamples = 1u << 17;
+// Bands of rows per drawing thread: enough that a thread slowed by other work on its core draws
+// fewer bands rather than holding the others up, few enough that discs seldom span two bands.
 constexpr unsigned kBandsPerThread = 4;
 
 template <int b>
@@ -395,7 +388,7 @@ uint32_t drawSamplesByRows(const DrawPass& pass, const DrawScene& scene, uint32_
     records[i].pass = &pass;
     records[i].bands = &lists[i];
   }
-  const uint64_t span = uint64_t{kRowRunSamples} * pass.stride;
+  const uint64_t span = uint64_t{kThreadedRunSamples} * pass.stride;
   for (uint32_t base = 0; base < total;) {
     const uint32_t run = static_cast<uint32_t>(std::min<uint64_t>(span, total - base));
     for (uint32_t i = 0; i < slices; ++i) lists[i].clear();
@@ -421,7 +414,7 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   ThreadManager* threads = scene.threads;
   const uint32_t n =
       threads != nullptr ? static_cast<uint32_t>(std::max(1, threads->threadCount())) : 1;
-  const bool threaded = pass.rasterizer->drawsFromThreads() &&
+  const bool threaded = pass.rasterizer->drawsByRows() &&
                         pass.options->multiThreadedSoftware() && total >= kMinThreadedSamples &&
                         n > 1;
   if (!threaded) {
@@ -431,27 +424,7 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
     return 1;
   }
 
-  if (pass.rasterizer->drawsByRows()) return drawSamplesByRows<b>(pass, scene, total, n, *threads);
-
-  const uint32_t slices = std::min(kSlicesPerThread * n, 256u);
-  auto records = std::make_unique<DrawSamplesCb<b>[]>(slices);
-  for (uint32_t i = 0; i < slices; ++i) records[i].pass = &pass;
-  // A run holds kThreadedRunSamples drawn samples: a reduced frame's runs span `stride` times
-  // as many indices, so that it pays the hand-over per run as rarely as a full frame does.
-  const uint64_t span = uint64_t{kThreadedRunSamples} * pass.stride;
-  for (uint32_t base = 0; base < total;) {
-    const uint32_t run = static_cast<uint32_t>(std::min<uint64_t>(span, total - base));
-    pass.rasterizer->beginThreadedDrawing([] { return t_slice; });
-    if (map.light != nullptr) {
-      drawRun(*map.light, records.get(), run, base, slices, n, *threads, scene.waitSink);
-    } else {
-      drawRun(*map.irradiance, records.get(), run, base, slices, n, *threads, scene.waitSink);
-    }
-    // The back end draws this run's geometry before the next run records any.
-    pass.rasterizer->endThreadedDrawing();
-    base += run;
-  }
-  return n;
+  return drawSamplesByRows<b>(pass, scene, total, n, *threads);
 }
 
 template uint32_t drawSamples<0>(const DrawPass&, const DrawScene&);

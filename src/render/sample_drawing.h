@@ -176,15 +176,21 @@ extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<0>>;
 extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
 // Draws every sample of the map with DrawSamplesCb<b>: on the thread manager's threads when the
-// back end draws from threads, multi-threaded software drawing is on, the map has at least 100
-// samples and the manager has more than one thread; otherwise on the calling thread (one worker
-// would only add the hand-over). The threads draw the map in runs of kThreadedRunSamples
-// drawn samples (a reduced frame's run spans stride times as many indices), each run finished by the back end before the next starts, so that a back end that
-// records the threads' geometry holds one run's at a time, never the whole frame's. A run is cut
-// into a few slices per thread (slice i of s is the share of thread i of s in DrawThreaded),
-// dealt to the threads as they ask; the back end's hook names the slice being drawn, and the
-// back end draws the slices in order. Returns the number of threads used.
-constexpr uint32_t kThreadedRunSamples = 32768;
+// back end draws by rows (Rasterizer3D::drawsByRows), multi-threaded software drawing is on, the
+// map has at least 100 samples and the manager has more than one thread; otherwise on the
+// calling thread (one worker would only add the hand-over). The threads draw the map in runs of
+// kThreadedRunSamples drawn samples (a reduced frame's run spans stride times as many indices),
+// in two steps per run:
+//   - the run is cut into a few slices per thread (slice i of s is the share of thread i of s in
+//     DrawThreaded), dealt to the threads as they ask; for each disc of its slice that may show,
+//     a thread lists a copy with its index in every band of rows the back end says it may touch;
+//   - the bands (a power of two rows each, a few per thread) are dealt to the threads as they
+//     ask; a thread limits the back end to the band's rows and draws the band's discs of every
+//     slice, slice after slice.
+// So each pixel sees its discs in the samples' order, as on one thread, and the picture is the
+// same. The lists of a run take 44 bytes per shown disc and band it touches: about 6 MB for a
+// run at most, never the whole frame's. Returns the number of threads used.
+constexpr uint32_t kThreadedRunSamples = 1u << 17;
 template <int b>
 uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene);
 

@@ -56,7 +56,7 @@ class SpyRasterizer final : public Rasterizer3D {
   void drawQuadOrPolygon(const Vector* p, unsigned n, const Color& c) override {
     record(p, n, c, 0);
   }
-  bool drawsFromThreads() const override { return true; }
+  bool drawsByRows() const override { return true; }
   void readPickIndices(int, int, int, int, std::vector<uint32_t>& indices) override { indices.clear(); }
   // Compiled geometry, counted: each handle is a number, deleting one records it.
   bool canCacheGeometry() const override { return cacheable; }
@@ -151,7 +151,7 @@ TEST_F(DrawingTest, ThreadedDrawingOnlyForLargeMapsAndSeveralWorkersInRuns) {
 // A map of several runs drawn by the software back end on three workers gives the one-thread
 // picture pixel for pixel, frame after frame, reduced frames too.
 TEST(ThreadedSoftwareDrawing, RunsOfAMapGiveTheOneThreadPicture) {
-  SynthRoom room(3 * kThreadedRunSamples, 320, 240);
+  SynthRoom room(kThreadedRunSamples + kThreadedRunSamples / 2, 320, 240);
   DefThreadManager threads;
   threads.setThreadCount(3);
   DrawOptions options;

@@ -20,7 +20,7 @@ inline void plot(const Target& t, int x, int y, float z, uint32_t colour, bool d
 
 constexpr int kMaxPolygonVertices = 64;
 
-void rasterizePolygon(const Target& t, const Prim& p, const FixedVertex* v, RowBands rows) {
+void rasterizePolygon(const Target& t, const Prim& p, const FixedVertex* v) {
   const int n = std::min<int>(p.count, kMaxPolygonVertices);
   int64_t dxs[kMaxPolygonVertices], dys[kMaxPolygonVertices];
   int64_t x0s[kMaxPolygonVertices], y0s[kMaxPolygonVertices];
@@ -43,7 +43,6 @@ void rasterizePolygon(const Target& t, const Prim& p, const FixedVertex* v, RowB
   for (int i = 0; i < n; ++i) step[i] = -dys[i] * kSubpixel;
 
   for (int py = p.minY; py <= p.maxY; ++py) {
-    if (!rows.owns(py)) continue;
     const int64_t sampleY = int64_t{py} * kSubpixel + kSubpixel / 2;
     for (int i = 0; i < n; ++i) {
       edge[i] = dxs[i] * (sampleY - y0s[i]) - dys[i] * (firstSampleX - x0s[i]);
@@ -64,7 +63,7 @@ void rasterizePolygon(const Target& t, const Prim& p, const FixedVertex* v, RowB
 }
 
 // Pixels whose centres lie on the half-open span along the major axis, one per column (or row).
-void rasterizeLine(const Target& t, const Prim& p, const FixedVertex* v, RowBands rows) {
+void rasterizeLine(const Target& t, const Prim& p, const FixedVertex* v) {
   double ax = v[0].x / double{kSubpixel}, ay = v[0].y / double{kSubpixel};
   double bx = v[1].x / double{kSubpixel}, by = v[1].y / double{kSubpixel};
   double az = v[0].z, bz = v[1].z;
@@ -83,7 +82,7 @@ void rasterizeLine(const Target& t, const Prim& p, const FixedVertex* v, RowBand
     for (int px = first; px <= last; ++px) {
       const double f = (px + 0.5 - ax) / span;
       const int py = static_cast<int>(std::floor(ay + f * (by - ay)));
-      if (py < p.minY || py > p.maxY || !rows.owns(py)) continue;
+      if (py < p.minY || py > p.maxY) continue;
       plot(t, px, py, static_cast<float>(az + f * (bz - az)), p.colour, depthTest);
     }
   } else {
@@ -97,7 +96,6 @@ void rasterizeLine(const Target& t, const Prim& p, const FixedVertex* v, RowBand
     const int first = std::max(static_cast<int>(std::ceil(ay - 0.5)), p.minY);
     const int last = std::min(static_cast<int>(std::ceil(by - 0.5)) - 1, p.maxY);
     for (int py = first; py <= last; ++py) {
-      if (!rows.owns(py)) continue;
       const double f = (py + 0.5 - ay) / span;
       const int px = static_cast<int>(std::floor(ax + f * (bx - ax)));
       if (px < p.minX || px > p.maxX) continue;
@@ -106,27 +104,25 @@ void rasterizeLine(const Target& t, const Prim& p, const FixedVertex* v, RowBand
   }
 }
 
-void rasterizePoint(const Target& t, const Prim& p, RowBands rows) {
+void rasterizePoint(const Target& t, const Prim& p) {
   const bool depthTest = p.depthTest != 0;
   for (int py = p.minY; py <= p.maxY; ++py) {
-    if (!rows.owns(py)) continue;
     for (int px = p.minX; px <= p.maxX; ++px) plot(t, px, py, p.z0, p.colour, depthTest);
   }
 }
 
 }  // namespace
 
-void rasterize(const Target& target, const Prim& prim, const FixedVertex* vertices,
-               RowBands rows) {
+void rasterize(const Target& target, const Prim& prim, const FixedVertex* vertices) {
   switch (prim.kind) {
     case PrimKind::kPolygon:
-      rasterizePolygon(target, prim, vertices + prim.firstVertex, rows);
+      rasterizePolygon(target, prim, vertices + prim.firstVertex);
       break;
     case PrimKind::kLine:
-      rasterizeLine(target, prim, vertices + prim.firstVertex, rows);
+      rasterizeLine(target, prim, vertices + prim.firstVertex);
       break;
     case PrimKind::kPoint:
-      rasterizePoint(target, prim, rows);
+      rasterizePoint(target, prim);
       break;
   }
 }

@@ -1,7 +1,8 @@
 // The pixel stage of the software rasterizer: screen-space primitives (convex polygons with
 // vertices snapped to 1/256 pixel, lines, square points) filled into a colour and depth buffer.
-// Coverage is decided with exact integer edge functions and a top-left rule, so a pixel's result
-// does not depend on which rows a call is allowed to touch: drawing the rows in bands on several
+// Coverage is decided with exact integer edge functions and a top-left rule, and depth from the
+// primitive's plane, pixel by pixel: a pixel's result does not depend on which of the primitive's
+// rows a call draws (its row range cut to a band), so drawing the rows in bands on several
 // threads gives exactly the picture of one thread.
 #pragma once
 
@@ -61,16 +62,7 @@ struct Target {
   int height;
 };
 
-// The rows one call may touch: bands of kBandRows rows dealt round-robin to `parts` callers.
-struct RowBands {
-  static constexpr int kBandShift = 3;
-  int parts = 1;
-  int part = 0;
-  bool owns(int y) const { return parts == 1 || ((y >> kBandShift) % parts) == part; }
-};
-
 // Polygon vertices must wind so that the doubled signed area (y downward) is positive.
-void rasterize(const Target& target, const Prim& prim, const FixedVertex* vertices,
-               RowBands rows);
+void rasterize(const Target& target, const Prim& prim, const FixedVertex* vertices);
 
 }  // namespace LUtils::swr

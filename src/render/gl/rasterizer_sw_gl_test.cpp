@@ -175,23 +175,22 @@ TEST(SoftwareRasterizer, DepthTestPointsBufferExchangeAndPickingFrame) {
   EXPECT_EQ(sw.colourBuffer()[50 * 64 + 50] & 0xFFFFFFu, 78u);
 }
 
-// Draws the room's discs with `threads` threads at once, each with its own bin, the way the
-// threaded sample drawing shares a map: contiguous runs, the last thread taking the remainder.
-// `thenDirect` then draws on the calling thread, straight into the frame.
-std::vector<uint32_t> drawThreaded(RasterizerSW& sw, const std::vector<Disc>& discs,
-                                   unsigned threads, bool indexColours,
-                                   const std::function<void()>& thenDirect = [] {}) {
-  static thread_local uint32_t binIndex = RasterizerSW::kDirect;
-  sw.setBinIndexSource([] { return binIndex; });
+// Draws the room's discs with `threads` threads at once, the way threaded sample drawing does:
+// every thread draws every disc, in order, limited to its own band of `bandRows` rows, the bands
+// dealt round-robin. `thenDirect` then draws on the calling thread, over the whole frame.
+std::vector<uint32_t> drawByRows(RasterizerSW& sw, const std::vector<Disc>& discs,
+                                 unsigned threads, int bandRows, bool indexColours,
+                                 const std::function<void()>& thenDirect = [] {}) {
   sw.beginFrame();
-  const size_t share = discs.size() / threads;
   std::vector<std::thread> workers;
   for (unsigned t = 0; t < threads; ++t) {
     workers.emplace_back([&, t] {
-      binIndex = t;
-      const size_t first = t * share;
-      const size_t count = t + 1 == threads ? discs.size() - first : share;
-      drawDiscs(sw, discs.data() + first, count, 8, indexColours, static_cast<uint32_t>(first));
+      for (int first = static_cast<int>(t) * bandRows; first < sw.height();
+           first += static_cast<int>(threads) * bandRows) {
+        sw.drawRowsOnThisThread(first, first + bandRows - 1);
+        drawDiscs(sw, discs.data(), discs.size(), 8, indexColours);
+      }
+      sw.drawRowsOnThisThread(1, 0);
     });
   }
   for (std::thread& w : workers) w.join();
@@ -200,7 +199,7 @@ std::vector<uint32_t> drawThreaded(RasterizerSW& sw, const std::vector<Disc>& di
   return {pixels, pixels + static_cast<size_t>(sw.width()) * sw.height()};
 }
 
-TEST(SoftwareRasterizer, ThreadedDrawingEqualsOneThreadPixelForPixel) {
+TEST(SoftwareRasterizer, DrawingByRowsOnThreadsEqualsOneThreadPixelForPixel) {
   const std::vector<Disc> room = makeRoomScene(120000, 7);
   ASSERT_GT(room.size(), 100000u);
   RasterizerSW sw;
@@ -210,23 +209,22 @@ TEST(SoftwareRasterizer, ThreadedDrawingEqualsOneThreadPixelForPixel) {
   sw.resize(400, 300);
   sw.setFarDistance(50.0f);
   for (bool indexColours : {false, true}) {
-    sw.setBinIndexSource(nullptr);
     sw.beginFrame();
     drawDiscs(sw, room.data(), room.size(), 8, indexColours);
     const std::vector<uint32_t> single(sw.colourBuffer(), sw.colourBuffer() + 400 * 300);
-    for (unsigned threads : {1u, 3u, 4u}) {
-      sw.setReplayThreads(threads == 4 ? 2 : threads);
-      EXPECT_EQ(drawThreaded(sw, room, threads, indexColours), single)
-          << threads << " threads, index colours " << indexColours;
+    for (const auto& [threads, bandRows] : {std::pair{1u, 300}, {3u, 7}, {4u, 64}}) {
+      EXPECT_EQ(drawByRows(sw, room, threads, bandRows, indexColours), single)
+          << threads << " threads, bands of " << bandRows << " rows, index colours "
+          << indexColours;
     }
   }
-  // Pending bins reach the frame before anything the calling thread draws next: a wall drawn
-  // over everything without the depth test leaves no disc to be seen.
+  // A thread's limit is its own: the calling thread, never limited, draws over the whole frame,
+  // and a wall drawn over everything without the depth test leaves no disc to be seen.
   const Vector middle = camera.positionF() + camera.forward * 20.0f;
   const Vector across = camera.right * 100.0f, upward = camera.up * 100.0f;
   const Vector wall[4] = {middle - across - upward, middle + across - upward,
                           middle + across + upward, middle - across + upward};
-  const std::vector<uint32_t> walled = drawThreaded(sw, room, 2, true, [&] {
+  const std::vector<uint32_t> walled = drawByRows(sw, room, 2, 16, true, [&] {
     sw.setDepthTest(false);
     sw.drawPolygonRGBA(wall, 4, 0xABCDEFu);
   });

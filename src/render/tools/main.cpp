@@ -480,7 +480,6 @@ int main(int argc, char** argv) {
                (count == 1 ? " thread" : " threads") + renderer;
     LUtils::RasterizerSW sw;
     sw.resize(o.width, o.height);
-    if (o.threads > 0) sw.setReplayThreads(static_cast<unsigned>(o.threads));
     sw.setCamera(&camera);
     sw.setFarDistance(farDistance);
     LUtils::drawFrame(sw, {drawn, &options, &edits, &view, nullptr, &threads});

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <thread>
 
 #include "app/process_state.h"
 #include "render/gl/rasterizer_gl.h"
@@ -178,8 +177,6 @@ void CacheViewOpenGLCanvas::createRasterizer() {
     gRasterizer = gl_;
   } else {
     sw_ = new LUtils::RasterizerSW();
-    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
-    sw_->setReplayThreads(scene_.settings.softwareMultiThreaded ? processors : 1u);
     gRasterizer = sw_;
   }
   // The new rasterizer takes the canvas size at its first paint.
