@@ -22,20 +22,6 @@ int32_t insertSampleIncrementally(DefIrradianceMap& map, const IrradSample& samp
 
 namespace {
 
-// Copies consecutive source samples into a run; stops the enumeration once it is full.
-class RunReader : public EnumIrradianceSamplesCallback {
- public:
-  RunReader(std::vector<IrradSample>& out, size_t want) : out_(out), want_(want) {}
-  int process(IrradSample& sample) override {
-    out_.push_back(sample);
-    return out_.size() < want_ ? 1 : 0;
-  }
-
- private:
-  std::vector<IrradSample>& out_;
-  size_t want_;
-};
-
 // Indexes the samples that a run stores: begun in the map's index at once, so that they are
 // counted where insert() counts them, and listed in its grid's cells at the end of the run,
 // several at a time with their cells asked for ahead (InsertionGrid::list). Until then `stored`
@@ -98,7 +84,7 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
   uint32_t done = 0;
   while (done < total) {
     run.clear();
-    RunReader reader(run, std::min(kRun, total - done));
+    CopySamplesCb reader(run, std::min(kRun, total - done));
     source.enumerateSamples(done, &reader);
     const auto n = static_cast<uint32_t>(run.size());
     if (n == 0) break;  // the source shrank under us

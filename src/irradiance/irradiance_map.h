@@ -3,7 +3,9 @@
 // The order of the virtual operations is part of the interface.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "io/vector.h"
 #include "irradiance/irrad_sample.h"
@@ -25,6 +27,21 @@ class EnumIrradianceSamplesCallback {
  public:
   virtual ~EnumIrradianceSamplesCallback() = default;
   virtual int process(IrradSample& sample) = 0;
+};
+
+// Copies consecutive samples of an enumeration into `out` and stops it once `want` are there:
+// how the merges read their source in batches.
+class CopySamplesCb final : public EnumIrradianceSamplesCallback {
+ public:
+  CopySamplesCb(std::vector<IrradSample>& out, size_t want) : out_(out), want_(want) {}
+  int process(IrradSample& sample) override {
+    out_.push_back(sample);
+    return out_.size() < want_ ? 1 : 0;
+  }
+
+ private:
+  std::vector<IrradSample>& out_;
+  size_t want_;
 };
 
 // Collects the samples that a spatial query finds.

@@ -30,20 +30,6 @@ double threadCpuSeconds() {
   return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
 }
 
-// Copies consecutive source samples into a batch; stops the enumeration once it is full.
-class BatchReader : public EnumIrradianceSamplesCallback {
- public:
-  BatchReader(std::vector<IrradSample>& out, size_t want) : out_(out), want_(want) {}
-  int process(IrradSample& sample) override {
-    out_.push_back(sample);
-    return out_.size() < want_ ? 1 : 0;
-  }
-
- private:
-  std::vector<IrradSample>& out_;
-  size_t want_;
-};
-
 // A task of the merge's workers that sums their CPU time.
 class MergeTask : public MultiThreaded {
  public:
@@ -313,7 +299,7 @@ ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap
     const uint32_t want = std::min(size, total - done);
     batch.clear();
     batch.reserve(want);
-    BatchReader reader(batch, want);
+    CopySamplesCb reader(batch, want);
     source.enumerateSamples(done, &reader);
     const auto n = static_cast<uint32_t>(batch.size());
     if (n == 0) break;  // the source shrank under us

@@ -201,26 +201,14 @@ bool RasterizerSW::discPixels(const Vector& centre, float radius, int& x0, int& 
   x1 = clipMaxX_;
   y1 = clipMaxY_;
   if (x0 > x1 || y0 > y1) return false;
-  const double* m = window_;
-  const double x = centre.x, y = centre.y, z = centre.z;
-  const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
-  const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
-  const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
-  const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
   // A little over the radius: the polygon's vertices are made and transformed in float.
-  const double r = 1.001 * radius + 1e-6 * (std::fabs(x) + std::fabs(y) + std::fabs(z));
-  const double dz = rowLength_[2] * r, dw = rowLength_[3] * r;
+  const double r = 1.001 * radius +
+                   1e-6 * (std::fabs(centre.x) + std::fabs(centre.y) + std::fabs(centre.z));
+  WindowBox box;
   // Within reach of the near or far plane, or not finite: the polygon decides.
-  if (!(cw - dw > 1e-6) || !(r >= 0.0) || !(std::fabs(cz) + dz < 0.999 * (cw - dw))) return true;
-  // Window x of a point of the sphere is (wx + a) / (cw + b) with |a| <= dx and |b| <= dw.
-  const double dx = rowLength_[0] * r, dy = rowLength_[1] * r;
-  const double near = 1.0 / (cw - dw), far = 1.0 / (cw + dw);
-  const double loX = std::min((wx - dx) * near, (wx - dx) * far);
-  const double hiX = std::max((wx + dx) * near, (wx + dx) * far);
-  const double loY = std::min((wy - dy) * near, (wy - dy) * far);
-  const double hiY = std::max((wy + dy) * near, (wy + dy) * far);
-  centresWithin(loX, hiX, clipMinX_, clipMaxX_, x0, x1);
-  centresWithin(loY, hiY, clipMinY_, clipMaxY_, y0, y1);
+  if (!sphereWindowBox(window_, rowLength_, centre, r, box)) return true;
+  centresWithin(box.loX, box.hiX, clipMinX_, clipMaxX_, x0, x1);
+  centresWithin(box.loY, box.hiY, clipMinY_, clipMaxY_, y0, y1);
   return x0 <= x1 && y0 <= y1;
 }
 

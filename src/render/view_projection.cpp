@@ -1,5 +1,6 @@
 #include "render/view_projection.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "render/camera.h"
@@ -80,6 +81,26 @@ Matrix4 viewProjection(const CameraFrame& frame, int width, int height, float fa
                         static_cast<double>(farDistance * 0.001f), farPlane);
   if (!frame.valid) return projection;
   return projection * lookAtMatrix(frame.eye, frame.eye + frame.forward, frame.up);
+}
+
+bool sphereWindowBox(const double* m, const double* rowLength, const Vector& centre, double radius,
+                     WindowBox& box) {
+  const double x = centre.x, y = centre.y, z = centre.z;
+  const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
+  const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
+  const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
+  const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
+  const double r = radius;
+  const double dz = rowLength[2] * r, dw = rowLength[3] * r;
+  if (!(cw - dw > 1e-6) || !(r >= 0.0) || !(std::fabs(cz) + dz < 0.999 * (cw - dw))) return false;
+  // Window x of a point of the sphere is (wx + a) / (cw + b) with |a| <= dx and |b| <= dw.
+  const double dx = rowLength[0] * r, dy = rowLength[1] * r;
+  const double near = 1.0 / (cw - dw), far = 1.0 / (cw + dw);
+  box.loX = std::min((wx - dx) * near, (wx - dx) * far);
+  box.hiX = std::max((wx + dx) * near, (wx + dx) * far);
+  box.loY = std::min((wy - dy) * near, (wy - dy) * far);
+  box.hiY = std::max((wy + dy) * near, (wy + dy) * far);
+  return true;
 }
 
 }  // namespace LUtils

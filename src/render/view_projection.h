@@ -40,4 +40,14 @@ Matrix4 lookAtMatrix(const Vector& eye, const Vector& centre, const Vector& up);
 // plane at 0.001 x far).
 Matrix4 viewProjection(const CameraFrame& frame, int width, int height, float farDistance);
 
+// The window box of a sphere under a window transform `m` (column-major: window x and y times w,
+// clip z, clip w), given the lengths of its rows' linear parts: x in [loX, hiX], y in [loY, hiY].
+// False when the sphere reaches within `radius` of the near or far plane or is not finite: then
+// the box is unbounded and the caller lets the polygon decide.
+struct WindowBox {
+  double loX, hiX, loY, hiY;
+};
+bool sphereWindowBox(const double* m, const double* rowLength, const Vector& centre, double radius,
+                     WindowBox& box);
+
 }  // namespace LUtils

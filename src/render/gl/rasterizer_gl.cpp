@@ -460,25 +460,11 @@ void RasterizerGL::knowWindowTransform() {
 bool RasterizerGL::mayShowDisc(const Vector& centre, float radius) {
   if (!skipping()) return true;
   knowWindowTransform();
-  const double* m = windowTransform_;
-  const double x = centre.x, y = centre.y, z = centre.z;
-  const double wx = m[0] * x + m[4] * y + m[8] * z + m[12];
-  const double wy = m[1] * x + m[5] * y + m[9] * z + m[13];
-  const double cz = m[2] * x + m[6] * y + m[10] * z + m[14];
-  const double cw = m[3] * x + m[7] * y + m[11] * z + m[15];
   // A little over the radius: the polygon's vertices are made in float.
-  const double r = 1.001 * radius;
-  const double dz = rowLength_[2] * r, dw = rowLength_[3] * r;
+  WindowBox box;
   // Within reach of the near or far plane, or not finite: the polygon decides.
-  if (!(cw - dw > 1e-6) || !(r >= 0.0) || !(std::fabs(cz) + dz < 0.999 * (cw - dw))) return true;
-  // Window x of a point of the sphere is (wx + a) / (cw + b) with |a| <= dx and |b| <= dw.
-  const double dx = rowLength_[0] * r, dy = rowLength_[1] * r;
-  const double near = 1.0 / (cw - dw), far = 1.0 / (cw + dw);
-  const double loX = std::min((wx - dx) * near, (wx - dx) * far);
-  const double hiX = std::max((wx + dx) * near, (wx + dx) * far);
-  const double loY = std::min((wy - dy) * near, (wy - dy) * far);
-  const double hiY = std::max((wy + dy) * near, (wy + dy) * far);
-  if (centresIn(loX, hiX) != 0 && centresIn(loY, hiY) != 0) return true;
+  if (!sphereWindowBox(windowTransform_, rowLength_, centre, 1.001 * radius, box)) return true;
+  if (centresIn(box.loX, box.hiX) != 0 && centresIn(box.loY, box.hiY) != 0) return true;
   ++skippedPolygons_;
   return false;
 }
