@@ -74,8 +74,12 @@ class XServer:
                      "-noreset"],
                     stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
             self.proc, self.display = proc, f":{n}"
+            # The server that answers must be ours: a test running beside this one may have
+            # taken the same number a moment earlier, and then ours ends on the lock.
             try:
-                poll(f"Xvfb on :{n}", lambda: proc.poll() is not None or self._answers(), 10)
+                poll(f"Xvfb on :{n}",
+                     lambda: proc.poll() is not None or (self._lock_pid(n) == proc.pid
+                                                         and self._answers()), 10)
             except HarnessError:
                 self.stop()
                 raise
@@ -84,6 +88,14 @@ class XServer:
             # Another server took the number between our look and its start: try the next.
             self.proc = self.display = None
         raise HarnessError("no free X display between :90 and :189")
+
+    @staticmethod
+    def _lock_pid(n):
+        try:
+            with open(f"/tmp/.X{n}-lock") as lock:
+                return int(lock.read().strip() or -1)
+        except (OSError, ValueError):
+            return -1
 
     def _answers(self):
         r = subprocess.run(["xdotool", "getmouselocation"], env=self.env(),
