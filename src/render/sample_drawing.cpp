@@ -297,9 +297,9 @@ template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 namespace {
 
 // Deals the slices of a run to the threads as they ask for them, so that a thread slowed by
-// other work on its core draws fewer slices rather than holding the others up. Slice i is the
-// share of "thread" i of `slices` in the drawing job; the back end draws the slices' geometry in
-// slice order, which is the samples' order.
+// other work on its core lists fewer slices rather than holding the others up. Slice i is the
+// share of "thread" i of `slices` in the drawing job; the bands are drawn from the slices' lists
+// in slice order, which is the samples' order.
 template <class Job>
 class DealSlices final : public MultiThreaded {
  public:

@@ -107,9 +107,6 @@ struct DrawPass {
   void drawShownDisc(const DrawnSample& s, uint32_t index, int b) const;
 };
 
-// The per-sample drawing callback. b = 0 draws in the sample's colour, b = 1 in its index
-// colour (the picking pass). Indices run from `first` in enumeration order. Each record has a
-// cache line of its own: the drawing threads count in their records at every sample.
 // The discs a slice of samples shows in each band of rows of the frame, while a frame is drawn
 // by rows (Rasterizer3D::drawsByRows): each with its index, in the slice's order. A copy, so
 // that drawing a band reads its discs one after another rather than a scattered few of the
@@ -130,6 +127,9 @@ struct RowBandLists {
   }
 };
 
+// The per-sample drawing callback. b = 0 draws in the sample's colour, b = 1 in its index
+// colour (the picking pass). Indices run from `first` in enumeration order. Each record has a
+// cache line of its own: the drawing threads count in their records at every sample.
 template <int b>
 class alignas(64) DrawSamplesCb final {
  public:
@@ -137,7 +137,7 @@ class alignas(64) DrawSamplesCb final {
   uint32_t limit = 0xFFFFFFFFu;
   uint32_t first = 0;
   const DrawPass* pass = nullptr;
-  // Set while a frame is drawn by rows: the disc's index is listed in its bands, not drawn.
+  // Set while a frame is drawn by rows: the disc is listed in its bands, not drawn.
   RowBandLists* bands = nullptr;
 
   // Returns false once `limit` samples were visited.
