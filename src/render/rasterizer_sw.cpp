@@ -119,10 +119,7 @@ void RasterizerSW::beginFrame() {
     window_[4 * c + 2] = z;
     window_[4 * c + 3] = w;
   }
-  for (int r = 0; r < 4; ++r) {
-    rowLength_[r] = std::sqrt(window_[r] * window_[r] + window_[4 + r] * window_[4 + r] +
-                              window_[8 + r] * window_[8 + r]);
-  }
+  windowRowLengths(window_, rowLength_);
   depthTest_ = true;
   cullActive_ = cullRequested_;
   drawWholeFrame();

@@ -83,6 +83,12 @@ Matrix4 viewProjection(const CameraFrame& frame, int width, int height, float fa
   return projection * lookAtMatrix(frame.eye, frame.eye + frame.forward, frame.up);
 }
 
+void windowRowLengths(const double* m, double rowLength[4]) {
+  for (int r = 0; r < 4; ++r) {
+    rowLength[r] = std::sqrt(m[r] * m[r] + m[4 + r] * m[4 + r] + m[8 + r] * m[8 + r]);
+  }
+}
+
 bool sphereWindowBox(const double* m, const double* rowLength, const Vector& centre, double radius,
                      WindowBox& box) {
   const double x = centre.x, y = centre.y, z = centre.z;

@@ -49,5 +49,7 @@ struct WindowBox {
 };
 bool sphereWindowBox(const double* m, const double* rowLength, const Vector& centre, double radius,
                      WindowBox& box);
+// The lengths of the linear parts of m's four rows, as sphereWindowBox() takes them.
+void windowRowLengths(const double* m, double rowLength[4]);
 
 }  // namespace LUtils

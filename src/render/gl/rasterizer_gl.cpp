@@ -450,10 +450,7 @@ void RasterizerGL::knowWindowTransform() {
     column[2] = clip[c * 4 + 2];
     column[3] = clip[c * 4 + 3];
   }
-  for (int r = 0; r < 4; ++r) {
-    const double* m = windowTransform_;
-    rowLength_[r] = std::sqrt(m[r] * m[r] + m[4 + r] * m[4 + r] + m[8 + r] * m[8 + r]);
-  }
+  windowRowLengths(windowTransform_, rowLength_);
   windowTransformKnown_ = true;
 }
 
