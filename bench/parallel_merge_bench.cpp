@@ -4,11 +4,13 @@
 // same samples. The table after the runs gives, per case, one thread's wall time over two
 // threads' (target: 1.7 or more on two cores), the reference's time over two threads', the
 // samples kept, the batches and the samples looked up again per batch, the CPU time of the
-// lookups, of listing the kept samples in the grid (both on the workers) and of the commits (on
-// the calling thread), the bound on one / two those give on two idle cores, and whether the two
-// maps are the same byte for byte.
+// lookups, of listing the kept samples in the grid and checking the next batch (both shared by
+// the calling thread and the workers) and of the commits (the calling thread alone, while the
+// workers look up the next batch), the bound on one / two those give on two idle cores, the
+// wall time of each step, and whether the two maps are the same byte for byte.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -126,15 +128,18 @@ int main(int argc, char** argv) {
     const double batches = static_cast<double>(c.stats.batches ? c.stats.batches : 1);
     std::printf("%-26s one / two %5.2f, reference / two %5.2f; kept %zu; %llu batches of %.0f, "
                 "%.1f looked up again per batch; CPU: lookups %.3f s, listing %.3f s, commits %.3f s, "
-                "one thread %.3f s (one / two on two idle cores at most %.2f); maps %s\n",
+                "one thread %.3f s (one / two on two idle cores at most %.2f); wall: commits %.3f s, "
+                "lookups after them %.3f s, listing %.3f s; maps %s\n",
                 c.name, c.time[0].wall / c.time[1].wall,
                 c.time[2].wall > 0.0 ? c.time[2].wall / c.time[1].wall : 0.0, c.kept[1],
                 static_cast<unsigned long long>(c.stats.batches),
                 static_cast<double>(c.stats.offered) / batches,
                 static_cast<double>(c.stats.redone) / batches, c.stats.lookupCpuSeconds,
                 c.stats.listCpuSeconds, c.stats.commitCpuSeconds, c.time[0].cpu,
-                c.time[0].cpu / (c.stats.commitCpuSeconds +
-                                 (c.stats.lookupCpuSeconds + c.stats.listCpuSeconds) / 2),
+                c.time[0].cpu / std::max(c.stats.commitCpuSeconds,
+                                         (c.stats.commitCpuSeconds + c.stats.lookupCpuSeconds +
+                                          c.stats.listCpuSeconds) / 2),
+                c.stats.commitSeconds, c.stats.lookupSeconds, c.stats.listSeconds,
                 same ? "identical" : "DIFFERENT");
   }
   benchmark::Shutdown();

@@ -9,7 +9,8 @@ namespace LUtils {
 
 void InsertionGrid::clear() {
   for (Shard& shard : shards_) shard.clear();
-  levels_.clear();
+  levelBits_[0].store(0, std::memory_order_relaxed);
+  levelBits_[1].store(0, std::memory_order_relaxed);
   samples_.clear();
 }
 
@@ -170,8 +171,8 @@ bool InsertionGrid::begin(const Sphere& s) {
   int k = 0;
   if (!boxOf(s, lo, hi, k)) return false;
   samples_.push_back(s.sample);
-  auto level = std::find_if(levels_.begin(), levels_.end(), [k](const Level& l) { return l.k >= k; });
-  if (level == levels_.end() || level->k != k) levels_.insert(level, Level{k, std::ldexp(1.0, -k)});
+  const int i = (k - kMinLevel) / 2;
+  levelBits_[i / 64].fetch_or(uint64_t{1} << (i % 64), std::memory_order_relaxed);
   return true;
 }
 

@@ -36,12 +36,15 @@
 // radius near 2^64 around a coordinate near 2^128, needs cells of about 2^90).
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "io/prefetch.h"
@@ -62,6 +65,18 @@ class InsertionGrid {
   static constexpr int kShardBits = 3;
   static constexpr int kShards = 1 << kShardBits;
   static constexpr uint32_t kAllShards = (1u << kShards) - 1;
+
+  InsertionGrid() = default;
+  InsertionGrid(InsertionGrid&& other) noexcept { *this = std::move(other); }
+  InsertionGrid& operator=(InsertionGrid&& other) noexcept {
+    for (int i = 0; i < kShards; ++i) shards_[i] = std::move(other.shards_[i]);
+    for (int w = 0; w < 2; ++w) {
+      levelBits_[w].store(other.levelBits_[w].load(std::memory_order_relaxed),
+                          std::memory_order_relaxed);
+    }
+    samples_ = std::move(other.samples_);
+    return *this;
+  }
 
   void clear();
   // Indexes the sample with the given bounding sphere; a sample that cannot be placed is left
@@ -99,20 +114,18 @@ class InsertionGrid {
   // Asks for the lines where gather(p) starts: a hint, which samples inserted meanwhile do not
   // make wrong.
   void prefetch(const Vector& p) const {
-    for (const Level& level : levels_) {
-      const uint64_t key = keyAt(level.k, level.scale, p);
+    forEachLevel(levelBits(), [&](int k, double scale) {
+      const uint64_t key = keyAt(k, scale, p);
       shards_[shardOf(key)].prefetch(key);
-    }
+    });
   }
   // Asks for the entries of the cells that gather(p) scans; best once prefetch(p) has brought
   // their slots.
   void prefetchEntries(const Vector& p) const {
-    for (const Level& level : levels_) {
+    forEachLevel(levelBits(), [&](int k, double scale) {
       const Shard* shard;
-      if (const Slot* slot = find(keyAt(level.k, level.scale, p), shard)) {
-        shard->prefetchEntries(*slot);
-      }
-    }
+      if (const Slot* slot = find(keyAt(k, scale, p), shard)) shard->prefetchEntries(*slot);
+    });
   }
 
  private:
@@ -125,13 +138,38 @@ class InsertionGrid {
     uint64_t key;
     uint32_t begin, count;
   };
-  struct Level {
-    int k;         // cell side 2^k, k even
-    double scale;  // 2^-k
-  };
   static constexpr uint64_t kEmpty = ~uint64_t{0};
   static constexpr int kCoordBits = 18;
   static constexpr int kMinLevel = -126, kMaxLevel = 127;
+  // The levels in use are bits of two words, bit i for k = kMinLevel + 2i; their scales 2^-k
+  // come from a table.
+  static constexpr int kLevels = (kMaxLevel - kMinLevel) / 2 + 1;
+  static_assert(kMinLevel % 2 == 0 && kLevels <= 128);
+  struct LevelBits {
+    uint64_t word[2];
+  };
+  static constexpr std::array<double, kLevels> kLevelScale = [] {
+    std::array<double, kLevels> scales{};
+    double scale = 1.0;  // exact powers of two, out from k = 0
+    for (int k = 0; k >= kMinLevel; k -= 2, scale *= 4.0) scales[(k - kMinLevel) / 2] = scale;
+    scale = 1.0;
+    for (int k = 0; k <= kMaxLevel; k += 2, scale *= 0.25) scales[(k - kMinLevel) / 2] = scale;
+    return scales;
+  }();
+  LevelBits levelBits() const {
+    return {levelBits_[0].load(std::memory_order_relaxed),
+            levelBits_[1].load(std::memory_order_relaxed)};
+  }
+  // Calls f(k, 2^-k) for the levels of `bits`, smallest cells first.
+  template <class F>
+  static void forEachLevel(LevelBits bits, F&& f) {
+    for (int w = 0; w < 2; ++w) {
+      for (uint64_t b = bits.word[w]; b; b &= b - 1) {
+        const int i = 64 * w + std::countr_zero(b);
+        f(kMinLevel + 2 * i, kLevelScale[i]);
+      }
+    }
+  }
 
   // Ranges come in sizes 4, 6, 8, 12, 16, ... (about 1.5 apart). Most cells hold only a few
   // entries, but the test reads four at a time anyway, and a cell that starts at four moves
@@ -248,30 +286,32 @@ class InsertionGrid {
   }
 
   Shard shards_[kShards];
-  std::vector<Level> levels_;  // in use, by cell size
+  // The levels in use. begin() adds to them while the workers of a parallel merge may be
+  // querying the grid (the cells they find do not change until the next list()), hence atomic.
+  std::atomic<uint64_t> levelBits_[2] = {0, 0};
   std::vector<IrradSample*> samples_;
 };
 
 template <class F>
 void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
-  for (const Level& level : levels_) {
+  forEachLevel(levelBits(), [&](int k, double scale) {
     const Shard* shard;
-    const Slot* slot = find(keyAt(level.k, level.scale, p), shard);
-    if (slot) shard->scanCell(*slot, p, hits);
-  }
+    if (const Slot* slot = find(keyAt(k, scale, p), shard)) shard->scanCell(*slot, p, hits);
+  });
 }
 
 template <class F>
 void InsertionGrid::gatherWith(const InsertionGrid& later, const Vector& p,
                                PendingHits<F>& hits) const {
   // Every level of `later` is one of ours: begin() placed its samples here too.
-  for (const Level& level : levels_) {
-    const uint64_t key = keyAt(level.k, level.scale, p);
+  const bool laterEmpty = later.samples_.empty();
+  forEachLevel(levelBits(), [&](int k, double scale) {
+    const uint64_t key = keyAt(k, scale, p);
     const Shard* shard;
     if (const Slot* slot = find(key, shard)) shard->scanCell(*slot, p, hits);
-    if (later.samples_.empty()) continue;
+    if (laterEmpty) return;
     if (const Slot* slot = later.find(key, shard)) shard->scanCell(*slot, p, hits);
-  }
+  });
 }
 
 }  // namespace LUtils

@@ -24,6 +24,7 @@
 //   80      f32       time           shutter time; the load time offset is added to it
 #pragma once
 
+#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -79,7 +80,19 @@ struct IrradSample {
   }
 };
 
+// The validity radius as lookups read it and neighbour lowering writes it. The incremental merge
+// on several threads lowers radii on the calling thread while its workers look up the next batch
+// (irradiance/parallel_incremental.h), so both go through relaxed atomic accesses: plain loads
+// and stores on the machines we build for, and no data race.
+inline float currentValidRadius2(IrradSample& s) {
+  return std::atomic_ref<float>(s.validRadius2).load(std::memory_order_relaxed);
+}
+inline void lowerValidRadius2(IrradSample& s, float radius2) {
+  std::atomic_ref<float>(s.validRadius2).store(radius2, std::memory_order_relaxed);
+}
+
 static_assert(sizeof(IrradSample) == 84, "the sample record is 84 bytes");
+static_assert(alignof(IrradSample) >= std::atomic_ref<float>::required_alignment);
 static_assert(offsetof(IrradSample, position) == 0);
 static_assert(offsetof(IrradSample, normal) == 12);
 static_assert(offsetof(IrradSample, validRadius2) == 24);

@@ -234,8 +234,8 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
     const float newRadius = std::sqrt(std::max(stored->validRadius2, 0.0f));
     for (const LookupCandidate& c : candidates) {
       const float limit = length(c.sample->position - stored->position) + newRadius;
-      if (c.sample->validRadius2 > limit * limit) {
-        c.sample->validRadius2 = limit * limit;
+      if (currentValidRadius2(*c.sample) > limit * limit) {
+        lowerValidRadius2(*c.sample, limit * limit);
         if (lowered) lowered->push_back(c.sample);
       }
     }

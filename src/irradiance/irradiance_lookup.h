@@ -108,9 +108,10 @@ inline bool testCandidate(IrradSample& s, const Vector& p, const Vector& n, floa
   const float along = dot(o, n);
   const float stretchedAlong = along * stretch;
   const float stretched2 = std::max(d2 - along * along, 0.0f) + stretchedAlong * stretchedAlong;
-  if (!(stretched2 < s.validRadius2)) return false;
+  const float radius2 = currentValidRadius2(s);
+  if (!(stretched2 < radius2)) return false;
   const float cosine = dot(n, s.normal);
-  const float falloff = 1.0f - std::sqrt(stretched2 / s.validRadius2);
+  const float falloff = 1.0f - std::sqrt(stretched2 / radius2);
   out = {&s, d2, cosine > 0.0f ? falloff * cosine : 0.0f};
   return true;
 }

@@ -3,13 +3,20 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
 #include <span>
+#include <utility>
 #include <time.h>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "irradiance/def_irradiance_map.h"
 #include "irradiance/irradiance_lookup.h"
@@ -52,6 +59,9 @@ struct Decided {
   uint32_t worker = 0;
   uint32_t begin = 0, count = 0;  // its candidates in the worker's pool
   bool create = false;
+  // Set between the commit of the batch before and this batch's commit when a sample stored by
+  // that commit reaches the point or a candidate had its radius lowered by it.
+  bool changedBefore = false;
   std::atomic<bool> ready{false};
 };
 
@@ -185,6 +195,189 @@ class LoweredSet {
   std::vector<uint64_t> filter_;
 };
 
+// Marks the samples of a batch whose lookups ran while the batch before was committed and that
+// this commit changed: a sample it stored reaches the point (it is in `stored`, an index of that
+// commit's samples alone), or a candidate had its radius lowered (it is in `lowered`).
+class CheckTask : public MergeTask {
+ public:
+  CheckTask(const std::vector<IrradSample>& batch, Decided* decided,
+            const std::vector<std::vector<LookupCandidate>>& pools, const SampleKdTree& stored,
+            const LoweredSet& lowered)
+      : batch_(batch), decided_(decided), pools_(pools), stored_(stored), lowered_(lowered) {}
+
+  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
+    const double cpuStart = threadCpuSeconds();
+    const auto n = static_cast<uint32_t>(batch_.size());
+    for (;;) {
+      const uint32_t first = next_.fetch_add(kChunk, std::memory_order_relaxed);
+      if (first >= n) break;
+      for (uint32_t i = first; i < std::min(n, first + kChunk); ++i) {
+        Decided& d = decided_[i];
+        d.changedBefore = false;
+        if (!d.ready.load(std::memory_order_acquire)) continue;
+        if (!lowered_.empty()) {
+          const LookupCandidate* c = pools_[d.worker].data() + d.begin;
+          for (const LookupCandidate* end = c + d.count; c != end && !d.changedBefore; ++c) {
+            d.changedBefore = lowered_.contains(c->sample);
+          }
+        }
+        if (!d.changedBefore && stored_.size()) {
+          stored_.forEachContaining(batch_[i].position,
+                                    [&](IrradSample&) { d.changedBefore = true; });
+        }
+      }
+    }
+    addCpu(threadCpuSeconds() - cpuStart);
+  }
+
+ private:
+  static constexpr uint32_t kChunk = 256;
+  const std::vector<IrradSample>& batch_;
+  Decided* decided_;
+  const std::vector<std::vector<LookupCandidate>>& pools_;
+  const SampleKdTree& stored_;
+  const LoweredSet& lowered_;
+  std::atomic<uint32_t> next_{0};
+};
+
+// Two jobs of the crew as one: every thread takes its part of the first, then of the second.
+class BothTasks : public MultiThreaded {
+ public:
+  BothTasks(MultiThreaded& first, MultiThreaded& second) : first_(first), second_(second) {}
+  void run(std::atomic<int32_t>* resultWord, std::atomic<int32_t>* progress, int32_t index,
+           int32_t count) override {
+    first_.run(resultWord, progress, index, count);
+    second_.run(resultWord, progress, index, count);
+  }
+
+ private:
+  MultiThreaded& first_;
+  MultiThreaded& second_;
+};
+
+// The merge's team: the calling thread and up to `helpers` workers of the thread manager, which
+// stay with the merge from its start to its end (each handed over once, by runAsync) and take
+// its jobs with the calling thread. start() hands a job to the helpers (indexes 1 and up) and
+// returns at once, so that the calling thread can commit meanwhile; finish() runs the calling
+// thread's share (index 0) and waits until every helper is done with the job. Helpers that
+// cannot be started leave their share to the others: with none, finish() does the whole job.
+// A merge hands over a few jobs per batch, every millisecond or so: both sides wait for the
+// other by spinning a little before they sleep, since a sleeping thread takes tens of
+// microseconds to wake.
+class MergeCrew {
+ public:
+  MergeCrew(ThreadManager& threads, uint32_t helpers) {
+    for (uint32_t i = 0; i < helpers; ++i) {
+      auto helper = std::make_unique<Helper>(*this, i + 1);
+      {
+        std::lock_guard<std::mutex> guard(exitLock_);
+        ++running_;
+      }
+      if (threads.runAsync(helper.get(), 0) != 0) {
+        std::lock_guard<std::mutex> guard(exitLock_);
+        --running_;
+        break;
+      }
+      helpers_.push_back(std::move(helper));
+    }
+  }
+  ~MergeCrew() {
+    stop_.store(true, std::memory_order_relaxed);
+    generation_.fetch_add(1, std::memory_order_release);
+    generation_.notify_all();
+    std::unique_lock<std::mutex> guard(exitLock_);
+    gone_.wait(guard, [&] { return running_ == 0; });
+  }
+  MergeCrew(const MergeCrew&) = delete;
+  MergeCrew& operator=(const MergeCrew&) = delete;
+
+  uint32_t size() const { return static_cast<uint32_t>(helpers_.size()) + 1; }
+
+  void start(MultiThreaded& task) {
+    if (helpers_.empty()) return;
+    task_ = &task;
+    busy_.store(static_cast<uint32_t>(helpers_.size()), std::memory_order_relaxed);
+    generation_.fetch_add(1, std::memory_order_release);
+    generation_.notify_all();
+  }
+  // The calling thread's CPU time in its shares is added to `callerCpu`.
+  void finish(MultiThreaded& task, double& callerCpu) {
+    const double cpuStart = threadCpuSeconds();
+    std::atomic<int32_t> progress{0};
+    task.run(&task.result, &progress, 0, static_cast<int32_t>(size()));
+    callerCpu += threadCpuSeconds() - cpuStart;
+    if (helpers_.empty()) return;
+    for (;;) {
+      const uint32_t busy = awaitChange(busy_, ~0u);
+      if (busy == 0) break;
+      busy_.wait(busy, std::memory_order_acquire);
+    }
+  }
+  void run(MultiThreaded& task, double& callerCpu) {
+    start(task);
+    finish(task, callerCpu);
+  }
+
+ private:
+  class Helper final : public AsyncTask {
+   public:
+    Helper(MergeCrew& crew, uint32_t index) : crew_(crew), index_(index) {}
+    void run(uint64_t) override { crew_.serve(index_); }
+    const char* threadName() override { return "merge_thread"; }
+
+   private:
+    MergeCrew& crew_;
+    uint32_t index_;
+  };
+
+  // Spins a while for `word` to differ from `from` (~0u for busy_: until it is 0); returns the
+  // value last read.
+  template <class T>
+  static T awaitChange(const std::atomic<T>& word, T from) {
+    T now = word.load(std::memory_order_acquire);
+    for (int spin = 0; spin < kSpins; ++spin) {
+      if (from == static_cast<T>(~T{0}) ? now == 0 : now != from) break;
+#if defined(__SSE2__)
+      _mm_pause();
+#endif
+      now = word.load(std::memory_order_acquire);
+    }
+    return now;
+  }
+
+  // A helper's life: every job from the first start() after it began to the end of the merge.
+  // A job is started only once every helper has finished the one before, so none is missed.
+  void serve(uint32_t index) {
+    uint64_t seen = 0;
+    for (;;) {
+      uint64_t now = awaitChange(generation_, seen);
+      while (now == seen) {
+        generation_.wait(seen, std::memory_order_acquire);
+        now = generation_.load(std::memory_order_acquire);
+      }
+      seen = now;
+      if (stop_.load(std::memory_order_relaxed)) break;
+      MultiThreaded* task = task_;
+      std::atomic<int32_t> progress{0};
+      task->run(&task->result, &progress, static_cast<int32_t>(index),
+                static_cast<int32_t>(size()));
+      if (busy_.fetch_sub(1, std::memory_order_acq_rel) == 1) busy_.notify_all();
+    }
+    std::lock_guard<std::mutex> guard(exitLock_);
+    if (--running_ == 0) gone_.notify_all();  // under the lock: the crew may go at once after
+  }
+
+  static constexpr int kSpins = 4000;  // pauses: some tens of microseconds
+  std::vector<std::unique_ptr<Helper>> helpers_;
+  MultiThreaded* task_ = nullptr;  // written before generation_ moves on, read after
+  std::atomic<uint64_t> generation_{0};
+  std::atomic<uint32_t> busy_{0};  // helpers not yet done with the current job
+  std::atomic<bool> stop_{false};
+  std::mutex exitLock_;
+  std::condition_variable gone_;
+  uint32_t running_ = 0;  // helpers not yet gone
+};
+
 // Lists a batch's begun entries in the map's grid on several threads: the shards are dealt to
 // `groups` groups (shard s to group s % groups), and each worker lists every entry, in order,
 // in the shards of the groups it takes, so that each cell gets its entries in the order begun.
@@ -213,196 +406,318 @@ class ListTask : public MergeTask {
 };
 
 // Indexes the samples that a batch's commit stores: begun in the map's index at once and listed
-// in its grid after the batch, on the workers. Until then `stored` holds them alone, so that the
+// in its grid after the batch, by the crew. Until then `stored` holds them alone, so that the
 // checks and the lookups looked up again at commit see them as listed. When the index wants to
-// fold, everything begun is listed first and the index folds where the one-thread merge would.
+// fold, the crew is stopped first (beforeFold), everything begun is listed and the index folds
+// where the one-thread merge would.
 class DeferredIndexer : public SampleIndexer {
  public:
-  DeferredIndexer(DefIrradianceMap& map, SampleKdTree& stored, ThreadManager& threads,
-                  uint32_t workers, ParallelAddStats& stats)
-      : map_(map), stored_(stored), threads_(threads), workers_(workers), stats_(stats) {}
+  DeferredIndexer(DefIrradianceMap& map, MergeCrew& crew, ParallelAddStats& stats)
+      : map_(map), crew_(crew), stats_(stats) {}
+
+  void setStored(SampleKdTree* stored) { stored_ = stored; }
+  template <class F>
+  void setBeforeFold(F&& f) {
+    beforeFold_ = std::forward<F>(f);
+  }
 
   void index(IrradSample& sample) override {
     SampleKdTree& tree = map_.kdTree();
     InsertionGrid::Sphere entry;
     if (!tree.beginInsert(sample, entry)) return;
     pending_.push_back(entry);
-    stored_.insert(sample);
+    stored_->insert(sample);
     if (tree.wantsFold()) {
+      if (beforeFold_) beforeFold_();
       listPending();
       tree.fold();
-      stored_.clear();
+      stored_->clear();
       folded = true;
     }
   }
 
   // Lists what was begun (the caller holds the write side of the map's lock when the map is
-  // multi-threaded).
-  void listPending() {
-    if (pending_.empty()) return;
+  // multi-threaded, and no lookup runs); the crew then does `alongside` when given.
+  void listPending(MultiThreaded* alongside = nullptr) {
+    double callerCpu = 0.0;
+    if (pending_.empty()) {
+      if (alongside) crew_.run(*alongside, callerCpu);
+      callerShareCpu += callerCpu;
+      return;
+    }
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
-    const uint32_t groups = std::min<uint32_t>(workers_, InsertionGrid::kShards);
+    const uint32_t groups = std::min<uint32_t>(crew_.size(), InsertionGrid::kShards);
     ListTask task(map_.kdTree(), pending_, groups);
-    threads_.run(static_cast<int32_t>(groups), &task, nullptr, false);
+    if (alongside) {
+      BothTasks both(task, *alongside);
+      crew_.run(both, callerCpu);
+    } else {
+      crew_.run(task, callerCpu);
+    }
     stats_.listSeconds += std::chrono::duration<double>(Clock::now() - start).count();
     stats_.listCpuSeconds += task.cpuSeconds;
+    callerShareCpu += callerCpu;
     pending_.clear();
   }
 
   bool folded = false;  // in this batch
+  double callerShareCpu = 0.0;  // the calling thread's CPU time in the listing
 
  private:
   DefIrradianceMap& map_;
-  SampleKdTree& stored_;
-  ThreadManager& threads_;
-  uint32_t workers_;
+  MergeCrew& crew_;
   ParallelAddStats& stats_;
+  SampleKdTree* stored_ = nullptr;
+  std::function<void()> beforeFold_;
   std::vector<InsertionGrid::Sphere> pending_;
 };
+
+// One batch of the source and its parallel lookups.
+struct Batch {
+  std::vector<IrradSample> samples;
+  std::unique_ptr<Decided[]> decided;
+  uint32_t capacity = 0;
+  std::vector<std::vector<LookupCandidate>> pools;  // the candidates, one pool per worker
+  std::unique_ptr<LookupTask> lookups;
+  uint32_t first = 0;        // the source index of its first sample
+  bool overlapped = false;   // looked up while the batch before it was committed
+  bool inFlight = false;     // its lookups were started and not yet finished
+  bool stale = false;        // looked up before a fold of the index: to be looked up again
+};
+
+// The state of one parallel merge; see the header for the rules it keeps.
+class ParallelMerge {
+ public:
+  ParallelMerge(DefIrradianceMap& map, IrradianceMap& source, uint32_t total,
+                ProgressCallback* progress, ThreadManager& threads, uint32_t workers)
+      : map_(map), source_(source), total_(total), progress_(progress),
+        settings_(LookupSettings::fromHeader(*map.header())), crew_(threads, workers - 1),
+        indexer_(map, crew_, stats_),
+        // The lookups of the next batch overlap the commit only where nothing else reads the
+        // map meanwhile: a multi-threaded map is looked up and written in turns.
+        overlap_(map.multiThreaded() == 0 && crew_.size() > 1) {
+    for (Batch& b : batches_) b.pools.resize(crew_.size());
+    indexer_.setBeforeFold([this] {
+      // The next batch's lookups saw the tree that the fold replaces.
+      if (next_ && next_->inFlight) finishLookups(*next_);
+      if (next_ && next_->overlapped) next_->stale = true;
+    });
+  }
+
+  ParallelAddStats run();
+
+ private:
+  bool read(Batch& b, uint32_t first);
+  void startLookups(Batch& b);
+  void finishLookups(Batch& b);
+  uint32_t commit(Batch& b);
+  static double seconds(std::chrono::steady_clock::time_point from) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
+  }
+
+  DefIrradianceMap& map_;
+  IrradianceMap& source_;
+  const uint32_t total_;
+  ProgressCallback* progress_;
+  const LookupSettings settings_;
+  ParallelAddStats stats_;
+  MergeCrew crew_;
+  DeferredIndexer indexer_;
+  const bool overlap_;
+  uint32_t size_ = 0;  // samples per batch
+  Batch batches_[2];
+  Batch* next_ = nullptr;  // the batch looked up while the current one is committed
+  // The samples stored and the radii lowered by the batch being committed. The stored ones are
+  // indexed alone: never folded.
+  SampleKdTree storedTree_{std::numeric_limits<size_t>::max()};
+  SampleKdTree* stored_ = &storedTree_;
+  LoweredSet loweredSet_;
+  LoweredSet* lowered_ = &loweredSet_;
+  std::vector<LookupCandidate> scratch_;
+  std::vector<IrradSample*> loweredNow_;
+  ThreadData caller_;  // the commits run as thread 0, as the one-thread merge does
+  double callerShareCpu_ = 0.0;  // the calling thread's CPU time in its shares of the lookups
+};
+
+bool ParallelMerge::read(Batch& b, uint32_t first) {
+  const auto start = std::chrono::steady_clock::now();
+  const uint32_t want = std::min(size_, total_ - first);
+  b.samples.clear();
+  b.samples.reserve(want);
+  CopySamplesCb reader(b.samples, want);
+  source_.enumerateSamples(first, &reader);
+  b.first = first;
+  b.overlapped = b.inFlight = b.stale = false;
+  stats_.commitSeconds += seconds(start);
+  return !b.samples.empty();  // empty: the source shrank under us
+}
+
+void ParallelMerge::startLookups(Batch& b) {
+  const auto n = static_cast<uint32_t>(b.samples.size());
+  if (n > b.capacity) {
+    b.decided.reset(new Decided[n]);
+    b.capacity = n;
+  }
+  for (uint32_t i = 0; i < n; ++i) b.decided[i].ready.store(false, std::memory_order_relaxed);
+  for (auto& pool : b.pools) pool.clear();
+  b.lookups = std::make_unique<LookupTask>(map_, b.samples, b.decided.get(), b.pools);
+  crew_.start(*b.lookups);
+  b.inFlight = true;
+  b.stale = false;
+}
+
+void ParallelMerge::finishLookups(Batch& b) {
+  const auto start = std::chrono::steady_clock::now();
+  crew_.finish(*b.lookups, callerShareCpu_);
+  b.inFlight = false;
+  stats_.lookupSeconds += seconds(start);
+  stats_.lookupCpuSeconds += b.lookups->cpuSeconds;
+}
+
+// Commits a batch in source order; returns how many of its samples were stored.
+uint32_t ParallelMerge::commit(Batch& b) {
+  const auto start = std::chrono::steady_clock::now();
+  stored_->clear();
+  lowered_->clear();
+  indexer_.setStored(stored_);
+  indexer_.folded = false;
+  uint32_t kept = 0;
+  const auto n = static_cast<uint32_t>(b.samples.size());
+  for (uint32_t i = 0; i < n; ++i) {
+    const IrradSample& sample = b.samples[i];
+    const Decided& d = b.decided[i];
+
+    bool same = d.ready.load(std::memory_order_acquire) && !indexer_.folded;
+    std::span<const LookupCandidate> candidates;
+    if (same) {
+      candidates = std::span<const LookupCandidate>(b.pools[d.worker]).subspan(d.begin, d.count);
+      if (b.overlapped && d.changedBefore) same = false;
+      if (same && !lowered_->empty()) {
+        for (const LookupCandidate& c : candidates) {
+          if (lowered_->contains(c.sample)) {
+            same = false;
+            break;
+          }
+        }
+      }
+    }
+    if (same && stored_->size()) {
+      stored_->forEachContaining(sample.position, [&](IrradSample&) { same = false; });
+    }
+    if (same && !d.create) {
+      // Covered, as on one thread: nothing to store.
+      if (progress_) progress_->setProgress(static_cast<int32_t>(b.first + i + 1));
+      continue;
+    }
+
+    ShadeContext context = makeInsertionContext(sample, caller_);
+    InsertSampleCallback sampler(&sample);
+    ShadeData shade;
+    shade.sampler = &sampler;
+    SpacingDecision decision;
+    bool create;
+    if (same) {
+      decision = d.decision;
+      create = true;
+    } else {
+      ++stats_.redone;
+      const bool guarded = map_.multiThreaded() != 0;
+      if (guarded) map_.multiReaderLock().readLock(caller_.threadIndex);
+      scratch_.clear();
+      collectCandidates(map_.kdTree(), context, settings_, scratch_, stored_);
+      decision = decideSpacing(settings_, lookupFootprint(context), scratch_);
+      if (guarded) map_.multiReaderLock().readUnlock(caller_.threadIndex);
+      create = createsSample(decision, context, shade, kFlags);
+      candidates = scratch_;
+    }
+
+    if (create) {
+      loweredNow_.clear();
+      Color colour;
+      IrradSample* added = createSample(map_, caller_.threadIndex, context, shade, decision,
+                                        candidates, colour, &loweredNow_, &indexer_);
+      if (added) {
+        ++kept;
+        for (const IrradSample* s : loweredNow_) lowered_->add(s);
+      }
+    }
+    if (progress_) progress_->setProgress(static_cast<int32_t>(b.first + i + 1));
+  }
+  stats_.commitSeconds += seconds(start);
+  return kept;
+}
+
+ParallelAddStats ParallelMerge::run() {
+  using namespace parallel_incremental;
+  const uint32_t workers = crew_.size();
+  const double callerCpuStart = threadCpuSeconds();
+  size_ = workers * kMinPerThread;
+  Batch* current = &batches_[0];
+  Batch* next = &batches_[1];
+  if (total_ > 0 && read(*current, 0)) {
+    startLookups(*current);
+    finishLookups(*current);
+    for (;;) {
+      // Read the next batch, and look it up while this one is committed where that may be.
+      const uint32_t following = current->first + static_cast<uint32_t>(current->samples.size());
+      const bool haveNext = following < total_ && read(*next, following);
+      next_ = haveNext ? next : nullptr;
+      if (haveNext && overlap_) {
+        startLookups(*next);
+        next->overlapped = true;
+      }
+      const uint32_t kept = commit(*current);
+      next_ = nullptr;
+      if (haveNext && next->inFlight) finishLookups(*next);
+      // List the batch's samples in the map's grid, before the next commit and lookups; and
+      // mark the next batch's lookups that this commit changed.
+      {
+        const bool guarded = map_.multiThreaded() != 0;
+        if (guarded) map_.multiReaderLock().writeLock(caller_.threadIndex);
+        std::unique_ptr<CheckTask> check;
+        if (haveNext && next->overlapped && !next->stale) {
+          check = std::make_unique<CheckTask>(next->samples, next->decided.get(), next->pools,
+                                              *stored_, *lowered_);
+        }
+        indexer_.listPending(check.get());
+        if (check) stats_.listCpuSeconds += check->cpuSeconds;
+        if (guarded) map_.multiReaderLock().writeUnlock(caller_.threadIndex);
+      }
+      const auto n = static_cast<uint32_t>(current->samples.size());
+      ++stats_.batches;
+      stats_.offered += n;
+      stats_.kept += kept;
+      // About kTargetKeptPerThread kept samples per thread in the batch read next.
+      const uint64_t sized = uint64_t{n} * kTargetKeptPerThread * workers / std::max<uint32_t>(kept, 1);
+      size_ = static_cast<uint32_t>(std::clamp<uint64_t>(sized, uint64_t{workers} * kMinPerThread,
+                                                         uint64_t{workers} * kMaxPerThread));
+      if (!haveNext) break;
+      if (next->stale) ++stats_.relookedBatches;
+      if (!next->overlapped || next->stale) {
+        startLookups(*next);
+        finishLookups(*next);
+        next->overlapped = false;
+      }
+      std::swap(current, next);
+    }
+  }
+  stats_.commitCpuSeconds =
+      threadCpuSeconds() - callerCpuStart - callerShareCpu_ - indexer_.callerShareCpu;
+  return stats_;
+}
 
 }  // namespace
 
 ParallelAddStats addIncrementallyInParallel(DefIrradianceMap& map, IrradianceMap& source,
                                             int32_t count, ProgressCallback* progress,
                                             ThreadManager& threads, int32_t threadCount) {
-  using namespace parallel_incremental;
-  ParallelAddStats stats;
-  const auto total = static_cast<uint32_t>(std::max(count, 0));
   // Each worker reads under its own slot of the map's lock.
   const auto workers = std::min(static_cast<uint32_t>(std::max(threadCount, 1)),
                                 map.multiReaderLock().threadSlots());
-  const LookupSettings settings = LookupSettings::fromHeader(*map.header());
-
-  std::vector<IrradSample> batch;
-  std::vector<std::vector<LookupCandidate>> pools(workers);
-  std::vector<LookupCandidate> scratch;
-  std::vector<IrradSample*> lowered;
-  LoweredSet loweredSet;
-  // The samples stored in this batch and not yet listed in the map's grid, indexed alone: never
-  // folded.
-  SampleKdTree stored(std::numeric_limits<size_t>::max());
-  DeferredIndexer indexer(map, stored, threads, workers, stats);
-  ThreadData caller;  // the commits run as thread 0, as the one-thread merge does
-  std::unique_ptr<Decided[]> decided;
-  uint32_t capacity = 0;
-
-  uint32_t size = workers * kMinPerThread;
-  uint32_t done = 0;
-  using Clock = std::chrono::steady_clock;
-  auto seconds = [](Clock::time_point from, Clock::time_point to) {
-    return std::chrono::duration<double>(to - from).count();
-  };
-  const double callerCpuStart = threadCpuSeconds();
-  while (done < total) {
-    const Clock::time_point readStart = Clock::now();
-    const uint32_t want = std::min(size, total - done);
-    batch.clear();
-    batch.reserve(want);
-    CopySamplesCb reader(batch, want);
-    source.enumerateSamples(done, &reader);
-    const auto n = static_cast<uint32_t>(batch.size());
-    if (n == 0) break;  // the source shrank under us
-
-    // Look every sample up in parallel.
-    if (n > capacity) {
-      decided.reset(new Decided[n]);
-      capacity = n;
-    }
-    for (uint32_t i = 0; i < n; ++i) decided[i].ready.store(false, std::memory_order_relaxed);
-    for (auto& pool : pools) pool.clear();
-    LookupTask task(map, batch, decided.get(), pools);
-    const Clock::time_point lookupStart = Clock::now();
-    threads.run(static_cast<int32_t>(workers), &task, nullptr, false);
-    const Clock::time_point commitStart = Clock::now();
-    stats.lookupSeconds += seconds(lookupStart, commitStart);
-    stats.lookupCpuSeconds += task.cpuSeconds;
-    stats.commitSeconds += seconds(readStart, lookupStart);
-
-    // Commit in source order.
-    stored.clear();
-    loweredSet.clear();
-    indexer.folded = false;
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < n; ++i) {
-      const IrradSample& sample = batch[i];
-      const Decided& d = decided[i];
-
-      bool same = d.ready.load(std::memory_order_acquire) && !indexer.folded;
-      std::span<const LookupCandidate> candidates;
-      if (same) {
-        candidates = std::span<const LookupCandidate>(pools[d.worker]).subspan(d.begin, d.count);
-        if (!loweredSet.empty()) {
-          for (const LookupCandidate& c : candidates) {
-            if (loweredSet.contains(c.sample)) {
-              same = false;
-              break;
-            }
-          }
-        }
-      }
-      if (same && stored.size()) {
-        stored.forEachContaining(sample.position, [&](IrradSample&) { same = false; });
-      }
-      if (same && !d.create) {
-        // Covered, as on one thread: nothing to store.
-        if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
-        continue;
-      }
-
-      ShadeContext context = makeInsertionContext(sample, caller);
-      InsertSampleCallback sampler(&sample);
-      ShadeData shade;
-      shade.sampler = &sampler;
-      SpacingDecision decision;
-      bool create;
-      if (same) {
-        decision = d.decision;
-        create = true;
-      } else {
-        ++stats.redone;
-        const bool guarded = map.multiThreaded() != 0;
-        if (guarded) map.multiReaderLock().readLock(caller.threadIndex);
-        scratch.clear();
-        collectCandidates(map.kdTree(), context, settings, scratch, &stored);
-        decision = decideSpacing(settings, lookupFootprint(context), scratch);
-        if (guarded) map.multiReaderLock().readUnlock(caller.threadIndex);
-        create = createsSample(decision, context, shade, kFlags);
-        candidates = scratch;
-      }
-
-      if (create) {
-        lowered.clear();
-        Color colour;
-        IrradSample* added =
-            createSample(map, caller.threadIndex, context, shade, decision, candidates, colour,
-                         &lowered, &indexer);
-        if (added) {
-          ++kept;
-          for (const IrradSample* s : lowered) loweredSet.add(s);
-        }
-      }
-      if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
-    }
-    stats.commitSeconds += seconds(commitStart, Clock::now());
-    // List the batch's samples in the map's grid, on the workers, before the next lookups.
-    {
-      const bool guarded = map.multiThreaded() != 0;
-      if (guarded) map.multiReaderLock().writeLock(caller.threadIndex);
-      indexer.listPending();
-      if (guarded) map.multiReaderLock().writeUnlock(caller.threadIndex);
-    }
-    done += n;
-    ++stats.batches;
-    stats.offered += n;
-    stats.kept += kept;
-    // About kTargetKeptPerThread kept samples per thread in the next batch.
-    const uint64_t next = uint64_t{n} * kTargetKeptPerThread * workers / std::max<uint32_t>(kept, 1);
-    size = static_cast<uint32_t>(std::clamp<uint64_t>(next, uint64_t{workers} * kMinPerThread,
-                                                      uint64_t{workers} * kMaxPerThread));
-  }
-  stats.commitCpuSeconds = threadCpuSeconds() - callerCpuStart;
-  return stats;
+  ParallelMerge merge(map, source, static_cast<uint32_t>(std::max(count, 0)), progress, threads,
+                      std::max(workers, 1u));
+  return merge.run();
 }
 
 }  // namespace LUtils

@@ -1,40 +1,51 @@
 // The incremental merge on several threads, with exactly the result of one.
 //
-// The source is offered in batches of consecutive samples. First every sample of a batch is looked
-// up on the workers against the map as it stood before the batch (read side of the map's lock
-// while the map is multi-threaded, each worker under its own thread index): each keeps its
-// candidates and the lookup's decision. Then the calling thread commits the batch in source order,
-// as the one-thread merge would have offered it. A sample keeps the decision of its parallel
-// lookup only when the map, seen from its point, is still what that lookup saw:
-//   - no candidate it collected had its radius lowered by an earlier sample of this batch (a
-//     lowered radius changes a weight or drops the candidate), and
-//   - no sample stored earlier in this batch reaches its point (it would be a candidate), and
-//   - the index was not folded into a new tree earlier in this batch (the candidates would come
-//     in another order, and the order decides ties and the last bits of the sums).
+// The source is offered in batches of consecutive samples. Every sample of a batch is looked up
+// on the workers (read side of the map's lock while the map is multi-threaded, each worker under
+// its own thread index): each keeps its candidates and the lookup's decision. Then the calling
+// thread commits the batch in source order, as the one-thread merge would have offered it. While
+// it commits one batch, the workers already look up the next one against the map as it stood
+// when that commit began: the static tree and the grid's cells do not change during a commit
+// (the commit only begins its samples in the index; see below), and radii only shrink, read and
+// lowered as relaxed atomics. A sample keeps the decision of its parallel lookup only when the
+// map, seen from its point, is still what that lookup saw:
+//   - no candidate it collected had its radius lowered by the commit its lookup overlapped, nor
+//     by an earlier sample of its own batch (a lowered radius changes a weight or drops the
+//     candidate; one that the lookup already saw lowered was dropped for good, since radii never
+//     grow), and
+//   - no sample stored by that commit, nor earlier in its own batch, reaches its point (it would
+//     be a candidate), and
+//   - the index was not folded into a new tree since its lookup began (the candidates would come
+//     in another order, and the order decides ties and the last bits of the sums): a fold during
+//     a commit stops the next batch's lookups, which are then made again once the commit is
+//     done.
 // Otherwise the sample is looked up again, there and then, against the map as it is. A kept
 // decision to store the sample goes through the lookup's own storing step with the collected
 // candidates, so the stored record, its place in the storage and index, and the radii lowered
-// are those of the one-thread merge: the map comes out the same, byte for byte.
+// are those of the one-thread merge: the map comes out the same, byte for byte. A multi-threaded
+// map (one that the viewer draws meanwhile) is looked up and committed in turns, never at once.
 //
 // The commit stores a kept sample and begins it in the index (counted, placed on its level),
 // but leaves its listing in the index's grid cells, the costly part, to the end of the batch:
-// then the workers list the batch's samples, each taking a fixed share of the grid's shards and
-// every sample in source order, so that each cell lists its samples in the order the one-thread
-// merge inserts them, whatever the number of threads. Until then a second index holds the
-// batch's stored samples alone; it answers the "reaches its point" check, and a lookup made
-// again at commit searches it after the map's grid on every level, which finds the samples in
-// the order the one-thread merge's grid would list them. When the index folds its grid into a
-// new tree (where the one-thread merge would: right after the insertion that fills it), the
-// samples begun so far are listed first.
+// then the workers and the calling thread list the batch's samples, each taking a fixed share of
+// the grid's shards and every sample in source order, so that each cell lists its samples in the
+// order the one-thread merge inserts them, whatever the number of threads; and they check the
+// next batch's lookups against what the commit stored and lowered. Until the listing a second
+// index holds the batch's stored samples alone; it answers the "reaches its point" check, and a
+// lookup made again at commit searches it after the map's grid on every level, which finds the
+// samples in the order the one-thread merge's grid would list them. When the index folds its grid
+// into a new tree (where the one-thread merge would: right after the insertion that fills it),
+// the samples begun so far are listed first.
 //
-// What stays on the calling thread is the storing of the kept samples and the checks above, so
-// the gain shrinks as the share of kept samples grows. A batch that keeps much of what it is
-// offered has more of its later samples reached by earlier ones, and each of those is looked up
-// twice; so the next batch is sized from how many samples the last one kept: about
-// kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread samples
-// per thread. (Frames of the synthesised room look up again 15 to 30 samples in batches of
-// 5,000 to 13,000.) The candidates of one batch take about 16 bytes each and its pending grid
-// entries 24 bytes per kept sample: a few MB per thread at most.
+// The workers are the calling thread and threadCount - 1 workers of the thread manager, taken for
+// the whole merge. What stays on the calling thread alone is the storing of the kept samples and
+// the checks above, so the gain shrinks as the share of kept samples grows. A batch that keeps
+// much of what it is offered has more of its later samples reached by earlier ones, and each of
+// those is looked up twice; so the batches are sized from how many samples the last one kept:
+// about kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread
+// samples per thread. (Frames of the synthesised room look up again 20 to 75 samples in batches
+// of 5,000 to 13,000.) The candidates of the two batches in hand take about 16 bytes each and the
+// pending grid entries 24 bytes per kept sample: a few MB per thread at most.
 #pragma once
 
 #include <cstdint>
@@ -52,12 +63,15 @@ struct ParallelAddStats {
   uint64_t offered = 0;
   uint64_t kept = 0;
   uint64_t redone = 0;  // samples looked up again at commit
-  double lookupSeconds = 0.0;  // wall time of the parallel lookups
+  uint64_t relookedBatches = 0;  // batches looked up again whole, after a fold during the commit before
+  double lookupSeconds = 0.0;  // wall time of the parallel lookups not overlapped by a commit
   double commitSeconds = 0.0;  // wall time of the commits, reading the source included
   double lookupCpuSeconds = 0.0;  // CPU time of the parallel lookups, every worker's summed
   double commitCpuSeconds = 0.0;  // CPU time of the calling thread outside the lookups
-  double listSeconds = 0.0;  // wall time of listing the kept samples in the grid
-  double listCpuSeconds = 0.0;  // CPU time of the listing, every worker's summed
+  // Wall time of listing the kept samples in the grid, and of checking the next batch's lookups
+  // against the commit that they overlapped.
+  double listSeconds = 0.0;
+  double listCpuSeconds = 0.0;  // CPU time of the listing and checks, every worker's summed
 };
 
 namespace parallel_incremental {

@@ -143,6 +143,8 @@ TEST_F(ParallelIncrementalMerge, SecondCameraIntoFirst) {
   foldMinimum_ = 256;
   const Merged folding = expectSameOnEveryThreadCount(frame(0, 300, 3), frame(1, 4000, 4), 64);
   EXPECT_GT(folding.added, 3 * foldMinimum_);
+  // Some folds came while the next batch was being looked up, which then was looked up again.
+  EXPECT_GT(merge(frame(0, 300, 3), frame(1, 4000, 4), 2, 64).stats.relookedBatches, 0u);
 }
 
 // Samples that no index can place are offered and stored exactly as on one thread, in either
@@ -196,6 +198,15 @@ TEST_F(ParallelIncrementalMerge, NeighbourLoweredEarlierInTheBatch) {
   const std::vector<IrradSample> destination = {at(0.0f, 1.0f, 10.0f)};
   const std::vector<IrradSample> source = {at(1.0f, 0.01f, 0.1f), at(-2.0f, 4.0f, 0.1f)};
   EXPECT_EQ(expectSameOnEveryThreadCount(destination, source).added, 2u);
+
+  // The same two samples as the last of one batch and the first of the next, whose lookup runs
+  // while the first batch is committed (on two threads the first two batches take 128 samples
+  // each), after samples far away that are all stored: the lookup nearly always reads the wide
+  // radius before the commit reaches the sample that lowers it.
+  std::vector<IrradSample> across;
+  for (int i = 0; i < 127; ++i) across.push_back(at(1000.0f + 10.0f * i, 0.01f, 0.1f));
+  across.insert(across.end(), source.begin(), source.end());
+  EXPECT_EQ(expectSameOnEveryThreadCount(destination, across).added, across.size());
 }
 
 // A manager that can start no worker thread runs every task on the calling thread alone, as

@@ -37,7 +37,7 @@ class PendingHits {
   // is done.
   void flush() {
     for (uint32_t i = 0; i < n_; ++i) {
-      if (hits_[i].d2 < hits_[i].sample->validRadius2) f_(*hits_[i].sample);
+      if (hits_[i].d2 < currentValidRadius2(*hits_[i].sample)) f_(*hits_[i].sample);
     }
     n_ = 0;
   }
