@@ -186,42 +186,37 @@ int readRecords(PStream& in, uint32_t count, uint32_t recordBytes, Take&& take) 
   return LUtils::kFileOk;
 }
 
-// Files of at least this many samples are read on several threads (a thread costs more than it
-// saves on fewer).
+// Files of at least this many samples are read straight into the storage, on several threads
+// where allowed (on fewer, a thread costs more than it saves, and the buffered reader is as fast).
 constexpr uint32_t kParallelLoadRecords = 65536;
 
 // Reads records [first, first + count) of a current file whose records start at byte `offset`
-// into samples [base + first, ...) of the storage (appended, unwritten), through a staging
-// buffer of its own, mapping the storage's pages as it goes. Returns how many records it read
-// in one run from `first`: fewer when the file ends or a read fails.
+// into samples [base + first, ...) of the storage (appended, unwritten): straight into the
+// storage's blocks, whose records lie as in the file, a piece at a time, mapping each piece's
+// pages first. Returns how many records it read in one run from `first`: fewer when the file
+// ends or a read fails.
 size_t readRecordRange(int fd, uint64_t offset, LUtils::BlockSequence<IrradSample>& samples,
                        size_t base, size_t first, size_t count) {
-  constexpr size_t kStaged = kIoBufferBytes / kSampleBytes;
-  const std::unique_ptr<uint8_t[]> stage(new (std::nothrow) uint8_t[kStaged * kSampleBytes]);
-  if (!stage) return 0;
+  static_assert(sizeof(IrradSample) == kSampleBytes);
+  constexpr size_t kPiece = kIoBufferBytes / kSampleBytes;
   const size_t perBlock = samples.elementsPerBlock();
   size_t done = 0;
   while (done < count) {
-    const size_t want = std::min(kStaged, count - done) * kSampleBytes;
+    const size_t index = base + first + done;
+    const size_t inBlock = index % perBlock;
+    const size_t records = std::min({kPiece, count - done, perBlock - inBlock});
+    auto* to = reinterpret_cast<uint8_t*>(samples.block(index / perBlock) + inBlock);
+    const size_t want = records * kSampleBytes;
+    LUtils::prefaultForWriting(to, want);
     const uint64_t at = offset + (first + done) * uint64_t{kSampleBytes};
     size_t got = 0;
     while (got < want) {
-      const ssize_t r = pread(fd, stage.get() + got, want - got, static_cast<off_t>(at + got));
+      const ssize_t r = pread(fd, to + got, want - got, static_cast<off_t>(at + got));
       if (r < 0 && errno == EINTR) continue;
       if (r <= 0) break;
       got += static_cast<size_t>(r);
     }
-    const size_t whole = got / kSampleBytes;
-    for (size_t copied = 0; copied < whole;) {
-      const size_t index = base + first + done + copied;
-      const size_t inBlock = index % perBlock;
-      const size_t run = std::min(whole - copied, perBlock - inBlock);
-      IrradSample* to = samples.block(index / perBlock) + inBlock;
-      LUtils::prefaultForWriting(to, run * sizeof(IrradSample));
-      std::memcpy(static_cast<void*>(to), stage.get() + copied * kSampleBytes, run * kSampleBytes);
-      copied += run;
-    }
-    done += whole;
+    done += got / kSampleBytes;
     if (got < want) break;
   }
   return done;
@@ -425,10 +420,11 @@ int DefIrradianceMap::loadFromStream(PStream& in, int buildIndex, float timeOffs
     readHeaderFields(in, version, headerSize, fileHeader_);
     if (in.seek(12 + uint64_t{headerSize}) != 0) return kFileReadError;
     const int threads = loadThreads_ > 0 ? loadThreads_ : defaultThreadCount();
-    // A large file of samples as they lie in memory is read on several threads at once, straight
-    // from the file (a zero offset leaves the records byte-identical).
+    // A large file of samples as they lie in memory is read straight from the file into the
+    // storage (a zero offset leaves the records byte-identical), on several threads at once
+    // where allowed.
     int onThreads = 1;  // 1: not read there
-    if (isCurrentWithSamples(version) && fd >= 0 && threads > 1 && count >= kParallelLoadRecords &&
+    if (isCurrentWithSamples(version) && fd >= 0 && count >= kParallelLoadRecords &&
         timeOffset == 0.0f && !lockedMode_) {
       onThreads = readRecordsOnThreads(fd, 12 + uint64_t{headerSize}, count, threads, samples_);
     }

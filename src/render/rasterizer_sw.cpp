@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "threads/prefault.h"
+
 namespace LUtils {
 
 using swr::FixedVertex;
@@ -93,9 +95,16 @@ void RasterizerSW::resize(int width, int height) {
   width_ = std::max(0, width);
   height_ = std::max(0, height);
   const size_t pixels = static_cast<size_t>(width_) * static_cast<size_t>(height_);
-  front_.assign(pixels, clearColour_);
-  back_.assign(pixels, clearColour_);
-  depth_.assign(pixels, swr::quantizeDepth(1.0f));
+  // The buffers' pages are mapped in one call each rather than one fault at a time as they are
+  // cleared: three buffers of a large window are a few thousand pages.
+  auto fresh = [pixels](auto& buffer, auto value) {
+    buffer.clear();
+    reserveMapped(buffer, pixels);
+    buffer.assign(pixels, value);
+  };
+  fresh(front_, clearColour_);
+  fresh(back_, clearColour_);
+  fresh(depth_, swr::quantizeDepth(1.0f));
   viewportWidth_ = width_;
   viewportHeight_ = height_;
   drawWholeFrame();

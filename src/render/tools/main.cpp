@@ -464,32 +464,35 @@ int main(int argc, char** argv) {
   options.setUseOpenGL(gl != nullptr);
   options.setMultiThreadedSoftware(!gl && o.threads != 1);
 
-  std::vector<uint32_t> pixels;
+  std::vector<uint32_t> pixels;  // read back from OpenGL
+  LUtils::RasterizerSW sw;        // or drawn by the software rasterizer
+  const uint32_t* drawnPixels = nullptr;
   int width = 0, height = 0;
+  LUtils::DefThreadManager threads;
+  // 0: the manager's own count (LUMORA_NUM_THREADS, else one per processor).
+  threads.setThreadCount(o.threads);
   if (gl) {
     gl->setCamera(&camera);
     gl->setFarDistance(farDistance);
     LUtils::drawFrame(*gl, {drawn, &options, &edits, &view, nullptr, nullptr});
     if (!gl->readPixels(pixels, width, height)) return failure("cannot read the OpenGL picture back");
+    drawnPixels = pixels.data();
   } else {
-    LUtils::DefThreadManager threads;
-    // 0: the manager's own count (LUMORA_NUM_THREADS, else one per processor).
-    threads.setThreadCount(o.threads);
     const int count = o.threads == 1 ? 1 : static_cast<int>(threads.threadCount());
     renderer = "the software rasterizer, " + std::to_string(count) +
                (count == 1 ? " thread" : " threads") + renderer;
-    LUtils::RasterizerSW sw;
     sw.resize(o.width, o.height);
     sw.setCamera(&camera);
     sw.setFarDistance(farDistance);
     LUtils::drawFrame(sw, {drawn, &options, &edits, &view, nullptr, &threads});
     width = sw.width();
     height = sw.height();
-    pixels.assign(sw.picture(), sw.picture() + static_cast<size_t>(width) * height);
+    drawnPixels = sw.picture();
   }
 
   errno = 0;
-  if (!LUtils::writePng(picture.writePath(), pixels.data(), width, height, &error)) {
+  if (!LUtils::writePng(picture.writePath(), drawnPixels, width, height, &error, &threads,
+                        o.threads)) {
     const int reason = errno;
     picture.abandon();
     return writeFailure(o.output, reason);
