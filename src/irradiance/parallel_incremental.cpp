@@ -367,7 +367,7 @@ class MergeCrew {
     if (--running_ == 0) gone_.notify_all();  // under the lock: the crew may go at once after
   }
 
-  static constexpr int kSpins = 4000;  // pauses: some tens of microseconds
+  static constexpr int kSpins = 500;  // pauses: a few to some tens of microseconds
   std::vector<std::unique_ptr<Helper>> helpers_;
   MultiThreaded* task_ = nullptr;  // written before generation_ moves on, read after
   std::atomic<uint64_t> generation_{0};
