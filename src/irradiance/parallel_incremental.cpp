@@ -37,10 +37,9 @@ double threadCpuSeconds() {
   return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
 }
 
-// A task of the merge's workers that sums their CPU time.
+// A job of the merge's crew that sums its threads' CPU time.
 class MergeTask : public MultiThreaded {
  public:
-  const char* threadName() override { return "merge_thread"; }
   double cpuSeconds = 0.0;  // summed over the workers
 
  protected:
@@ -412,10 +411,10 @@ class ListTask : public MergeTask {
 // where the one-thread merge would.
 class DeferredIndexer : public SampleIndexer {
  public:
-  DeferredIndexer(DefIrradianceMap& map, MergeCrew& crew, ParallelAddStats& stats)
-      : map_(map), crew_(crew), stats_(stats) {}
+  DeferredIndexer(DefIrradianceMap& map, SampleKdTree& stored, MergeCrew& crew,
+                  ParallelAddStats& stats)
+      : map_(map), stored_(stored), crew_(crew), stats_(stats) {}
 
-  void setStored(SampleKdTree* stored) { stored_ = stored; }
   template <class F>
   void setBeforeFold(F&& f) {
     beforeFold_ = std::forward<F>(f);
@@ -426,12 +425,12 @@ class DeferredIndexer : public SampleIndexer {
     InsertionGrid::Sphere entry;
     if (!tree.beginInsert(sample, entry)) return;
     pending_.push_back(entry);
-    stored_->insert(sample);
+    stored_.insert(sample);
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();
       tree.fold();
-      stored_->clear();
+      stored_.clear();
       folded = true;
     }
   }
@@ -466,9 +465,9 @@ class DeferredIndexer : public SampleIndexer {
 
  private:
   DefIrradianceMap& map_;
+  SampleKdTree& stored_;
   MergeCrew& crew_;
   ParallelAddStats& stats_;
-  SampleKdTree* stored_ = nullptr;
   std::function<void()> beforeFold_;
   std::vector<InsertionGrid::Sphere> pending_;
 };
@@ -493,7 +492,7 @@ class ParallelMerge {
                 ProgressCallback* progress, ThreadManager& threads, uint32_t workers)
       : map_(map), source_(source), total_(total), progress_(progress),
         settings_(LookupSettings::fromHeader(*map.header())), crew_(threads, workers - 1),
-        indexer_(map, crew_, stats_),
+        indexer_(map, stored_, crew_, stats_),
         // The lookups of the next batch overlap the commit only where nothing else reads the
         // map meanwhile: a multi-threaded map is looked up and written in turns.
         overlap_(map.multiThreaded() == 0 && crew_.size() > 1) {
@@ -522,18 +521,16 @@ class ParallelMerge {
   ProgressCallback* progress_;
   const LookupSettings settings_;
   ParallelAddStats stats_;
+  // The samples stored and the radii lowered by the batch being committed. The stored ones are
+  // indexed alone: never folded.
+  SampleKdTree stored_{std::numeric_limits<size_t>::max()};
+  LoweredSet lowered_;
   MergeCrew crew_;
   DeferredIndexer indexer_;
   const bool overlap_;
   uint32_t size_ = 0;  // samples per batch
   Batch batches_[2];
   Batch* next_ = nullptr;  // the batch looked up while the current one is committed
-  // The samples stored and the radii lowered by the batch being committed. The stored ones are
-  // indexed alone: never folded.
-  SampleKdTree storedTree_{std::numeric_limits<size_t>::max()};
-  SampleKdTree* stored_ = &storedTree_;
-  LoweredSet loweredSet_;
-  LoweredSet* lowered_ = &loweredSet_;
   std::vector<LookupCandidate> scratch_;
   std::vector<IrradSample*> loweredNow_;
   ThreadData caller_;  // the commits run as thread 0, as the one-thread merge does
@@ -578,9 +575,8 @@ void ParallelMerge::finishLookups(Batch& b) {
 // Commits a batch in source order; returns how many of its samples were stored.
 uint32_t ParallelMerge::commit(Batch& b) {
   const auto start = std::chrono::steady_clock::now();
-  stored_->clear();
-  lowered_->clear();
-  indexer_.setStored(stored_);
+  stored_.clear();
+  lowered_.clear();
   indexer_.folded = false;
   uint32_t kept = 0;
   const auto n = static_cast<uint32_t>(b.samples.size());
@@ -593,17 +589,17 @@ uint32_t ParallelMerge::commit(Batch& b) {
     if (same) {
       candidates = std::span<const LookupCandidate>(b.pools[d.worker]).subspan(d.begin, d.count);
       if (b.overlapped && d.changedBefore) same = false;
-      if (same && !lowered_->empty()) {
+      if (same && !lowered_.empty()) {
         for (const LookupCandidate& c : candidates) {
-          if (lowered_->contains(c.sample)) {
+          if (lowered_.contains(c.sample)) {
             same = false;
             break;
           }
         }
       }
     }
-    if (same && stored_->size()) {
-      stored_->forEachContaining(sample.position, [&](IrradSample&) { same = false; });
+    if (same && stored_.size()) {
+      stored_.forEachContaining(sample.position, [&](IrradSample&) { same = false; });
     }
     if (same && !d.create) {
       // Covered, as on one thread: nothing to store.
@@ -625,7 +621,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
       const bool guarded = map_.multiThreaded() != 0;
       if (guarded) map_.multiReaderLock().readLock(caller_.threadIndex);
       scratch_.clear();
-      collectCandidates(map_.kdTree(), context, settings_, scratch_, stored_);
+      collectCandidates(map_.kdTree(), context, settings_, scratch_, &stored_);
       decision = decideSpacing(settings_, lookupFootprint(context), scratch_);
       if (guarded) map_.multiReaderLock().readUnlock(caller_.threadIndex);
       create = createsSample(decision, context, shade, kFlags);
@@ -639,7 +635,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
                                         candidates, colour, &loweredNow_, &indexer_);
       if (added) {
         ++kept;
-        for (const IrradSample* s : loweredNow_) lowered_->add(s);
+        for (const IrradSample* s : loweredNow_) lowered_.add(s);
       }
     }
     if (progress_) progress_->setProgress(static_cast<int32_t>(b.first + i + 1));
@@ -678,7 +674,7 @@ ParallelAddStats ParallelMerge::run() {
         std::unique_ptr<CheckTask> check;
         if (haveNext && next->overlapped && !next->stale) {
           check = std::make_unique<CheckTask>(next->samples, next->decided.get(), next->pools,
-                                              *stored_, *lowered_);
+                                              stored_, lowered_);
         }
         indexer_.listPending(check.get());
         if (check) stats_.listCpuSeconds += check->cpuSeconds;
