@@ -306,9 +306,8 @@ class MergeCrew {
     task.run(&task.result, &progress, 0, static_cast<int32_t>(size()));
     callerCpu += threadCpuSeconds() - cpuStart;
     if (helpers_.empty()) return;
-    for (;;) {
-      const uint32_t busy = awaitChange(busy_, ~0u);
-      if (busy == 0) break;
+    for (uint32_t busy = spinWhile(busy_, [](uint32_t b) { return b != 0; }); busy != 0;
+         busy = busy_.load(std::memory_order_acquire)) {
       busy_.wait(busy, std::memory_order_acquire);
     }
   }
@@ -329,13 +328,13 @@ class MergeCrew {
     uint32_t index_;
   };
 
-  // Spins a while for `word` to differ from `from` (~0u for busy_: until it is 0); returns the
-  // value last read.
-  template <class T>
-  static T awaitChange(const std::atomic<T>& word, T from) {
+  // Spins a while as long as `waiting` holds for the value of `word`; returns the value last
+  // read, for which the caller sleeps when it still holds.
+  template <class T, class Waiting>
+  static T spinWhile(const std::atomic<T>& word, Waiting waiting) {
     T now = word.load(std::memory_order_acquire);
     for (int spin = 0; spin < kSpins; ++spin) {
-      if (from == static_cast<T>(~T{0}) ? now == 0 : now != from) break;
+      if (!waiting(now)) break;
 #if defined(__SSE2__)
       _mm_pause();
 #endif
@@ -349,7 +348,7 @@ class MergeCrew {
   void serve(uint32_t index) {
     uint64_t seen = 0;
     for (;;) {
-      uint64_t now = awaitChange(generation_, seen);
+      uint64_t now = spinWhile(generation_, [seen](uint64_t g) { return g == seen; });
       while (now == seen) {
         generation_.wait(seen, std::memory_order_acquire);
         now = generation_.load(std::memory_order_acquire);
