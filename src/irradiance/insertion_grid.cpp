@@ -15,8 +15,15 @@ void InsertionGrid::clear() {
 }
 
 void InsertionGrid::Shard::clear() {
-  slots_.clear();
-  shift_ = 64;
+  // A small table is kept, emptied, for the next use: a grid that holds one batch at a time is
+  // cleared for every batch, and would otherwise allocate and fault in its tables again each time.
+  if (slots_.size() <= kKeptSlots) {
+    if (used_) std::fill(slots_.begin(), slots_.end(), Slot{kEmpty, 0, 0});
+  } else {
+    slots_.clear();
+    slots_.shrink_to_fit();
+    shift_ = 64;
+  }
   used_ = 0;
   fields_.clear();
   samplesOf_.clear();
@@ -156,9 +163,12 @@ bool InsertionGrid::boxOf(const Sphere& s, double lo[3], double hi[3], int& k) {
     hi[a] = c[a] + margin;
     side = std::max(side, hi[a] - lo[a]);
   }
-  std::frexp(side, &k);  // side <= 2^k, finite for every placeable sample
+  // side < 2^k for the smallest such k, read from the exponent bits: side is a normal double
+  // for every placeable sample (at least twice the smallest positive float), and finite.
+  k = static_cast<int>(std::bit_cast<uint64_t>(side) >> 52 & 0x7FF) - 1022;
+  k += k & 1;
   if (k > kMaxLevel) return false;  // unreachable: kept so that a key can never overflow
-  k = std::max(k + (k & 1), kMinLevel);
+  k = std::max(k, kMinLevel);
   return true;
 }
 
@@ -172,7 +182,12 @@ bool InsertionGrid::begin(const Sphere& s) {
   if (!boxOf(s, lo, hi, k)) return false;
   samples_.push_back(s.sample);
   const int i = (k - kMinLevel) / 2;
-  levelBits_[i / 64].fetch_or(uint64_t{1} << (i % 64), std::memory_order_relaxed);
+  // Most samples land on a level already in use: only a new one writes the word, which the
+  // workers of a parallel merge read in every query.
+  const uint64_t bit = uint64_t{1} << (i % 64);
+  if (!(levelBits_[i / 64].load(std::memory_order_relaxed) & bit)) {
+    levelBits_[i / 64].fetch_or(bit, std::memory_order_relaxed);
+  }
   return true;
 }
 
@@ -181,7 +196,7 @@ void InsertionGrid::forEachCell(const Sphere& s, F&& f) {
   double lo[3], hi[3];
   int k = 0;
   boxOf(s, lo, hi, k);
-  const double scale = std::ldexp(1.0, -k);
+  const double scale = kLevelScale[(k - kMinLevel) / 2];
   int64_t from[3], to[3];
   for (int a = 0; a < 3; ++a) {
     from[a] = cellOf(lo[a], scale);
@@ -228,6 +243,31 @@ void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
     }
     for (size_t c = 0; c < n; ++c) shards_[shardOf(cells[c].key)].add(cells[c].key, *cells[c].sphere);
   }
+}
+
+void InsertionGrid::CellFilter::clear() {
+  for (uint32_t w : used_) bits_[w] = 0;
+  used_.clear();
+  levels_ = {{0, 0}};
+  everywhere_ = false;
+}
+
+void InsertionGrid::CellFilter::add(const Sphere& s) {
+  double lo[3], hi[3];
+  int k = 0;
+  if (!std::isfinite(s.x) || !std::isfinite(s.y) || !std::isfinite(s.z) ||
+      !(s.r > 0.0f && std::isfinite(s.r)) || !boxOf(s, lo, hi, k)) {
+    everywhere_ = true;
+    return;
+  }
+  const int i = (k - kMinLevel) / 2;
+  levels_.word[i / 64] |= uint64_t{1} << (i % 64);
+  forEachCell(s, [&](uint64_t key) {
+    const uint64_t bit = bitOf(key);
+    uint64_t& word = bits_[bit / 64];
+    if (!word) used_.push_back(static_cast<uint32_t>(bit / 64));
+    word |= uint64_t{1} << (bit % 64);
+  });
 }
 
 }  // namespace LUtils

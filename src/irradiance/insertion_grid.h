@@ -111,6 +111,13 @@ class InsertionGrid {
   // and not yet listed: on each level this grid's cell, then later's.
   template <class F>
   void gatherWith(const InsertionGrid& later, const Vector& p, PendingHits<F>& hits) const;
+  // The cells that a set of spheres would take in a grid, without their entries: answers
+  // whether a sphere of the set may contain a point, never "no" wrongly, in a few hash probes
+  // of a bit table small enough to stay in the second-level cache. Each cell is a bit of the
+  // table, found by hashing its key: cells that share a bit and the box around each sphere make
+  // the rare wrong "yes". A sphere the grid could not place makes every answer "yes".
+  class CellFilter;
+
   // Asks for the lines where gather(p) starts: a hint, which samples inserted meanwhile do not
   // make wrong.
   void prefetch(const Vector& p) const {
@@ -257,6 +264,7 @@ class InsertionGrid {
     void append(Slot& slot, const Sphere& s);
     void grow();
 
+    static constexpr size_t kKeptSlots = size_t{1} << 14;  // 256 KB: kept by clear()
     std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
     int shift_ = 64;            // 64 - log2(slots_.size())
     size_t used_ = 0;           // slots holding a cell
@@ -287,9 +295,36 @@ class InsertionGrid {
 
   Shard shards_[kShards];
   // The levels in use. begin() adds to them while the workers of a parallel merge may be
-  // querying the grid (the cells they find do not change until the next list()), hence atomic.
-  std::atomic<uint64_t> levelBits_[2] = {0, 0};
-  std::vector<IrradSample*> samples_;
+  // querying the grid (the cells they find do not change until the next list()), hence atomic;
+  // on a cache line of their own, apart from samples_, which begin() writes every time.
+  alignas(64) std::atomic<uint64_t> levelBits_[2] = {0, 0};
+  alignas(64) std::vector<IrradSample*> samples_;
+};
+
+class InsertionGrid::CellFilter {
+ public:
+  CellFilter() : bits_(kWords, 0) {}
+  void clear();
+  void add(const Sphere& sphere);
+  bool mayContain(const Vector& p) const {
+    if (everywhere_) return true;
+    bool hit = false;
+    forEachLevel(levels_, [&](int k, double scale) {
+      const uint64_t bit = bitOf(keyAt(k, scale, p));
+      hit = hit || (bits_[bit / 64] >> (bit % 64) & 1);
+    });
+    return hit;
+  }
+  bool empty() const { return used_.empty() && !everywhere_; }
+
+ private:
+  static constexpr int kBits = 20;  // 128 KB
+  static constexpr size_t kWords = (size_t{1} << kBits) / 64;
+  static uint64_t bitOf(uint64_t key) { return (key * 0x9E3779B97F4A7C15ull) >> (64 - kBits); }
+  std::vector<uint64_t> bits_;
+  std::vector<uint32_t> used_;  // the words with bits set
+  LevelBits levels_{{0, 0}};
+  bool everywhere_ = false;
 };
 
 template <class F>
