@@ -1,13 +1,16 @@
 // The incremental merge on one thread and on two, in the same run: a 1M-sample frame of the
 // synthesised room offered to a prepared 1M-sample frame (same camera; second camera), and 3M
 // samples offered to an empty map; also the octree reference cache (bench/reference) offered the
-// same samples. The table after the runs gives, per case, one thread's wall time over two
-// threads' (target: 1.7 or more on two cores), the reference's time over two threads', the
-// samples kept, the batches and the samples looked up again per batch, the CPU time of the
-// lookups, of listing the kept samples in the grid and checking the next batch (both shared by
-// the calling thread and the workers) and of the commits (the calling thread alone, while the
-// workers look up the next batch), the bound on one / two those give on two idle cores, the
-// wall time of each step, and whether the two maps are the same byte for byte.
+// same samples. This machine's speed drifts by tens of percent within a minute, so each case runs
+// in rounds of one thread, two threads and the reference, the first two in alternating order, and
+// the ratios are taken within each round: the table gives their medians over the rounds (and
+// their range). Per case it gives one thread's wall time over two threads' (target: 1.7 or more on
+// two cores), the reference's time over two threads', the samples kept, the batches and the
+// samples looked up again per batch, and, for the median round: the CPU time of the lookups, of
+// listing the kept samples in the grid and checking the next batch (both shared by the calling
+// thread and the workers) and of the commits (the calling thread alone, while the workers look up
+// the next batch), the bound on one / two those give on two idle cores, the wall time of each
+// step, and whether the two maps are the same byte for byte.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -34,83 +37,89 @@ using benchmaps::mapOf;
 
 LUtils::DefThreadManager gThreads;
 
+struct Round {
+  benchmaps::Times one, two;
+  double reference = 0.0;  // wall
+  LUtils::ParallelAddStats stats;
+  double ratio() const { return one.wall / two.wall; }
+};
+
 struct Case {
-  Case(const char* n, int b, int s) : name(n), base(b), source(s) {}
+  Case(const char* n, int b, int s, int r) : name(n), base(b), source(s), rounds(r) {}
   const char* name;
   int base, source;  // frames; base < 0: an empty map
-  benchmaps::Times time[3];  // one thread, two threads, the reference
-  size_t kept[3] = {0, 0, 0};
-  LUtils::ParallelAddStats stats;
-  std::vector<IrradSample> result[2];  // the merged samples of one and two threads
+  int rounds;
+  std::vector<Round> done;
+  size_t kept[3] = {0, 0, 0};  // one thread, two threads, the reference
+  bool same = true;            // the maps of one and two threads, every round
 };
-Case gCases[3] = {{"1M into 1M, same camera", 0, 1},
-                  {"1M into 1M, second camera", 0, 2},
-                  {"3M into an empty map", -1, 3}};
+Case gCases[3] = {{"1M into 1M, same camera", 0, 1, 5},
+                  {"1M into 1M, second camera", 0, 2, 5},
+                  {"3M into an empty map", -1, 3, 3}};
 
-void merge(benchmark::State& state, Case& c, int threads) {
-  const auto source = mapOf(frame(c.source));
-  benchmaps::Times total;
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto target = mapOf(c.base >= 0 ? frame(c.base) : std::vector<IrradSample>{});
-    target->prepare(0);
-    target->setMergeThreads(&gThreads, threads);
-    const size_t before = target->samples().size();
-    state.ResumeTiming();
-    const benchmaps::Stopwatch watch;
-    target->addSamples(*source, nullptr, 1);
-    total += watch.elapsed();
-    state.PauseTiming();
-    c.kept[threads - 1] = target->samples().size() - before;
-    if (threads > 1) c.stats = target->lastParallelAdd();
-    std::vector<IrradSample>& out = c.result[threads - 1];
-    out.resize(target->samples().size());
-    for (size_t i = 0; i < out.size(); ++i) out[i] = target->samples()[i];
-    target.reset();
-    state.ResumeTiming();
-  }
-  c.time[threads - 1] = total.per(state.iterations());
-  state.counters["kept"] = static_cast<double>(c.kept[threads - 1]);
+// One merge of the case's source into its base on `threads` threads; its samples go to `out`.
+benchmaps::Times mergeOnce(Case& c, const DefIrradianceMap& source, int threads,
+                           std::vector<IrradSample>& out, LUtils::ParallelAddStats& stats) {
+  auto target = mapOf(c.base >= 0 ? frame(c.base) : std::vector<IrradSample>{});
+  target->prepare(0);
+  target->setMergeThreads(&gThreads, threads);
+  const size_t before = target->samples().size();
+  const benchmaps::Stopwatch watch;
+  target->addSamples(const_cast<DefIrradianceMap&>(source), nullptr, 1);
+  const benchmaps::Times t = watch.elapsed();
+  c.kept[threads - 1] = target->samples().size() - before;
+  if (threads > 1) stats = target->lastParallelAdd();
+  out.resize(target->samples().size());
+  for (size_t i = 0; i < out.size(); ++i) out[i] = target->samples()[i];
+  return t;
 }
 
-void reference(benchmark::State& state, Case& c) {
+double referenceOnce(Case& c) {
   const std::vector<IrradSample>& offered = frame(c.source);
-  benchmaps::Times total;
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto cache = benchmaps::referenceHolding(c.base, offered.size());
-    state.ResumeTiming();
-    const benchmaps::Stopwatch watch;
-    size_t n = 0;
-    for (const IrradSample& s : offered) n += cache->offer(s);
-    total += watch.elapsed();
-    c.kept[2] = n;
-    state.PauseTiming();
-    cache.reset();
-    state.ResumeTiming();
-  }
-  c.time[2] = total.per(state.iterations());
+  auto cache = benchmaps::referenceHolding(c.base, offered.size());
+  const benchmaps::Stopwatch watch;
+  size_t n = 0;
+  for (const IrradSample& s : offered) n += cache->offer(s);
+  const double wall = watch.elapsed().wall;
+  c.kept[2] = n;
+  return wall;
 }
 
-void BM_SameCamera1(benchmark::State& s) { merge(s, gCases[0], 1); }
-void BM_SameCamera2(benchmark::State& s) { merge(s, gCases[0], 2); }
-void BM_SameCameraReference(benchmark::State& s) { reference(s, gCases[0]); }
-void BM_SecondCamera1(benchmark::State& s) { merge(s, gCases[1], 1); }
-void BM_SecondCamera2(benchmark::State& s) { merge(s, gCases[1], 2); }
-void BM_SecondCameraReference(benchmark::State& s) { reference(s, gCases[1]); }
-void BM_Empty3M1(benchmark::State& s) { merge(s, gCases[2], 1); }
-void BM_Empty3M2(benchmark::State& s) { merge(s, gCases[2], 2); }
-void BM_Empty3MReference(benchmark::State& s) { reference(s, gCases[2]); }
+void runCase(benchmark::State& state, Case& c) {
+  const auto source = mapOf(frame(c.source));
+  std::vector<IrradSample> result[2];
+  for (auto _ : state) {
+    c.done.clear();
+    for (int r = 0; r < c.rounds; ++r) {
+      Round round;
+      for (int k = 0; k < 2; ++k) {
+        const int threads = (r + k) % 2 ? 2 : 1;  // 1, 2 in even rounds; 2, 1 in odd ones
+        (threads == 1 ? round.one : round.two) =
+            mergeOnce(c, *source, threads, result[threads - 1], round.stats);
+      }
+      round.reference = referenceOnce(c);
+      c.same = c.same && result[0].size() == result[1].size() &&
+               std::memcmp(result[0].data(), result[1].data(),
+                           result[0].size() * sizeof(IrradSample)) == 0;
+      c.done.push_back(round);
+    }
+  }
+  state.counters["kept"] = static_cast<double>(c.kept[1]);
+}
 
-BENCHMARK(BM_SameCamera1)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
-BENCHMARK(BM_SameCamera2)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
-BENCHMARK(BM_SameCameraReference)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
-BENCHMARK(BM_SecondCamera1)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
-BENCHMARK(BM_SecondCamera2)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
-BENCHMARK(BM_SecondCameraReference)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
-BENCHMARK(BM_Empty3M1)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_Empty3M2)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_Empty3MReference)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+void BM_SameCamera(benchmark::State& s) { runCase(s, gCases[0]); }
+void BM_SecondCamera(benchmark::State& s) { runCase(s, gCases[1]); }
+void BM_Empty3M(benchmark::State& s) { runCase(s, gCases[2]); }
+
+BENCHMARK(BM_SameCamera)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_SecondCamera)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Empty3M)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  const size_t n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
 
 }  // namespace
 
@@ -118,29 +127,39 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
-  std::printf("\nIncremental add on two threads (wall time; target: one / two >= 1.7 on two "
-              "cores):\n");
+  std::printf("\nIncremental add on two threads (wall time; medians of the rounds' ratios; "
+              "target: one / two >= 1.7 on two cores):\n");
   for (const Case& c : gCases) {
-    if (c.time[0].wall <= 0.0 || c.time[1].wall <= 0.0) continue;
-    const bool same = c.result[0].size() == c.result[1].size() &&
-                      std::memcmp(c.result[0].data(), c.result[1].data(),
-                                  c.result[0].size() * sizeof(IrradSample)) == 0;
-    const double batches = static_cast<double>(c.stats.batches ? c.stats.batches : 1);
-    std::printf("%-26s one / two %5.2f, reference / two %5.2f; kept %zu; %llu batches of %.0f, "
-                "%.1f looked up again per batch; CPU: lookups %.3f s, listing %.3f s, commits %.3f s, "
-                "one thread %.3f s (one / two on two idle cores at most %.2f); wall: commits %.3f s, "
-                "lookups after them %.3f s, listing %.3f s; maps %s\n",
-                c.name, c.time[0].wall / c.time[1].wall,
-                c.time[2].wall > 0.0 ? c.time[2].wall / c.time[1].wall : 0.0, c.kept[1],
-                static_cast<unsigned long long>(c.stats.batches),
-                static_cast<double>(c.stats.offered) / batches,
-                static_cast<double>(c.stats.redone) / batches, c.stats.lookupCpuSeconds,
-                c.stats.listCpuSeconds, c.stats.commitCpuSeconds, c.time[0].cpu,
-                c.time[0].cpu / std::max(c.stats.commitCpuSeconds,
-                                         (c.stats.commitCpuSeconds + c.stats.lookupCpuSeconds +
-                                          c.stats.listCpuSeconds) / 2),
-                c.stats.commitSeconds, c.stats.lookupSeconds, c.stats.listSeconds,
-                same ? "identical" : "DIFFERENT");
+    if (c.done.empty()) continue;
+    std::vector<double> ratios, references;
+    for (const Round& r : c.done) {
+      ratios.push_back(r.ratio());
+      references.push_back(r.reference / r.two.wall);
+    }
+    // The round of the median ratio (the upper one of an even count) gives the breakdown.
+    std::vector<const Round*> order;
+    for (const Round& r : c.done) order.push_back(&r);
+    std::sort(order.begin(), order.end(),
+              [](const Round* a, const Round* b) { return a->ratio() < b->ratio(); });
+    const Round& m = *order[order.size() / 2];
+    const LUtils::ParallelAddStats& st = m.stats;
+    const double batches = static_cast<double>(st.batches ? st.batches : 1);
+    std::printf("%-26s one / two %5.2f (%.2f-%.2f over %zu rounds), reference / two %5.2f; "
+                "kept %zu; %llu batches of %.0f, %.1f looked up again per batch; median round: "
+                "CPU: lookups %.3f s, listing %.3f s, commits %.3f s, one thread %.3f s (one / two "
+                "on two idle cores at most %.2f); wall: commits %.3f s, lookups after them "
+                "%.3f s, listing %.3f s; maps %s\n",
+                c.name, median(ratios), order.front()->ratio(), order.back()->ratio(),
+                c.done.size(), median(references), c.kept[1],
+                static_cast<unsigned long long>(st.batches),
+                static_cast<double>(st.offered) / batches,
+                static_cast<double>(st.redone) / batches, st.lookupCpuSeconds, st.listCpuSeconds,
+                st.commitCpuSeconds, m.one.cpu,
+                m.one.cpu / std::max(st.commitCpuSeconds,
+                                     (st.commitCpuSeconds + st.lookupCpuSeconds +
+                                      st.listCpuSeconds) / 2),
+                st.commitSeconds, st.lookupSeconds, st.listSeconds,
+                c.same && c.kept[0] == c.kept[1] ? "identical" : "DIFFERENT");
   }
   benchmark::Shutdown();
   return 0;

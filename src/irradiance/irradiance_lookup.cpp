@@ -208,7 +208,7 @@ bool createsSample(const SpacingDecision& decision, const ShadeContext& context,
 IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeContext& context,
                           ShadeData& shade, const SpacingDecision& decision,
                           std::span<const LookupCandidate> candidates, Color& result,
-                          std::vector<IrradSample*>* lowered, SampleIndexer* indexer) {
+                          std::vector<LoweredRadius>* lowered, SampleIndexer* indexer) {
   IrradSample record{};
   record.position = context.position;
   record.normal = context.normal;
@@ -234,9 +234,10 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
     const float newRadius = std::sqrt(std::max(stored->validRadius2, 0.0f));
     for (const LookupCandidate& c : candidates) {
       const float limit = length(c.sample->position - stored->position) + newRadius;
-      if (currentValidRadius2(*c.sample) > limit * limit) {
+      const float before2 = currentValidRadius2(*c.sample);
+      if (before2 > limit * limit) {
         lowerValidRadius2(*c.sample, limit * limit);
-        if (lowered) lowered->push_back(c.sample);
+        if (lowered) lowered->push_back({c.sample, before2});
       }
     }
   }

@@ -153,12 +153,16 @@ class SampleIndexer {
 // The lookup's second half where it creates a sample: fills the record, has the sampler compute
 // it (writing its colour into `result`), then, under the write side of the lock while the map is
 // multi-threaded, stores it, indexes it (through `indexer` when given) and lowers the radii of
-// the candidates that reach past it; those are appended to `lowered` when given. Returns the
-// stored sample, or null when the storage could not grow.
+// the candidates that reach past it; those are appended to `lowered` when given, each with its
+// squared radius before. Returns the stored sample, or null when the storage could not grow.
+struct LoweredRadius {
+  IrradSample* sample;
+  float before2;
+};
 IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeContext& context,
                           ShadeData& shade, const SpacingDecision& decision,
                           std::span<const LookupCandidate> candidates, Color& result,
-                          std::vector<IrradSample*>* lowered = nullptr,
+                          std::vector<LoweredRadius>* lowered = nullptr,
                           SampleIndexer* indexer = nullptr);
 
 // The per-sample step of the incremental merge: offers one source sample to the map's own lookup

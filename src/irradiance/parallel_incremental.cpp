@@ -18,6 +18,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "io/prefetch.h"
 #include "irradiance/def_irradiance_map.h"
 #include "irradiance/irradiance_lookup.h"
 #include "irradiance/sample_kdtree.h"
@@ -194,15 +195,43 @@ class LoweredSet {
   std::vector<uint64_t> filter_;
 };
 
+// What a commit changed: the samples it stored, indexed alone (never folded), the samples whose
+// radii it lowered, and the cells that both take, as spheres of their radii before, which
+// answer most questions alone: a point outside them all was reached by none of these samples
+// before or after, and had none of them as a candidate.
+struct CommitChanges {
+  SampleKdTree stored{std::numeric_limits<size_t>::max()};
+  LoweredSet lowered;
+  InsertionGrid::CellFilter cells;
+
+  void clear() {
+    stored.clear();
+    lowered.clear();
+    cells.clear();
+  }
+  bool empty() const { return cells.empty(); }
+  // Whether a lookup that collected these candidates at point p saw the map as it is now.
+  bool changedFor(const Vector& p, std::span<const LookupCandidate> candidates) const {
+    if (!cells.mayContain(p)) return false;
+    if (!lowered.empty()) {
+      for (const LookupCandidate& c : candidates) {
+        if (lowered.contains(c.sample)) return true;
+      }
+    }
+    bool reached = false;
+    if (stored.size()) stored.forEachContaining(p, [&](IrradSample&) { reached = true; });
+    return reached;
+  }
+};
+
 // Marks the samples of a batch whose lookups ran while the batch before was committed and that
-// this commit changed: a sample it stored reaches the point (it is in `stored`, an index of that
-// commit's samples alone), or a candidate had its radius lowered (it is in `lowered`).
+// this commit changed: a sample it stored reaches the point, or a candidate had its radius
+// lowered.
 class CheckTask : public MergeTask {
  public:
   CheckTask(const std::vector<IrradSample>& batch, Decided* decided,
-            const std::vector<std::vector<LookupCandidate>>& pools, const SampleKdTree& stored,
-            const LoweredSet& lowered)
-      : batch_(batch), decided_(decided), pools_(pools), stored_(stored), lowered_(lowered) {}
+            const std::vector<std::vector<LookupCandidate>>& pools, const CommitChanges& changes)
+      : batch_(batch), decided_(decided), pools_(pools), changes_(changes) {}
 
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
     const double cpuStart = threadCpuSeconds();
@@ -214,16 +243,9 @@ class CheckTask : public MergeTask {
         Decided& d = decided_[i];
         d.changedBefore = false;
         if (!d.ready.load(std::memory_order_acquire)) continue;
-        if (!lowered_.empty()) {
-          const LookupCandidate* c = pools_[d.worker].data() + d.begin;
-          for (const LookupCandidate* end = c + d.count; c != end && !d.changedBefore; ++c) {
-            d.changedBefore = lowered_.contains(c->sample);
-          }
-        }
-        if (!d.changedBefore && stored_.size()) {
-          stored_.forEachContaining(batch_[i].position,
-                                    [&](IrradSample&) { d.changedBefore = true; });
-        }
+        d.changedBefore = changes_.changedFor(
+            batch_[i].position,
+            std::span<const LookupCandidate>(pools_[d.worker]).subspan(d.begin, d.count));
       }
     }
     addCpu(threadCpuSeconds() - cpuStart);
@@ -234,8 +256,7 @@ class CheckTask : public MergeTask {
   const std::vector<IrradSample>& batch_;
   Decided* decided_;
   const std::vector<std::vector<LookupCandidate>>& pools_;
-  const SampleKdTree& stored_;
-  const LoweredSet& lowered_;
+  const CommitChanges& changes_;
   std::atomic<uint32_t> next_{0};
 };
 
@@ -410,9 +431,9 @@ class ListTask : public MergeTask {
 // where the one-thread merge would.
 class DeferredIndexer : public SampleIndexer {
  public:
-  DeferredIndexer(DefIrradianceMap& map, SampleKdTree& stored, MergeCrew& crew,
+  DeferredIndexer(DefIrradianceMap& map, CommitChanges& changes, MergeCrew& crew,
                   ParallelAddStats& stats)
-      : map_(map), stored_(stored), crew_(crew), stats_(stats) {}
+      : map_(map), changes_(changes), crew_(crew), stats_(stats) {}
 
   template <class F>
   void setBeforeFold(F&& f) {
@@ -424,12 +445,13 @@ class DeferredIndexer : public SampleIndexer {
     InsertionGrid::Sphere entry;
     if (!tree.beginInsert(sample, entry)) return;
     pending_.push_back(entry);
-    stored_.insert(sample);
+    changes_.stored.insert(sample);
+    changes_.cells.add(entry);
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();
       tree.fold();
-      stored_.clear();
+      changes_.stored.clear();
       folded = true;
     }
   }
@@ -464,7 +486,7 @@ class DeferredIndexer : public SampleIndexer {
 
  private:
   DefIrradianceMap& map_;
-  SampleKdTree& stored_;
+  CommitChanges& changes_;
   MergeCrew& crew_;
   ParallelAddStats& stats_;
   std::function<void()> beforeFold_;
@@ -491,7 +513,7 @@ class ParallelMerge {
                 ProgressCallback* progress, ThreadManager& threads, uint32_t workers)
       : map_(map), source_(source), total_(total), progress_(progress),
         settings_(LookupSettings::fromHeader(*map.header())), crew_(threads, workers - 1),
-        indexer_(map, stored_, crew_, stats_),
+        indexer_(map, changes_, crew_, stats_),
         // The lookups of the next batch overlap the commit only where nothing else reads the
         // map meanwhile: a multi-threaded map is looked up and written in turns.
         overlap_(map.multiThreaded() == 0 && crew_.size() > 1) {
@@ -520,10 +542,7 @@ class ParallelMerge {
   ProgressCallback* progress_;
   const LookupSettings settings_;
   ParallelAddStats stats_;
-  // The samples stored and the radii lowered by the batch being committed. The stored ones are
-  // indexed alone: never folded.
-  SampleKdTree stored_{std::numeric_limits<size_t>::max()};
-  LoweredSet lowered_;
+  CommitChanges changes_;  // by the batch being committed
   MergeCrew crew_;
   DeferredIndexer indexer_;
   const bool overlap_;
@@ -531,7 +550,7 @@ class ParallelMerge {
   Batch batches_[2];
   Batch* next_ = nullptr;  // the batch looked up while the current one is committed
   std::vector<LookupCandidate> scratch_;
-  std::vector<IrradSample*> loweredNow_;
+  std::vector<LoweredRadius> loweredNow_;
   ThreadData caller_;  // the commits run as thread 0, as the one-thread merge does
   double callerShareCpu_ = 0.0;  // the calling thread's CPU time in its shares of the lookups
 };
@@ -573,13 +592,19 @@ void ParallelMerge::finishLookups(Batch& b) {
 
 // Commits a batch in source order; returns how many of its samples were stored.
 uint32_t ParallelMerge::commit(Batch& b) {
+  constexpr uint32_t kDecidedAhead = 8;
   const auto start = std::chrono::steady_clock::now();
-  stored_.clear();
-  lowered_.clear();
+  changes_.clear();
   indexer_.folded = false;
   uint32_t kept = 0;
   const auto n = static_cast<uint32_t>(b.samples.size());
   for (uint32_t i = 0; i < n; ++i) {
+    // The lookups were written on other cores: ask for them ahead.
+    if (i + kDecidedAhead < n) {
+      const char* ahead = reinterpret_cast<const char*>(&b.decided[i + kDecidedAhead]);
+      prefetchLine(ahead);
+      prefetchLine(ahead + sizeof(Decided) - 1);
+    }
     const IrradSample& sample = b.samples[i];
     const Decided& d = b.decided[i];
 
@@ -588,17 +613,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
     if (same) {
       candidates = std::span<const LookupCandidate>(b.pools[d.worker]).subspan(d.begin, d.count);
       if (b.overlapped && d.changedBefore) same = false;
-      if (same && !lowered_.empty()) {
-        for (const LookupCandidate& c : candidates) {
-          if (lowered_.contains(c.sample)) {
-            same = false;
-            break;
-          }
-        }
-      }
-    }
-    if (same && stored_.size()) {
-      stored_.forEachContaining(sample.position, [&](IrradSample&) { same = false; });
+      if (same && !changes_.empty()) same = !changes_.changedFor(sample.position, candidates);
     }
     if (same && !d.create) {
       // Covered, as on one thread: nothing to store.
@@ -620,7 +635,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
       const bool guarded = map_.multiThreaded() != 0;
       if (guarded) map_.multiReaderLock().readLock(caller_.threadIndex);
       scratch_.clear();
-      collectCandidates(map_.kdTree(), context, settings_, scratch_, &stored_);
+      collectCandidates(map_.kdTree(), context, settings_, scratch_, &changes_.stored);
       decision = decideSpacing(settings_, lookupFootprint(context), scratch_);
       if (guarded) map_.multiReaderLock().readUnlock(caller_.threadIndex);
       create = createsSample(decision, context, shade, kFlags);
@@ -634,7 +649,10 @@ uint32_t ParallelMerge::commit(Batch& b) {
                                         candidates, colour, &loweredNow_, &indexer_);
       if (added) {
         ++kept;
-        for (const IrradSample* s : loweredNow_) lowered_.add(s);
+        for (const LoweredRadius& l : loweredNow_) {
+          changes_.lowered.add(l.sample);
+          changes_.cells.add(SampleKdTree::boundingSphere(*l.sample, l.before2));
+        }
       }
     }
     if (progress_) progress_->setProgress(static_cast<int32_t>(b.first + i + 1));
@@ -673,7 +691,7 @@ ParallelAddStats ParallelMerge::run() {
         std::unique_ptr<CheckTask> check;
         if (haveNext && next->overlapped && !next->stale) {
           check = std::make_unique<CheckTask>(next->samples, next->decided.get(), next->pools,
-                                              stored_, lowered_);
+                                              changes_);
         }
         indexer_.listPending(check.get());
         if (check) stats_.listCpuSeconds += check->cpuSeconds;

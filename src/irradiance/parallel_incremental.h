@@ -30,7 +30,10 @@
 // then the workers and the calling thread list the batch's samples, each taking a fixed share of
 // the grid's shards and every sample in source order, so that each cell lists its samples in the
 // order the one-thread merge inserts them, whatever the number of threads; and they check the
-// next batch's lookups against what the commit stored and lowered. Until the listing a second
+// next batch's lookups against what the commit stored and lowered. Both checks first ask a
+// filter of the cells that the stored samples and the lowered radii (as they were before the
+// lowering) cover: most points lie in none, and only the others compare their candidates and
+// search the stored samples. Until the listing a second
 // index holds the batch's stored samples alone; it answers the "reaches its point" check, and a
 // lookup made again at commit searches it after the map's grid on every level, which finds the
 // samples in the order the one-thread merge's grid would list them. When the index folds its grid

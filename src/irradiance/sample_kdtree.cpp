@@ -144,8 +144,7 @@ size_t SampleKdTree::size() const { return tree_.size() + grid_.size(); }
 // of both the tree and the grid.
 bool SampleKdTree::makeEntry(IrradSample& s, Entry& out) {
   if (!placeable(s.position, s.validRadius2)) return false;
-  const Vector& p = s.position;
-  out = {p.x, p.y, p.z, boundingRadius(s.validRadius2) * 1.0001f, &s};
+  out = boundingSphere(s, s.validRadius2);
   return true;
 }
 

@@ -36,6 +36,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "io/placement.h"
 #include "io/vector.h"
 #include "irradiance/insertion_grid.h"
 #include "irradiance/irrad_sample.h"
@@ -78,6 +79,14 @@ class SampleKdTree {
   // nothing, so every begun entry must be listed first. The caller folds when wantsFold() says
   // so, right after the beginInsert() that made it so, as insert() does.
   bool beginInsert(IrradSample& sample, Entry& entry);
+  // The entry of a sample whose radius is `radius2`: a sphere a little larger than its validity
+  // sphere, so that it holds every point the sample's own test accepts.
+  static Entry boundingSphere(IrradSample& s, float radius2) {
+    const Vector& p = s.position;
+    return {p.x, p.y, p.z, boundingRadius(radius2) * 1.0001f, &s};
+  }
+  // The entry of a sample as it is now, or false when the index cannot place it.
+  static bool makeEntry(IrradSample& s, Entry& out);
   // Lists begun entries, in the order begun, in the grid's shards whose bits are set (see
   // InsertionGrid::list; different shards may be listed on different threads at once).
   void listEntries(std::span<const Entry> entries, uint32_t shards) { grid_.list(entries, shards); }
@@ -182,7 +191,6 @@ class SampleKdTree {
     size_t size() const { return count; }
   };
 
-  static bool makeEntry(IrradSample& s, Entry& out);
   static void buildTree(Tree& tree, std::vector<Entry>& entries);
   static uint32_t sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
                            const float* plo, const float* phi);
