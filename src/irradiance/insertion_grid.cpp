@@ -192,7 +192,7 @@ bool InsertionGrid::begin(const Sphere& s) {
 }
 
 template <class F>
-void InsertionGrid::forEachCell(const Sphere& s, F&& f) {
+int InsertionGrid::forEachCell(const Sphere& s, F&& f) {
   double lo[3], hi[3];
   int k = 0;
   boxOf(s, lo, hi, k);
@@ -207,6 +207,7 @@ void InsertionGrid::forEachCell(const Sphere& s, F&& f) {
       for (int64_t iz = from[2]; iz <= to[2]; ++iz) f(keyOf(k, ix, iy, iz));
     }
   }
+  return k;
 }
 
 void InsertionGrid::list(const Sphere& s, uint32_t shards) {
@@ -245,6 +246,40 @@ void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
   }
 }
 
+// As list(spheres), from the cells found when the spheres were added: a window of cells at a
+// time, asking for their slots, then for the entries of those that exist, then adding.
+void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
+  constexpr size_t kWindow = 64;
+  for (int s = 0; s < kShards; ++s) {
+    if (!(shards >> s & 1)) continue;
+    Shard& shard = shards_[s];
+    const std::vector<CellBatch::Cell>& cells = batch.cells_[s];
+    for (size_t from = 0; from < cells.size(); from += kWindow) {
+      const size_t to = std::min(cells.size(), from + kWindow);
+      for (size_t c = from; c < to; ++c) shard.prefetch(cells[c].key);
+      for (size_t c = from; c < to; ++c) {
+        if (const Slot* slot = shard.find(cells[c].key)) shard.prefetchEntries(*slot);
+      }
+      for (size_t c = from; c < to; ++c) shard.add(cells[c].key, batch.spheres_[cells[c].sphere]);
+    }
+  }
+}
+
+void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
+  const auto index = static_cast<uint32_t>(spheres_.size());
+  spheres_.push_back(sphere);
+  const int k = forEachCell(sphere, [&](uint64_t key) {
+    cells_[shardOf(key)].push_back({key, index});
+    if (filter) filter->addCell(key);
+  });
+  if (filter) filter->addLevel(k);
+}
+
+void InsertionGrid::CellBatch::clear() {
+  spheres_.clear();
+  for (std::vector<Cell>& cells : cells_) cells.clear();
+}
+
 void InsertionGrid::CellFilter::clear() {
   for (uint32_t w : used_) bits_[w] = 0;
   used_.clear();
@@ -260,14 +295,8 @@ void InsertionGrid::CellFilter::add(const Sphere& s) {
     everywhere_ = true;
     return;
   }
-  const int i = (k - kMinLevel) / 2;
-  levels_.word[i / 64] |= uint64_t{1} << (i % 64);
-  forEachCell(s, [&](uint64_t key) {
-    const uint64_t bit = bitOf(key);
-    uint64_t& word = bits_[bit / 64];
-    if (!word) used_.push_back(static_cast<uint32_t>(bit / 64));
-    word |= uint64_t{1} << (bit % 64);
-  });
+  addLevel(k);
+  forEachCell(s, [&](uint64_t key) { addCell(key); });
 }
 
 }  // namespace LUtils

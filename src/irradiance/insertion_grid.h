@@ -94,6 +94,11 @@ class InsertionGrid {
   // safe; begin() must not run meanwhile.
   void list(const Sphere& sphere, uint32_t shards);
   void list(std::span<const Sphere> spheres, uint32_t shards);
+  // Begun spheres with their cells found once, dealt to the shards: what list() would compute
+  // for every shard it is given, so that threads listing different shards share the work.
+  class CellBatch;
+  // As list(), for the spheres of a batch.
+  void list(const CellBatch& batch, uint32_t shards);
 
   // Samples indexed, in insertion order.
   size_t size() const { return samples_.size(); }
@@ -219,9 +224,10 @@ class InsertionGrid {
   // that it certainly holds every point the sphere's own test accepts; false when it has no
   // level.
   static bool boxOf(const Sphere& s, double lo[3], double hi[3], int& k);
-  // Calls f(key) for every cell of the sphere's level that its box overlaps.
+  // Calls f(key) for every cell of the sphere's level that its box overlaps, for a sphere that
+  // begin() took; returns the level.
   template <class F>
-  static void forEachCell(const Sphere& s, F&& f);
+  static int forEachCell(const Sphere& s, F&& f);
 
   // One shard: a hash table of cells and the pool of their entries.
   class Shard {
@@ -318,6 +324,17 @@ class InsertionGrid::CellFilter {
   bool empty() const { return used_.empty() && !everywhere_; }
 
  private:
+  friend class CellBatch;
+  void addCell(uint64_t key) {
+    const uint64_t bit = bitOf(key);
+    uint64_t& word = bits_[bit / 64];
+    if (!word) used_.push_back(static_cast<uint32_t>(bit / 64));
+    word |= uint64_t{1} << (bit % 64);
+  }
+  void addLevel(int k) {
+    const int i = (k - kMinLevel) / 2;
+    levels_.word[i / 64] |= uint64_t{1} << (i % 64);
+  }
   static constexpr int kBits = 20;  // 128 KB
   static constexpr size_t kWords = (size_t{1} << kBits) / 64;
   static uint64_t bitOf(uint64_t key) { return (key * 0x9E3779B97F4A7C15ull) >> (64 - kBits); }
@@ -325,6 +342,24 @@ class InsertionGrid::CellFilter {
   std::vector<uint32_t> used_;  // the words with bits set
   LevelBits levels_{{0, 0}};
   bool everywhere_ = false;
+};
+
+class InsertionGrid::CellBatch {
+ public:
+  // Adds a sphere that begin() took, and its cells to `filter` when given.
+  void add(const Sphere& sphere, CellFilter* filter = nullptr);
+  void clear();
+  bool empty() const { return spheres_.empty(); }
+  size_t size() const { return spheres_.size(); }
+
+ private:
+  friend class InsertionGrid;
+  struct Cell {
+    uint64_t key;
+    uint32_t sphere;  // its index in spheres_
+  };
+  std::vector<Sphere> spheres_;
+  std::vector<Cell> cells_[kShards];  // each shard's cells, in the order added
 };
 
 template <class F>

@@ -65,15 +65,23 @@ struct Decided {
   std::atomic<bool> ready{false};
 };
 
-// Looks up every sample of a batch against the map as it stands, on several threads.
+// The samples of a batch still to be read from the source: `want` from source index `first`.
+struct PendingRead {
+  IrradianceMap* source = nullptr;  // none: the batch was read already
+  uint32_t first = 0, want = 0;
+};
+
+// Looks up every sample of a batch against the map as it stands, on several threads. Where the
+// batch is still to be read, the first thread to take the job reads it, and the others wait.
 class LookupTask : public MergeTask {
  public:
-  LookupTask(DefIrradianceMap& map, const std::vector<IrradSample>& batch, Decided* decided,
-             std::vector<std::vector<LookupCandidate>>& pools)
-      : map_(map), batch_(batch), decided_(decided), pools_(pools),
+  LookupTask(DefIrradianceMap& map, std::vector<IrradSample>& batch, PendingRead read,
+             Decided* decided, std::vector<std::vector<LookupCandidate>>& pools)
+      : map_(map), batch_(batch), read_(read), decided_(decided), pools_(pools),
         settings_(LookupSettings::fromHeader(*map.header())) {}
 
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t index, int32_t) override {
+    if (read_.source) readFirst();
     const auto worker = static_cast<uint32_t>(index);
     if (worker >= pools_.size()) return;  // more threads than asked for: the others do it
     std::vector<LookupCandidate>& pool = pools_[worker];
@@ -123,10 +131,28 @@ class LookupTask : public MergeTask {
   }
 
  private:
+  void readFirst() {
+    if (!readTaken_.exchange(true, std::memory_order_acq_rel)) {
+      const double cpuStart = threadCpuSeconds();
+      batch_.clear();
+      batch_.reserve(read_.want);
+      CopySamplesCb reader(batch_, read_.want);
+      read_.source->enumerateSamples(read_.first, &reader);
+      addCpu(threadCpuSeconds() - cpuStart);
+      readDone_.store(true, std::memory_order_release);
+      readDone_.notify_all();
+      return;
+    }
+    while (!readDone_.load(std::memory_order_acquire)) readDone_.wait(false, std::memory_order_acquire);
+  }
+
   static constexpr uint32_t kChunk = 64;
   static constexpr uint32_t kAhead = 2;
   DefIrradianceMap& map_;
-  const std::vector<IrradSample>& batch_;
+  std::vector<IrradSample>& batch_;
+  const PendingRead read_;
+  std::atomic<bool> readTaken_{false};
+  std::atomic<bool> readDone_{false};
   Decided* decided_;
   std::vector<std::vector<LookupCandidate>>& pools_;
   const LookupSettings settings_;
@@ -397,30 +423,24 @@ class MergeCrew {
   uint32_t running_ = 0;  // helpers not yet gone
 };
 
-// Lists a batch's begun entries in the map's grid on several threads: the shards are dealt to
-// `groups` groups (shard s to group s % groups), and each worker lists every entry, in order,
-// in the shards of the groups it takes, so that each cell gets its entries in the order begun.
+// Lists a batch's begun entries in the map's grid on several threads, a shard at a time: each
+// shard gets its cells in the order begun, whichever thread takes it.
 class ListTask : public MergeTask {
  public:
-  ListTask(SampleKdTree& tree, std::span<const InsertionGrid::Sphere> entries, uint32_t groups)
-      : tree_(tree), entries_(entries), groups_(groups) {}
+  ListTask(SampleKdTree& tree, const InsertionGrid::CellBatch& batch)
+      : tree_(tree), batch_(batch) {}
 
-  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
+  void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t index, int32_t count) override {
     const double cpuStart = threadCpuSeconds();
-    for (;;) {
-      const uint32_t group = next_.fetch_add(1, std::memory_order_relaxed);
-      if (group >= groups_) break;
-      uint32_t shards = 0;
-      for (uint32_t s = group; s < InsertionGrid::kShards; s += groups_) shards |= 1u << s;
-      tree_.listEntries(entries_, shards);
-    }
+    uint32_t shards = 0;
+    for (int s = index; s < InsertionGrid::kShards; s += count) shards |= 1u << s;
+    tree_.listEntries(batch_, shards);
     addCpu(threadCpuSeconds() - cpuStart);
   }
 
  private:
   SampleKdTree& tree_;
-  std::span<const InsertionGrid::Sphere> entries_;
-  uint32_t groups_;
+  const InsertionGrid::CellBatch& batch_;
   std::atomic<uint32_t> next_{0};
 };
 
@@ -444,9 +464,8 @@ class DeferredIndexer : public SampleIndexer {
     SampleKdTree& tree = map_.kdTree();
     InsertionGrid::Sphere entry;
     if (!tree.beginInsert(sample, entry)) return;
-    pending_.push_back(entry);
+    pending_.add(entry, &changes_.cells);
     changes_.stored.insert(sample);
-    changes_.cells.add(entry);
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();
@@ -467,8 +486,7 @@ class DeferredIndexer : public SampleIndexer {
     }
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
-    const uint32_t groups = std::min<uint32_t>(crew_.size(), InsertionGrid::kShards);
-    ListTask task(map_.kdTree(), pending_, groups);
+    ListTask task(map_.kdTree(), pending_);
     if (alongside) {
       BothTasks both(task, *alongside);
       crew_.run(both, callerCpu);
@@ -490,7 +508,7 @@ class DeferredIndexer : public SampleIndexer {
   MergeCrew& crew_;
   ParallelAddStats& stats_;
   std::function<void()> beforeFold_;
-  std::vector<InsertionGrid::Sphere> pending_;
+  InsertionGrid::CellBatch pending_;  // begun, not yet listed
 };
 
 // One batch of the source and its parallel lookups.
@@ -501,6 +519,7 @@ struct Batch {
   std::vector<std::vector<LookupCandidate>> pools;  // the candidates, one pool per worker
   std::unique_ptr<LookupTask> lookups;
   uint32_t first = 0;        // the source index of its first sample
+  PendingRead unread;        // what its first lookups read before they start, if anything
   bool overlapped = false;   // looked up while the batch before it was committed
   bool inFlight = false;     // its lookups were started and not yet finished
   bool stale = false;        // looked up before a fold of the index: to be looked up again
@@ -516,7 +535,10 @@ class ParallelMerge {
         indexer_(map, changes_, crew_, stats_),
         // The lookups of the next batch overlap the commit only where nothing else reads the
         // map meanwhile: a multi-threaded map is looked up and written in turns.
-        overlap_(map.multiThreaded() == 0 && crew_.size() > 1) {
+        overlap_(map.multiThreaded() == 0 && crew_.size() > 1),
+        // Where the lookups overlap the commit, the next batch is read by them too, unless the
+        // source is the map itself, which the commit writes.
+        readAhead_(overlap_ && static_cast<IrradianceMap*>(&map) != &source) {
     for (Batch& b : batches_) b.pools.resize(crew_.size());
     indexer_.setBeforeFold([this] {
       // The next batch's lookups saw the tree that the fold replaces.
@@ -529,6 +551,7 @@ class ParallelMerge {
 
  private:
   bool read(Batch& b, uint32_t first);
+  void readLater(Batch& b, uint32_t first);
   void startLookups(Batch& b);
   void finishLookups(Batch& b);
   uint32_t commit(Batch& b);
@@ -546,6 +569,7 @@ class ParallelMerge {
   MergeCrew crew_;
   DeferredIndexer indexer_;
   const bool overlap_;
+  const bool readAhead_;
   uint32_t size_ = 0;  // samples per batch
   Batch batches_[2];
   Batch* next_ = nullptr;  // the batch looked up while the current one is committed
@@ -563,20 +587,29 @@ bool ParallelMerge::read(Batch& b, uint32_t first) {
   CopySamplesCb reader(b.samples, want);
   source_.enumerateSamples(first, &reader);
   b.first = first;
+  b.unread = {};
   b.overlapped = b.inFlight = b.stale = false;
   stats_.commitSeconds += seconds(start);
   return !b.samples.empty();  // empty: the source shrank under us
 }
 
+void ParallelMerge::readLater(Batch& b, uint32_t first) {
+  b.samples.clear();
+  b.first = first;
+  b.unread = {&source_, first, std::min(size_, total_ - first)};
+  b.overlapped = b.inFlight = b.stale = false;
+}
+
 void ParallelMerge::startLookups(Batch& b) {
-  const auto n = static_cast<uint32_t>(b.samples.size());
+  const auto n = b.unread.source ? b.unread.want : static_cast<uint32_t>(b.samples.size());
   if (n > b.capacity) {
     b.decided.reset(new Decided[n]);
     b.capacity = n;
   }
   for (uint32_t i = 0; i < n; ++i) b.decided[i].ready.store(false, std::memory_order_relaxed);
   for (auto& pool : b.pools) pool.clear();
-  b.lookups = std::make_unique<LookupTask>(map_, b.samples, b.decided.get(), b.pools);
+  b.lookups = std::make_unique<LookupTask>(map_, b.samples, b.unread, b.decided.get(), b.pools);
+  b.unread = {};  // read once, by these lookups
   crew_.start(*b.lookups);
   b.inFlight = true;
   b.stale = false;
@@ -674,7 +707,12 @@ ParallelAddStats ParallelMerge::run() {
     for (;;) {
       // Read the next batch, and look it up while this one is committed where that may be.
       const uint32_t following = current->first + static_cast<uint32_t>(current->samples.size());
-      const bool haveNext = following < total_ && read(*next, following);
+      bool haveNext = following < total_;
+      if (haveNext && readAhead_) {
+        readLater(*next, following);
+      } else if (haveNext) {
+        haveNext = read(*next, following);
+      }
       next_ = haveNext ? next : nullptr;
       if (haveNext && overlap_) {
         startLookups(*next);
@@ -683,6 +721,7 @@ ParallelAddStats ParallelMerge::run() {
       const uint32_t kept = commit(*current);
       next_ = nullptr;
       if (haveNext && next->inFlight) finishLookups(*next);
+      if (next->samples.empty()) haveNext = false;  // the source shrank under us
       // List the batch's samples in the map's grid, before the next commit and lookups; and
       // mark the next batch's lookups that this commit changed.
       {

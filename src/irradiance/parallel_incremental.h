@@ -26,10 +26,12 @@
 // map (one that the viewer draws meanwhile) is looked up and committed in turns, never at once.
 //
 // The commit stores a kept sample and begins it in the index (counted, placed on its level),
-// but leaves its listing in the index's grid cells, the costly part, to the end of the batch:
-// then the workers and the calling thread list the batch's samples, each taking a fixed share of
-// the grid's shards and every sample in source order, so that each cell lists its samples in the
-// order the one-thread merge inserts them, whatever the number of threads; and they check the
+// but leaves its listing in the index's grid cells, the costly part, to the end of the batch.
+// The commit finds each sample's cells as it begins it, dealt to the grid's shards in source
+// order; then the workers and the calling thread list them, each thread the cells of its own
+// shards (the same shards batch after batch, whose tables stay in its cache), so that each cell
+// lists its samples in the order the one-thread merge inserts them, whatever the number of
+// threads; and they check the
 // next batch's lookups against what the commit stored and lowered. Both checks first ask a
 // filter of the cells that the stored samples and the lowered radii (as they were before the
 // lowering) cover: most points lie in none, and only the others compare their candidates and
@@ -39,6 +41,10 @@
 // samples in the order the one-thread merge's grid would list them. When the index folds its grid
 // into a new tree (where the one-thread merge would: right after the insertion that fills it),
 // the samples begun so far are listed first.
+//
+// Where the lookups of the next batch overlap the commit, they read that batch from the source
+// too (the first thread to take them; the others wait for it), so that the calling thread only
+// commits.
 //
 // The workers are the calling thread and threadCount - 1 workers of the thread manager, taken for
 // the whole merge. What stays on the calling thread alone is the storing of the kept samples and
@@ -68,7 +74,9 @@ struct ParallelAddStats {
   uint64_t redone = 0;  // samples looked up again at commit
   uint64_t relookedBatches = 0;  // batches looked up again whole, after a fold during the commit before
   double lookupSeconds = 0.0;  // wall time of the parallel lookups not overlapped by a commit
-  double commitSeconds = 0.0;  // wall time of the commits, reading the source included
+  // Wall time of the commits, reading the source included where the commit reads it (the
+  // lookups of a batch that overlap the commit before read it themselves).
+  double commitSeconds = 0.0;
   double lookupCpuSeconds = 0.0;  // CPU time of the parallel lookups, every worker's summed
   double commitCpuSeconds = 0.0;  // CPU time of the calling thread outside the lookups
   // Wall time of listing the kept samples in the grid, and of checking the next batch's lookups

@@ -90,6 +90,9 @@ class SampleKdTree {
   // Lists begun entries, in the order begun, in the grid's shards whose bits are set (see
   // InsertionGrid::list; different shards may be listed on different threads at once).
   void listEntries(std::span<const Entry> entries, uint32_t shards) { grid_.list(entries, shards); }
+  void listEntries(const InsertionGrid::CellBatch& batch, uint32_t shards) {
+    grid_.list(batch, shards);
+  }
   bool wantsFold() const {
     return (grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) ||
            grid_.nearlyFull();
