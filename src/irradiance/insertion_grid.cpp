@@ -265,12 +265,15 @@ void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
   }
 }
 
-void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
+void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter, InsertionGrid* grid) {
   const auto index = static_cast<uint32_t>(spheres_.size());
   spheres_.push_back(sphere);
+  if (grid) grid->begin(sphere);
   const int k = forEachCell(sphere, [&](uint64_t key) {
-    cells_[shardOf(key)].push_back({key, index});
+    const int shard = shardOf(key);
+    cells_[shard].push_back({key, index});
     if (filter) filter->addCell(key);
+    if (grid) grid->shards_[shard].add(key, sphere);
   });
   if (filter) filter->addLevel(k);
 }

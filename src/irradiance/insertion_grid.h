@@ -346,8 +346,9 @@ class InsertionGrid::CellFilter {
 
 class InsertionGrid::CellBatch {
  public:
-  // Adds a sphere that begin() took, and its cells to `filter` when given.
-  void add(const Sphere& sphere, CellFilter* filter = nullptr);
+  // Adds a sphere that begin() took, and its cells to `filter` when given; and inserts it in
+  // `grid` too when given, in the same cells.
+  void add(const Sphere& sphere, CellFilter* filter = nullptr, InsertionGrid* grid = nullptr);
   void clear();
   bool empty() const { return spheres_.empty(); }
   size_t size() const { return spheres_.size(); }

@@ -464,8 +464,7 @@ class DeferredIndexer : public SampleIndexer {
     SampleKdTree& tree = map_.kdTree();
     InsertionGrid::Sphere entry;
     if (!tree.beginInsert(sample, entry)) return;
-    pending_.add(entry, &changes_.cells);
-    changes_.stored.insert(sample);
+    changes_.stored.insertAlongside(entry, pending_, &changes_.cells);
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();

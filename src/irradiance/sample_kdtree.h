@@ -93,6 +93,13 @@ class SampleKdTree {
   void listEntries(const InsertionGrid::CellBatch& batch, uint32_t shards) {
     grid_.list(batch, shards);
   }
+  // Inserts the sample of an entry that another index began, while adding the entry to that
+  // index's batch (and its cells to `filter`): the cells are found once for both.
+  void insertAlongside(const Entry& entry, InsertionGrid::CellBatch& batch,
+                       InsertionGrid::CellFilter* filter) {
+    batch.add(entry, filter, &grid_);
+    if (wantsFold()) fold();
+  }
   bool wantsFold() const {
     return (grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) ||
            grid_.nearlyFull();
