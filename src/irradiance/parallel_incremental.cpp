@@ -71,21 +71,28 @@ struct PendingRead {
   uint32_t first = 0, want = 0;
 };
 
+// A worker's buffers for its lookups, kept from batch to batch.
+struct LookupScratch {
+  std::vector<LookupCandidate> candidates;
+  SampleKdTree::TreeWalks walks;
+};
+
 // Looks up every sample of a batch against the map as it stands, on several threads. Where the
 // batch is still to be read, the first thread to take the job reads it, and the others wait.
 class LookupTask : public MergeTask {
  public:
   LookupTask(DefIrradianceMap& map, std::vector<IrradSample>& batch, PendingRead read,
-             Decided* decided, std::vector<std::vector<LookupCandidate>>& pools)
+             Decided* decided, std::vector<std::vector<LookupCandidate>>& pools,
+             std::vector<LookupScratch>& scratch)
       : map_(map), batch_(batch), read_(read), decided_(decided), pools_(pools),
-        settings_(LookupSettings::fromHeader(*map.header())) {}
+        scratch_(scratch), settings_(LookupSettings::fromHeader(*map.header())) {}
 
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t index, int32_t) override {
     if (read_.source) readFirst();
     const auto worker = static_cast<uint32_t>(index);
     if (worker >= pools_.size()) return;  // more threads than asked for: the others do it
     std::vector<LookupCandidate>& pool = pools_[worker];
-    std::vector<LookupCandidate> own;
+    std::vector<LookupCandidate>& own = scratch_[worker].candidates;
     ThreadData thread;
     thread.threadIndex = worker;
     ShadeData shade;
@@ -94,7 +101,7 @@ class LookupTask : public MergeTask {
     const bool guarded = map_.multiThreaded() != 0;
     const auto n = static_cast<uint32_t>(batch_.size());
     const SampleKdTree& tree = map_.kdTree();
-    SampleKdTree::TreeWalks walks;
+    SampleKdTree::TreeWalks& walks = scratch_[worker].walks;
     Vector points[kChunk];
     const double cpuStart = threadCpuSeconds();
     for (;;) {
@@ -155,6 +162,7 @@ class LookupTask : public MergeTask {
   std::atomic<bool> readDone_{false};
   Decided* decided_;
   std::vector<std::vector<LookupCandidate>>& pools_;
+  std::vector<LookupScratch>& scratch_;
   const LookupSettings settings_;
   std::atomic<uint32_t> next_{0};
 };
@@ -539,6 +547,7 @@ class ParallelMerge {
         // source is the map itself, which the commit writes.
         readAhead_(overlap_ && static_cast<IrradianceMap*>(&map) != &source) {
     for (Batch& b : batches_) b.pools.resize(crew_.size());
+    lookupScratch_.resize(crew_.size());
     indexer_.setBeforeFold([this] {
       // The next batch's lookups saw the tree that the fold replaces.
       if (next_ && next_->inFlight) finishLookups(*next_);
@@ -572,7 +581,8 @@ class ParallelMerge {
   uint32_t size_ = 0;  // samples per batch
   Batch batches_[2];
   Batch* next_ = nullptr;  // the batch looked up while the current one is committed
-  std::vector<LookupCandidate> scratch_;
+  std::vector<LookupCandidate> scratch_;  // a lookup made again at commit
+  std::vector<LookupScratch> lookupScratch_;  // each worker's, for the parallel lookups
   std::vector<LoweredRadius> loweredNow_;
   ThreadData caller_;  // the commits run as thread 0, as the one-thread merge does
   double callerShareCpu_ = 0.0;  // the calling thread's CPU time in its shares of the lookups
@@ -607,7 +617,8 @@ void ParallelMerge::startLookups(Batch& b) {
   }
   for (uint32_t i = 0; i < n; ++i) b.decided[i].ready.store(false, std::memory_order_relaxed);
   for (auto& pool : b.pools) pool.clear();
-  b.lookups = std::make_unique<LookupTask>(map_, b.samples, b.unread, b.decided.get(), b.pools);
+  b.lookups = std::make_unique<LookupTask>(map_, b.samples, b.unread, b.decided.get(), b.pools,
+                                           lookupScratch_);
   b.unread = {};  // read once, by these lookups
   crew_.start(*b.lookups);
   b.inFlight = true;
