@@ -351,7 +351,6 @@ class InsertionGrid::CellBatch {
   void add(const Sphere& sphere, CellFilter* filter = nullptr, InsertionGrid* grid = nullptr);
   void clear();
   bool empty() const { return spheres_.empty(); }
-  size_t size() const { return spheres_.size(); }
 
  private:
   friend class InsertionGrid;

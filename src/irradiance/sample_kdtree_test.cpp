@@ -201,6 +201,41 @@ TEST_F(KdTreeAgainstBruteForce, SamplesListedLaterAreVisitedInInsertionOrder) {
 }
 
 // Containment is strict, also for a pile of 10000 samples at one point.
+// The parallel merge's pieces: samples begun in one index and listed later from a CellBatch,
+// shard by shard in any order, while the batch's own index takes them alongside, give the
+// grid that inserting them one at a time gives, visited in the same order; and the filter of
+// their cells says "no" only where no sample reaches.
+TEST_F(KdTreeAgainstBruteForce, CellBatchListsAsInsertAndItsFilterNeverMisses) {
+  fill(4000);
+  SampleKdTree oneByOne, listed, alongside;
+  InsertionGrid::CellBatch batch;
+  InsertionGrid::CellFilter filter;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    oneByOne.insert(samples[i]);
+    SampleKdTree::Entry entry;
+    ASSERT_TRUE(listed.beginInsert(samples[i], entry));
+    alongside.insertAlongside(entry, batch, &filter);
+  }
+  for (int shard = InsertionGrid::kShards - 1; shard >= 0; --shard) {
+    listed.listEntries(batch, 1u << shard);
+  }
+  int rejected = 0;
+  for (int k = 0; k < 2000; ++k) {
+    const Vector p = probe();
+    const auto expected = viaTree(oneByOne, p, false);
+    ASSERT_EQ(viaTree(listed, p, false), expected) << "probe " << k;
+    ASSERT_EQ(viaTree(alongside, p, false), expected) << "probe " << k;
+    if (!filter.mayContain(p)) {
+      ASSERT_TRUE(expected.empty()) << "probe " << k;
+      ++rejected;
+    }
+  }
+  EXPECT_GT(rejected, 100);  // the spheres cover most of the box; the probes elsewhere need no search
+  filter.clear();
+  EXPECT_TRUE(filter.empty());
+  EXPECT_FALSE(filter.mayContain(samples[0].position));
+}
+
 TEST(SampleKdTree, ContainmentIsStrictAndPilesAreFoundWhole) {
   BlockSequence<IrradSample> samples;
   samples.append(sphere(0, 0, 0, 2.0f));  // radius^2 is exactly 4
