@@ -10,6 +10,7 @@
 
 namespace LUtils {
 
+class BandRecording;
 class Camera;
 
 class Rasterizer3D {
@@ -99,25 +100,21 @@ class Rasterizer3D {
     return true;
   }
 
-  // Drawing from several threads by rows: every drawing thread goes over the same discs in the
-  // same order and draws only the rows it owns, so that each pixel sees the discs in the order
-  // one thread would draw them. A back end that can returns true from drawsByRows(); then
-  //   discRows() tells which rows of the frame a disc may touch: false when it can touch none
-  //   (with what mayShowDisc() would say), otherwise a range that holds every row it touches;
-  //   drawRowsOnThisThread(first, last) limits what the calling thread draws to those rows, and
-  //   drawRowsOnThisThread(1, 0) lifts the limit.
-  virtual bool drawsByRows() const { return false; }
+  // Drawing from several threads in bands of rows (see band_recording.h): threads draw slices
+  // of the discs at once, each recording what it draws, filed by bands of rows, instead of
+  // drawing it; then each band is drawn by one thread from the slices' recordings in slice
+  // order, so that each pixel sees the discs in the order one thread would draw them. A back
+  // end that can returns true from drawsInBands(); then
+  //   recordOnThisThread(recording) files what the calling thread draws into `recording`, whose
+  //   bands the caller set up for frameRows(), and recordOnThisThread(nullptr) ends that;
+  //   drawRecordedBand(recording, band) draws what the recording filed in that band.
+  virtual bool drawsInBands() const { return false; }
   virtual int frameRows() const { return 0; }
-  virtual bool discRows(const Vector& centre, float radius, int& first, int& last) {
-    (void)centre;
-    (void)radius;
-    first = 0;
-    last = frameRows() - 1;
-    return true;
-  }
-  virtual void drawRowsOnThisThread(int first, int last) {
-    (void)first;
-    (void)last;
+  virtual int frameColumns() const { return 0; }
+  virtual void recordOnThisThread(BandRecording* recording) { (void)recording; }
+  virtual void drawRecordedBand(const BandRecording& recording, unsigned band) {
+    (void)recording;
+    (void)band;
   }
 
   // Outlines drawn over the filled geometry they enclose (selection boxes): pulled towards the

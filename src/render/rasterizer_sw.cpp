@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "render/band_recording.h"
 #include "threads/prefault.h"
 
 namespace LUtils {
@@ -191,12 +192,12 @@ void centresWithin(double lo, double hi, int minK, int maxK, int& first, int& la
   last = l > maxK ? maxK : l < minK ? minK - 1 : static_cast<int>(l);
 }
 
-// The thread's limit to rows while a frame is drawn by rows.
-struct ThreadRows {
+// The recording the calling thread files its primitives into, and the rasterizer it does so for.
+struct ThreadRecording {
   const RasterizerSW* owner = nullptr;
-  int first = 0, last = -1;
+  BandRecording* recording = nullptr;
 };
-thread_local ThreadRows t_rows;
+thread_local ThreadRecording t_recording;
 
 }  // namespace
 
@@ -225,18 +226,12 @@ bool RasterizerSW::mayShowDisc(const Vector& centre, float radius) {
   return discPixels(centre, radius, x0, y0, x1, y1);
 }
 
-bool RasterizerSW::discRows(const Vector& centre, float radius, int& first, int& last) {
-  if (width_ <= 0 || height_ <= 0) return false;
-  int x0, x1;
-  if (fillMode_ != 0) return discPixels(centre, radius, x0, first, x1, last);
-  // Outlines: every row of the frame, since a line's pixels are not bounded by centres.
-  first = 0;
-  last = height_ - 1;
-  return true;
+void RasterizerSW::recordOnThisThread(BandRecording* recording) {
+  t_recording = recording == nullptr ? ThreadRecording{} : ThreadRecording{this, recording};
 }
 
-void RasterizerSW::drawRowsOnThisThread(int first, int last) {
-  t_rows = first > last ? ThreadRows{} : ThreadRows{this, first, last};
+void RasterizerSW::drawRecordedBand(const BandRecording& recording, unsigned band) {
+  recording.draw({back_.data(), depth_.data(), width_, height_}, band);
 }
 
 void RasterizerSW::submitPolygon(const Vector* points, unsigned count, uint32_t colour) {
@@ -393,13 +388,11 @@ void RasterizerSW::emitLine(const FixedVertex& a, const FixedVertex& b, uint32_t
 }
 
 void RasterizerSW::emit(Prim& prim, const FixedVertex* vertices) {
-  if (t_rows.owner == this) {
-    // Drawing by rows: only the thread's own.
-    prim.minY = std::max(prim.minY, t_rows.first);
-    prim.maxY = std::min(prim.maxY, t_rows.last);
-    if (prim.minY > prim.maxY) return;
-  }
   prim.firstVertex = 0;
+  if (t_recording.owner == this) {
+    t_recording.recording->record(prim, vertices);
+    return;
+  }
   const swr::Target target{back_.data(), depth_.data(), width_, height_};
   swr::rasterize(target, prim, vertices);
 }

@@ -1,10 +1,10 @@
 // The software back end of Rasterizer3D: z-buffered, flat-shaded polygons, lines and square
 // points into a frame buffer with two colour buffers, with the OpenGL back end's projection.
 //
-// Several threads may draw into one frame at once, by rows (drawsByRows): every thread goes
-// over the same discs in the same order, each limited to rows of its own, and draws straight
-// into the frame. Each pixel then sees its discs in the order one thread draws them: the picture
-// is exactly the one a single thread draws.
+// Several threads may draw one frame at once in bands of rows (drawsInBands): each records the
+// primitives of its slice of the discs, set up for the pixel stage, and the bands are then
+// drawn from the recordings in slice order (band_recording.h). The picture is exactly the one a
+// single thread draws.
 #pragma once
 
 #include <cstdint>
@@ -55,11 +55,11 @@ class RasterizerSW final : public Rasterizer3D {
   // Discs that lie between pixel centres, or outside the drawing rectangle, are not made: their
   // window box is bounded from the sphere around them before any vertex is.
   bool mayShowDisc(const Vector& centre, float radius) override;
-  // Drawing by rows: a thread limited to rows draws straight into the frame, clipped to them.
-  bool drawsByRows() const override { return true; }
+  bool drawsInBands() const override { return true; }
   int frameRows() const override { return height_; }
-  bool discRows(const Vector& centre, float radius, int& first, int& last) override;
-  void drawRowsOnThisThread(int first, int last) override;
+  int frameColumns() const override { return width_; }
+  void recordOnThisThread(BandRecording* recording) override;
+  void drawRecordedBand(const BandRecording& recording, unsigned band) override;
 
   int width() const { return width_; }
   int height() const { return height_; }

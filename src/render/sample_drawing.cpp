@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "lightcache/light_map.h"
+#include "render/band_recording.h"
 #include "render/camera.h"
 #include "render/disc_basis.h"
 #include "render/rasterizer.h"
@@ -229,11 +230,7 @@ bool DrawSamplesCb<b>::process(const DrawnSample& s) {
   if ((pass->stride == 1 || index % pass->stride == 0) && !pass->edits->deleted(index) &&
       s.drawable() &&
       (!pass->frustumTest || pass->insideFrustum(s.position, s.radius))) {
-    if (bands != nullptr) {
-      bands->add(*pass, s, index);
-    } else {
-      pass->drawDisc(s, index, b);
-    }
+    pass->drawDisc(s, index, b);
   }
   // A pick whose buffer is full reports the same whatever is drawn after.
   if (pass->pickNames && (count & 255) == 0 && pass->rasterizer->pickOverflowed()) return false;
@@ -260,14 +257,6 @@ void DrawSamplesCb<b>::runShare(const Source& source) {
 
 template class DrawSamplesCb<0>;
 template class DrawSamplesCb<1>;
-
-void RowBandLists::add(const DrawPass& pass, const DrawnSample& s, uint32_t index) {
-  int first = 0, last = 0;
-  if (!pass.rasterizer->discRows(s.position, s.radius, first, last)) return;
-  const unsigned from = static_cast<unsigned>(std::max(first, 0)) >> bandShift;
-  const unsigned to = std::min(static_cast<unsigned>(std::max(last, 0)) >> bandShift, bands - 1);
-  for (unsigned k = from; k <= to; ++k) lists[k].push_back({s, index});
-}
 
 template <class Map, class Cb>
 void DrawThreaded<Map, Cb>::share(uint32_t total, uint32_t i, uint32_t n, uint32_t& first,
@@ -297,65 +286,60 @@ template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 namespace {
 
 // Deals the slices of a run to the threads as they ask for them, so that a thread slowed by
-// other work on its core lists fewer slices rather than holding the others up. Slice i is the
-// share of "thread" i of `slices` in the drawing job; the bands are drawn from the slices' lists
-// in slice order, which is the samples' order.
+// other work on its core draws fewer slices rather than holding the others up. Slice i is the
+// share of "thread" i of `slices` in the drawing job, drawn into recording i; the bands are
+// drawn from the recordings in slice order, which is the samples' order.
 template <class Job>
 class DealSlices final : public MultiThreaded {
  public:
-  DealSlices(Job& job, uint32_t slices) : job_(job), slices_(slices) {}
+  DealSlices(Job& job, Rasterizer3D& rasterizer, BandRecording* recordings, uint32_t slices)
+      : job_(job), rasterizer_(rasterizer), recordings_(recordings), slices_(slices) {}
   void run(std::atomic<int32_t>* resultWord, std::atomic<int32_t>* progressWord, int32_t,
            int32_t) override {
     for (uint32_t s = next_++; s < slices_; s = next_++) {
+      rasterizer_.recordOnThisThread(&recordings_[s]);
       job_.run(resultWord, progressWord, static_cast<int32_t>(s), static_cast<int32_t>(slices_));
     }
+    rasterizer_.recordOnThisThread(nullptr);
   }
   const char* threadName() override { return "draw_thread"; }
 
  private:
   Job& job_;
+  Rasterizer3D& rasterizer_;
+  BandRecording* recordings_;
   uint32_t slices_;
   std::atomic<uint32_t> next_{0};
 };
 
 template <class Map, class Cb>
-void drawRun(Map& map, Cb* records, uint32_t run, uint32_t base, uint32_t slices,
-             uint32_t threadCount, ThreadManager& threads, ProgressCallback* waitSink) {
+void recordRun(Map& map, Cb* records, uint32_t run, uint32_t base, const DrawPass& pass,
+               BandRecording* recordings, uint32_t slices, uint32_t threadCount,
+               ThreadManager& threads, ProgressCallback* waitSink) {
   DrawThreaded<Map, Cb> job(map, records, run, base);
-  DealSlices<DrawThreaded<Map, Cb>> deal(job, slices);
+  DealSlices<DrawThreaded<Map, Cb>> deal(job, *pass.rasterizer, recordings, slices);
   threads.run(static_cast<int32_t>(threadCount), &deal, waitSink, false);
 }
 
-// Draws the bands of rows that the slices listed, each band on one thread, the bands dealt to
-// the threads as they ask: a thread limits itself to the band's rows, then draws the band's
-// discs of every slice, slice after slice, which is the samples' order.
-template <int b>
+// Draws the bands of rows from the slices' recordings, each band on one thread, the bands dealt
+// to the threads as they ask; a band is drawn from every slice's recording, slice after slice,
+// which is the samples' order.
 class DrawBands final : public MultiThreaded {
  public:
-  DrawBands(const DrawPass& pass, const DrawSamplesCb<b>* slices, uint32_t sliceCount,
-            const RowBandLists& shape)
-      : pass_(pass), slices_(slices), sliceCount_(sliceCount), shape_(shape) {}
+  DrawBands(Rasterizer3D& rasterizer, const BandRecording* recordings, uint32_t sliceCount)
+      : rasterizer_(rasterizer), recordings_(recordings), sliceCount_(sliceCount) {}
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
-    Rasterizer3D& r = *pass_.rasterizer;
-    for (unsigned k = next_++; k < shape_.bands; k = next_++) {
-      r.drawRowsOnThisThread(static_cast<int>(k << shape_.bandShift),
-                             static_cast<int>(((k + 1) << shape_.bandShift) - 1));
-      for (uint32_t i = 0; i < sliceCount_; ++i) {
-        for (const RowBandLists::Listed& l : slices_[i].bands->lists[k]) {
-          if (pass_.pickNames) r.loadPickName(l.index);
-          pass_.drawShownDisc(l.sample, l.index, b);
-        }
-      }
+    const unsigned bands = recordings_[0].bands();
+    for (unsigned k = next_++; k < bands; k = next_++) {
+      for (uint32_t i = 0; i < sliceCount_; ++i) rasterizer_.drawRecordedBand(recordings_[i], k);
     }
-    r.drawRowsOnThisThread(1, 0);
   }
   const char* threadName() override { return "draw_thread"; }
 
  private:
-  const DrawPass& pass_;
-  const DrawSamplesCb<b>* slices_;
+  Rasterizer3D& rasterizer_;
+  const BandRecording* recordings_;
   uint32_t sliceCount_;
-  const RowBandLists& shape_;
   std::atomic<unsigned> next_{0};
 };
 
@@ -364,40 +348,37 @@ class DrawBands final : public MultiThreaded {
 constexpr unsigned kBandsPerThread = 4;
 
 template <int b>
-uint32_t drawSamplesByRows(const DrawPass& pass, const DrawScene& scene, uint32_t total,
-                           uint32_t n, ThreadManager& threads) {
+uint32_t drawSamplesInBands(const DrawPass& pass, const DrawScene& scene, uint32_t total,
+                            uint32_t n, ThreadManager& threads) {
   const DrawnMap& map = scene.map;
+  Rasterizer3D& r = *pass.rasterizer;
   const uint32_t slices = std::min(kSlicesPerThread * n, 256u);
-  const int rows = std::max(1, pass.rasterizer->frameRows());
+  const int rows = std::max(1, r.frameRows());
   // Bands of a power of two rows, at least kBandsPerThread per thread where the frame has the
-  // rows, at most kMaxBands.
-  RowBandLists shape;
+  // rows, at most BandRecording::kMaxBands.
+  int bandShift = 24;
   const unsigned wanted = std::max(1u, kBandsPerThread * n);
-  while (shape.bandShift > 0 && (rows >> shape.bandShift) < static_cast<int>(wanted)) {
-    --shape.bandShift;
-  }
-  while (((rows - 1) >> shape.bandShift) + 1 > static_cast<int>(RowBandLists::kMaxBands)) {
-    ++shape.bandShift;
-  }
-  shape.bands = static_cast<unsigned>(((rows - 1) >> shape.bandShift) + 1);
-  auto lists = std::make_unique<RowBandLists[]>(slices);
+  while (bandShift > 0 && (rows >> bandShift) < static_cast<int>(wanted)) --bandShift;
+  while (((rows - 1) >> bandShift) + 1 > static_cast<int>(BandRecording::kMaxBands)) ++bandShift;
+  const unsigned bands = static_cast<unsigned>(((rows - 1) >> bandShift) + 1);
+  auto recordings = std::make_unique<BandRecording[]>(slices);
   auto records = std::make_unique<DrawSamplesCb<b>[]>(slices);
   for (uint32_t i = 0; i < slices; ++i) {
-    lists[i].bandShift = shape.bandShift;
-    lists[i].bands = shape.bands;
+    recordings[i].reset(r.frameColumns(), bandShift, bands);
     records[i].pass = &pass;
-    records[i].bands = &lists[i];
   }
   const uint64_t span = uint64_t{kThreadedRunSamples} * pass.stride;
   for (uint32_t base = 0; base < total;) {
     const uint32_t run = static_cast<uint32_t>(std::min<uint64_t>(span, total - base));
-    for (uint32_t i = 0; i < slices; ++i) lists[i].clear();
+    for (uint32_t i = 0; i < slices; ++i) recordings[i].clear();
     if (map.light != nullptr) {
-      drawRun(*map.light, records.get(), run, base, slices, n, threads, scene.waitSink);
+      recordRun(*map.light, records.get(), run, base, pass, recordings.get(), slices, n, threads,
+                scene.waitSink);
     } else {
-      drawRun(*map.irradiance, records.get(), run, base, slices, n, threads, scene.waitSink);
+      recordRun(*map.irradiance, records.get(), run, base, pass, recordings.get(), slices, n,
+                threads, scene.waitSink);
     }
-    DrawBands<b> draw(pass, records.get(), slices, shape);
+    DrawBands draw(r, recordings.get(), slices);
     threads.run(static_cast<int32_t>(n), &draw, scene.waitSink, false);
     base += run;
   }
@@ -414,7 +395,7 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
   ThreadManager* threads = scene.threads;
   const uint32_t n =
       threads != nullptr ? static_cast<uint32_t>(std::max(1, threads->threadCount())) : 1;
-  const bool threaded = pass.rasterizer->drawsByRows() &&
+  const bool threaded = pass.rasterizer->drawsInBands() &&
                         pass.options->multiThreadedSoftware() && total >= kMinThreadedSamples &&
                         n > 1;
   if (!threaded) {
@@ -424,7 +405,7 @@ uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene) {
     return 1;
   }
 
-  return drawSamplesByRows<b>(pass, scene, total, n, *threads);
+  return drawSamplesInBands<b>(pass, scene, total, n, *threads);
 }
 
 template uint32_t drawSamples<0>(const DrawPass&, const DrawScene&);

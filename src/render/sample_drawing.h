@@ -107,26 +107,6 @@ struct DrawPass {
   void drawShownDisc(const DrawnSample& s, uint32_t index, int b) const;
 };
 
-// The discs a slice of samples shows in each band of rows of the frame, while a frame is drawn
-// by rows (Rasterizer3D::drawsByRows): each with its index, in the slice's order. A copy, so
-// that drawing a band reads its discs one after another rather than a scattered few of the
-// map's records.
-struct RowBandLists {
-  static constexpr unsigned kMaxBands = 64;
-  struct Listed {
-    DrawnSample sample;
-    uint32_t index;
-  };
-  int bandShift = 24;   // a band is 2^bandShift rows
-  unsigned bands = 0;   // bands in use
-  std::vector<Listed> lists[kMaxBands];
-  // Lists the disc in every band it may touch (none when the back end says it shows nowhere).
-  void add(const DrawPass& pass, const DrawnSample& s, uint32_t index);
-  void clear() {
-    for (unsigned k = 0; k < bands; ++k) lists[k].clear();
-  }
-};
-
 // The per-sample drawing callback. b = 0 draws in the sample's colour, b = 1 in its index
 // colour (the picking pass). Indices run from `first` in enumeration order. Each record has a
 // cache line of its own: the drawing threads count in their records at every sample.
@@ -137,8 +117,6 @@ class alignas(64) DrawSamplesCb final {
   uint32_t limit = 0xFFFFFFFFu;
   uint32_t first = 0;
   const DrawPass* pass = nullptr;
-  // Set while a frame is drawn by rows: the disc is listed in its bands, not drawn.
-  RowBandLists* bands = nullptr;
 
   // Returns false once `limit` samples were visited.
   bool process(const DrawnSample& sample);
@@ -176,20 +154,20 @@ extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<0>>;
 extern template class DrawThreaded<IrradianceMap, DrawSamplesCb<1>>;
 
 // Draws every sample of the map with DrawSamplesCb<b>: on the thread manager's threads when the
-// back end draws by rows (Rasterizer3D::drawsByRows), multi-threaded software drawing is on, the
-// map has at least 100 samples and the manager has more than one thread; otherwise on the
+// back end draws in bands (Rasterizer3D::drawsInBands), multi-threaded software drawing is on,
+// the map has at least 100 samples and the manager has more than one thread; otherwise on the
 // calling thread (one worker would only add the hand-over). The threads draw the map in runs of
 // kThreadedRunSamples drawn samples (a reduced frame's run spans stride times as many indices),
 // in two steps per run:
 //   - the run is cut into a few slices per thread (slice i of s is the share of thread i of s in
-//     DrawThreaded), dealt to the threads as they ask; for each disc of its slice that may show,
-//     a thread lists a copy with its index in every band of rows the back end says it may touch;
+//     DrawThreaded), dealt to the threads as they ask; a thread draws its slice's discs into
+//     the slice's recording (band_recording.h), which sets each one up and files it by bands;
 //   - the bands (a power of two rows each, a few per thread) are dealt to the threads as they
-//     ask; a thread limits the back end to the band's rows and draws the band's discs of every
-//     slice, slice after slice.
+//     ask; a thread draws the band from every slice's recording, slice after slice.
 // So each pixel sees its discs in the samples' order, as on one thread, and the picture is the
-// same. The lists of a run take 44 bytes per shown disc and band it touches: about 6 MB for a
-// run at most, never the whole frame's. Returns the number of threads used.
+// same. The recordings of a run hold 12 bytes per pixel a small disc covers, a little more for
+// the few large ones: about a megabyte for a run of a dense map, never the whole frame's.
+// Returns the number of threads used.
 constexpr uint32_t kThreadedRunSamples = 1u << 17;
 template <int b>
 uint32_t drawSamples(const DrawPass& pass, const DrawScene& scene);

@@ -56,7 +56,7 @@ class SpyRasterizer final : public Rasterizer3D {
   void drawQuadOrPolygon(const Vector* p, unsigned n, const Color& c) override {
     record(p, n, c, 0);
   }
-  bool drawsByRows() const override { return true; }
+  bool drawsInBands() const override { return true; }
   void readPickIndices(int, int, int, int, std::vector<uint32_t>& indices) override { indices.clear(); }
   // Compiled geometry, counted: each handle is a number, deleting one records it.
   bool canCacheGeometry() const override { return cacheable; }

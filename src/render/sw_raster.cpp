@@ -18,48 +18,9 @@ inline void plot(const Target& t, int x, int y, float z, uint32_t colour, bool d
   }
 }
 
-constexpr int kMaxPolygonVertices = 64;
-
 void rasterizePolygon(const Target& t, const Prim& p, const FixedVertex* v) {
-  const int n = std::min<int>(p.count, kMaxPolygonVertices);
-  int64_t dxs[kMaxPolygonVertices], dys[kMaxPolygonVertices];
-  int64_t x0s[kMaxPolygonVertices], y0s[kMaxPolygonVertices];
-  int64_t bias[kMaxPolygonVertices];
-  for (int i = 0; i < n; ++i) {
-    const FixedVertex& a = v[i];
-    const FixedVertex& b = v[i + 1 == n ? 0 : i + 1];
-    dxs[i] = int64_t{b.x} - a.x;
-    dys[i] = int64_t{b.y} - a.y;
-    x0s[i] = a.x;
-    y0s[i] = a.y;
-    // Top-left rule: a sample exactly on a top or left edge belongs to the polygon.
-    const bool topLeft = dys[i] < 0 || (dys[i] == 0 && dxs[i] > 0);
-    bias[i] = topLeft ? 0 : 1;
-  }
   const bool depthTest = p.depthTest != 0;
-  const int64_t firstSampleX = int64_t{p.minX} * kSubpixel + kSubpixel / 2;
-  int64_t edge[kMaxPolygonVertices];
-  int64_t step[kMaxPolygonVertices];
-  for (int i = 0; i < n; ++i) step[i] = -dys[i] * kSubpixel;
-
-  for (int py = p.minY; py <= p.maxY; ++py) {
-    const int64_t sampleY = int64_t{py} * kSubpixel + kSubpixel / 2;
-    for (int i = 0; i < n; ++i) {
-      edge[i] = dxs[i] * (sampleY - y0s[i]) - dys[i] * (firstSampleX - x0s[i]);
-    }
-    const float rowDepth = p.z0 + p.zy * (static_cast<float>(py) + 0.5f - p.refY);
-    for (int px = p.minX; px <= p.maxX; ++px) {
-      bool inside = true;
-      for (int i = 0; i < n; ++i) {
-        inside &= edge[i] >= bias[i];
-        edge[i] += step[i];
-      }
-      if (inside) {
-        const float z = rowDepth + p.zx * (static_cast<float>(px) + 0.5f - p.refX);
-        plot(t, px, py, z, p.colour, depthTest);
-      }
-    }
-  }
+  scanPolygon(p, v, [&](int x, int y, float z) { plot(t, x, y, z, p.colour, depthTest); });
 }
 
 // Pixels whose centres lie on the half-open span along the major axis, one per column (or row).

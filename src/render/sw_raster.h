@@ -65,4 +65,47 @@ struct Target {
 // Polygon vertices must wind so that the doubled signed area (y downward) is positive.
 void rasterize(const Target& target, const Prim& prim, const FixedVertex* vertices);
 
+constexpr int kMaxPolygonVertices = 64;
+
+// Calls cover(x, y, z) for every pixel of the polygon within its rectangle, row by row, with the
+// depth the pixel gets: the coverage and depth that rasterize() fills with.
+template <class Cover>
+inline void scanPolygon(const Prim& p, const FixedVertex* v, Cover&& cover) {
+  const int n = p.count < kMaxPolygonVertices ? p.count : kMaxPolygonVertices;
+  int64_t dxs[kMaxPolygonVertices], dys[kMaxPolygonVertices];
+  int64_t x0s[kMaxPolygonVertices], y0s[kMaxPolygonVertices];
+  int64_t bias[kMaxPolygonVertices];
+  for (int i = 0; i < n; ++i) {
+    const FixedVertex& a = v[i];
+    const FixedVertex& b = v[i + 1 == n ? 0 : i + 1];
+    dxs[i] = int64_t{b.x} - a.x;
+    dys[i] = int64_t{b.y} - a.y;
+    x0s[i] = a.x;
+    y0s[i] = a.y;
+    // Top-left rule: a sample exactly on a top or left edge belongs to the polygon.
+    const bool topLeft = dys[i] < 0 || (dys[i] == 0 && dxs[i] > 0);
+    bias[i] = topLeft ? 0 : 1;
+  }
+  const int64_t firstSampleX = int64_t{p.minX} * kSubpixel + kSubpixel / 2;
+  int64_t edge[kMaxPolygonVertices];
+  int64_t step[kMaxPolygonVertices];
+  for (int i = 0; i < n; ++i) step[i] = -dys[i] * kSubpixel;
+
+  for (int py = p.minY; py <= p.maxY; ++py) {
+    const int64_t sampleY = int64_t{py} * kSubpixel + kSubpixel / 2;
+    for (int i = 0; i < n; ++i) {
+      edge[i] = dxs[i] * (sampleY - y0s[i]) - dys[i] * (firstSampleX - x0s[i]);
+    }
+    const float rowDepth = p.z0 + p.zy * (static_cast<float>(py) + 0.5f - p.refY);
+    for (int px = p.minX; px <= p.maxX; ++px) {
+      bool inside = true;
+      for (int i = 0; i < n; ++i) {
+        inside &= edge[i] >= bias[i];
+        edge[i] += step[i];
+      }
+      if (inside) cover(px, py, rowDepth + p.zx * (static_cast<float>(px) + 0.5f - p.refX));
+    }
+  }
+}
+
 }  // namespace LUtils::swr

@@ -9,6 +9,7 @@
 #include <thread>
 #include <tuple>
 
+#include "render/band_recording.h"
 #include "render/camera.h"
 #include "render/disc_scene.h"
 #include "render/gl/gl_test_support.h"
@@ -176,55 +177,76 @@ TEST(SoftwareRasterizer, DepthTestPointsBufferExchangeAndPickingFrame) {
 }
 
 // Draws the room's discs with `threads` threads at once, the way threaded sample drawing does:
-// every thread draws every disc, in order, limited to its own band of `bandRows` rows, the bands
-// dealt round-robin. `thenDirect` then draws on the calling thread, over the whole frame.
-std::vector<uint32_t> drawByRows(RasterizerSW& sw, const std::vector<Disc>& discs,
-                                 unsigned threads, int bandRows, bool indexColours,
-                                 const std::function<void()>& thenDirect = [] {}) {
+// the discs cut into two slices per thread, each recorded by one thread, then the bands of
+// 2^bandShift rows each drawn by one thread from the recordings in slice order. `thenDirect`
+// then draws on the calling thread, straight into the frame.
+std::vector<uint32_t> drawInBands(RasterizerSW& sw, const std::vector<Disc>& discs,
+                                  unsigned threads, int bandShift, bool indexColours,
+                                  const std::function<void()>& thenDirect = [] {}) {
   sw.beginFrame();
-  std::vector<std::thread> workers;
-  for (unsigned t = 0; t < threads; ++t) {
-    workers.emplace_back([&, t] {
-      for (int first = static_cast<int>(t) * bandRows; first < sw.height();
-           first += static_cast<int>(threads) * bandRows) {
-        sw.drawRowsOnThisThread(first, first + bandRows - 1);
-        drawDiscs(sw, discs.data(), discs.size(), 8, indexColours);
-      }
-      sw.drawRowsOnThisThread(1, 0);
-    });
-  }
-  for (std::thread& w : workers) w.join();
+  const unsigned slices = 2 * threads;
+  const unsigned bands = static_cast<unsigned>(((sw.height() - 1) >> bandShift) + 1);
+  std::vector<BandRecording> recordings(slices);
+  for (BandRecording& r : recordings) r.reset(sw.width(), bandShift, bands);
+  auto onThreads = [threads](const std::function<void(unsigned)>& work) {
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < threads; ++t) workers.emplace_back(work, t);
+    for (std::thread& w : workers) w.join();
+  };
+  onThreads([&](unsigned t) {
+    for (unsigned s = t; s < slices; s += threads) {
+      sw.recordOnThisThread(&recordings[s]);
+      const size_t first = discs.size() * s / slices, end = discs.size() * (s + 1) / slices;
+      drawDiscs(sw, discs.data() + first, end - first, 8, indexColours,
+                static_cast<uint32_t>(first));
+    }
+    sw.recordOnThisThread(nullptr);
+  });
+  onThreads([&](unsigned t) {
+    for (unsigned k = t; k < bands; k += threads) {
+      for (const BandRecording& r : recordings) sw.drawRecordedBand(r, k);
+    }
+  });
   thenDirect();
   const uint32_t* pixels = sw.colourBuffer();
   return {pixels, pixels + static_cast<size_t>(sw.width()) * sw.height()};
 }
 
-TEST(SoftwareRasterizer, DrawingByRowsOnThreadsEqualsOneThreadPixelForPixel) {
-  const std::vector<Disc> room = makeRoomScene(120000, 7);
+// Small discs recorded as the pixels they cover, large ones, outlines (lines) and drawing
+// without the depth test recorded as primitives: all give the one-thread picture.
+TEST(SoftwareRasterizer, DrawingInBandsOnThreadsEqualsOneThreadPixelForPixel) {
+  std::vector<Disc> room = makeRoomScene(120000, 7);
   ASSERT_GT(room.size(), 100000u);
   RasterizerSW sw;
   PinholeCamera camera;
   lookIntoRoom(camera, 400, 300);
+  // A few large discs in front of the room, across bands.
+  for (int i = 0; i < 5; ++i) {
+    room.push_back({camera.positionF() + camera.forward * (3.0f + i) + camera.right * (i - 2.0f),
+                    -camera.forward, 0.7f, {0.2f * i, 1, 0.5f}});
+  }
   sw.setCamera(&camera);
   sw.resize(400, 300);
   sw.setFarDistance(50.0f);
-  for (bool indexColours : {false, true}) {
+  for (const auto& [fill, indexColours] : {std::pair{1, false}, {1, true}, {0, false}}) {
+    sw.setFillMode(fill);
     sw.beginFrame();
     drawDiscs(sw, room.data(), room.size(), 8, indexColours);
     const std::vector<uint32_t> single(sw.colourBuffer(), sw.colourBuffer() + 400 * 300);
-    for (const auto& [threads, bandRows] : {std::pair{1u, 300}, {3u, 7}, {4u, 64}}) {
-      EXPECT_EQ(drawByRows(sw, room, threads, bandRows, indexColours), single)
-          << threads << " threads, bands of " << bandRows << " rows, index colours "
-          << indexColours;
+    for (const auto& [threads, bandShift] : {std::pair{1u, 9}, {3u, 3}, {4u, 6}}) {
+      EXPECT_EQ(drawInBands(sw, room, threads, bandShift, indexColours), single)
+          << threads << " threads, bands of " << (1 << bandShift) << " rows, fill mode " << fill
+          << ", index colours " << indexColours;
     }
   }
-  // A thread's limit is its own: the calling thread, never limited, draws over the whole frame,
-  // and a wall drawn over everything without the depth test leaves no disc to be seen.
+  sw.setFillMode(1);
+  // The recording is the thread's own: the calling thread, not recording, draws straight into
+  // the frame, and a wall drawn over everything without the depth test leaves no disc to be seen.
   const Vector middle = camera.positionF() + camera.forward * 20.0f;
   const Vector across = camera.right * 100.0f, upward = camera.up * 100.0f;
   const Vector wall[4] = {middle - across - upward, middle + across - upward,
                           middle + across + upward, middle - across + upward};
-  const std::vector<uint32_t> walled = drawByRows(sw, room, 2, 16, true, [&] {
+  const std::vector<uint32_t> walled = drawInBands(sw, room, 2, 4, true, [&] {
     sw.setDepthTest(false);
     sw.drawPolygonRGBA(wall, 4, 0xABCDEFu);
   });
