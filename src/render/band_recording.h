@@ -35,7 +35,6 @@ class BandRecording {
   // Forgets what was recorded, keeping the bands and the memory.
   void clear();
 
-  int bandShift() const { return bandShift_; }
   unsigned bands() const { return bands_; }
   // Records a primitive (its vertices from vertices + prim.firstVertex) in every band its rows
   // reach.
