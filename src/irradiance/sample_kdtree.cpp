@@ -281,7 +281,7 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
 // Turns the binary subtree under `c` into wide nodes: the child with the largest box is opened
 // until kWidth children are gathered or only leaves remain. Nodes are stored in preorder.
 SampleKdTree::Child SampleKdTree::collapse(const std::vector<BinaryNode>& binary, const Child& c,
-                                           std::vector<Node>& nodes) {
+                                           std::vector<Node, LargeArrayAllocator<Node>>& nodes) {
   if (c.count) return c;
   Child gathered[kWidth];
   int n = 2;

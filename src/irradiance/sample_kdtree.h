@@ -190,13 +190,13 @@ class SampleKdTree {
   };
   struct Tree {
     Child root{};
-    std::vector<Node> nodes;
+    std::vector<Node, LargeArrayAllocator<Node>> nodes;
     // The entries in leaf order, four to a cache line field by field, each leaf from the start
     // of a group, so that a leaf is scanned four entries at a time from lines that lie together.
     // A leaf's `first` is its first lane (a multiple of four); lanes left over at a leaf's end
     // hold a sphere of radius 0, which contains no point, and no sample.
-    std::vector<SphereGroup, UninitialisedAllocator<SphereGroup>> groups;
-    std::vector<IrradSample*, UninitialisedAllocator<IrradSample*>> samples;  // per lane
+    std::vector<SphereGroup, LargeArrayAllocator<SphereGroup>> groups;
+    std::vector<IrradSample*, LargeArrayAllocator<IrradSample*>> samples;  // per lane
     size_t count = 0;                   // entries
     size_t size() const { return count; }
   };
@@ -210,7 +210,7 @@ class SampleKdTree {
   static Child appendNodes(std::vector<BinaryNode>& nodes, const std::vector<BinaryNode>& part,
                            Child c);
   static Child collapse(const std::vector<BinaryNode>& binary, const Child& c,
-                        std::vector<Node>& nodes);
+                        std::vector<Node, LargeArrayAllocator<Node>>& nodes);
   template <class Hits>
   static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p, Hits& hits) {
     gatherGroups(t.groups.data() + first / 4, t.samples.data() + first, n, p, hits);

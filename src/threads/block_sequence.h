@@ -3,8 +3,10 @@
 // and the spatial indexes point into it; the thread manager keeps its worker records here.
 //
 // A sequence that outgrows its first block is a large one, and every block after the first will
-// be filled: those blocks are mapped as they are allocated (threads/prefault.h). The first block
-// is not, so that the many small sequences pay only for the pages they touch.
+// be filled: those blocks are mapped as they are allocated (threads/prefault.h), and where a
+// block spans whole huge pages, they are mappings of their own in huge pages, which the indexes
+// that look samples up at random places read with few TLB misses. The first block is neither,
+// so that the many small sequences pay only for the pages they touch.
 #pragma once
 
 #include <cstddef>
@@ -57,12 +59,13 @@ class BlockSequence {
     const size_t need = (count_ + n + perBlock_ - 1) / perBlock_;
     try {
       while (blocks_.size() < need) {
-        void* mem = std::malloc(sizeof(T) * size_t{perBlock_});
+        const size_t b = blocks_.size();
+        void* mem = allocateBlock(b);
         if (!mem) throw std::bad_alloc();
         try {
           blocks_.push_back(static_cast<T*>(mem));
         } catch (const std::bad_alloc&) {
-          std::free(mem);
+          freeBlock(b, mem);
           throw;
         }
       }
@@ -79,7 +82,7 @@ class BlockSequence {
   void truncate(size_t n) {
     static_assert(std::is_trivially_destructible_v<T>);
     const size_t keep = (n + perBlock_ - 1) / perBlock_;
-    for (size_t b = keep; b < blocks_.size(); ++b) std::free(blocks_[b]);
+    for (size_t b = keep; b < blocks_.size(); ++b) freeBlock(b, blocks_[b]);
     if (keep < blocks_.size()) blocks_.resize(keep);
     if (n < count_) count_ = n;
   }
@@ -122,7 +125,7 @@ class BlockSequence {
         const size_t n = blockLength(b);
         for (size_t i = 0; i < n; ++i) blocks_[b][i].~T();
       }
-      std::free(blocks_[b]);
+      freeBlock(b, blocks_[b]);
     }
     blocks_.clear();
     count_ = 0;
@@ -131,11 +134,26 @@ class BlockSequence {
   SpinningMutex& lock() { return lock_; }
 
  private:
+  size_t blockBytes() const { return sizeof(T) * size_t{perBlock_}; }
+  // Whether block b lies in a mapping of its own (mapLarge): the same answer when it is freed.
+  bool mappedOnItsOwn(size_t b) const { return b > 0 && blockBytes() >= kHugePageBytes; }
+  void* allocateBlock(size_t b) const {
+    return mappedOnItsOwn(b) ? mapLarge(blockBytes()) : std::malloc(blockBytes());
+  }
+  void freeBlock(size_t b, void* mem) const {
+    if (mappedOnItsOwn(b)) {
+      unmapLarge(mem, blockBytes());
+    } else {
+      std::free(mem);
+    }
+  }
+
   T* nextSlot() {
     const size_t inBlock = count_ % perBlock_;
     if (inBlock == 0 && count_ / perBlock_ == blocks_.size()) {
-      void* mem = std::malloc(sizeof(T) * size_t{perBlock_});
-      if (mem && !blocks_.empty()) prefaultForWriting(mem, sizeof(T) * size_t{perBlock_});
+      const size_t b = blocks_.size();
+      void* mem = allocateBlock(b);
+      if (mem && b > 0) prefaultForWriting(mem, blockBytes());
       if (!mem) {
         reportBlockAllocationFailure();
         return nullptr;
@@ -143,7 +161,7 @@ class BlockSequence {
       try {
         blocks_.push_back(static_cast<T*>(mem));
       } catch (const std::bad_alloc&) {
-        std::free(mem);
+        freeBlock(b, mem);
         reportBlockAllocationFailure();
         return nullptr;
       }
