@@ -18,6 +18,14 @@
 
 namespace LUtils {
 
+// The size of a small page.
+inline size_t pageBytes() {
+  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  return page;
+}
+// Bytes rounded up to whole small pages.
+inline size_t wholePages(size_t bytes) { return (bytes + pageBytes() - 1) & ~(pageBytes() - 1); }
+
 // Ranges below this are left to fault in: the call would cost more than it saves.
 inline constexpr size_t kPrefaultMinimumBytes = size_t{64} << 10;
 
@@ -25,7 +33,7 @@ inline constexpr size_t kPrefaultMinimumBytes = size_t{64} << 10;
 // changed (fresh pages read as zero, as they would anyway).
 inline void prefaultForWriting(void* data, size_t bytes) {
   if (bytes < kPrefaultMinimumBytes) return;
-  static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t page = pageBytes();
   const uintptr_t start = (reinterpret_cast<uintptr_t>(data) + page - 1) & ~(page - 1);
   const uintptr_t end = (reinterpret_cast<uintptr_t>(data) + bytes) & ~(page - 1);
 #ifdef MADV_POPULATE_WRITE
@@ -53,8 +61,7 @@ inline constexpr size_t kHugePageBytes = size_t{2} << 20;
 // transparent huge pages are enabled, or enabled on request), and the rest is left in small
 // pages, so that no more is touched than the bytes used. Null when it cannot be mapped.
 inline void* mapLarge(size_t bytes) {
-  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  const size_t size = (bytes + page - 1) & ~(page - 1);
+  const size_t size = wholePages(bytes);
   void* raw = mmap(nullptr, size + kHugePageBytes, PROT_READ | PROT_WRITE,
                    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (raw == MAP_FAILED) return nullptr;
@@ -71,10 +78,7 @@ inline void* mapLarge(size_t bytes) {
   return reinterpret_cast<void*>(start);
 }
 // Unmaps what mapLarge(bytes) returned.
-inline void unmapLarge(void* data, size_t bytes) {
-  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  munmap(data, (bytes + page - 1) & ~(page - 1));
-}
+inline void unmapLarge(void* data, size_t bytes) { munmap(data, wholePages(bytes)); }
 
 // An allocator whose containers leave new elements of trivial types unwritten (resize does not
 // zero them), for arrays that their builder fills whole, where zeroing first would be a second
@@ -102,7 +106,6 @@ struct UninitialisedAllocator : std::allocator<T> {
 // array of at least kHugePageBytes goes in a mapping of its own, in huge pages (mapLarge).
 template <class T>
 struct LargeArrayAllocator : UninitialisedAllocator<T> {
-  using value_type = T;
   template <class U>
   struct rebind {
     using other = LargeArrayAllocator<U>;
@@ -112,13 +115,13 @@ struct LargeArrayAllocator : UninitialisedAllocator<T> {
   LargeArrayAllocator(const LargeArrayAllocator<U>&) noexcept {}
   T* allocate(size_t n) {
     if (n > SIZE_MAX / sizeof(T)) throw std::bad_array_new_length();
-    if (n * sizeof(T) < kHugePageBytes) return std::allocator<T>().allocate(n);
+    if (!large(n)) return std::allocator<T>().allocate(n);
     void* p = mapLarge(n * sizeof(T));
     if (!p) throw std::bad_alloc();
     return static_cast<T*>(p);
   }
   void deallocate(T* p, size_t n) {
-    if (n * sizeof(T) < kHugePageBytes) {
+    if (!large(n)) {
       std::allocator<T>().deallocate(p, n);
     } else {
       unmapLarge(p, n * sizeof(T));
@@ -128,6 +131,9 @@ struct LargeArrayAllocator : UninitialisedAllocator<T> {
   bool operator==(const LargeArrayAllocator<U>&) const noexcept {
     return true;
   }
+
+ private:
+  static bool large(size_t n) { return n * sizeof(T) >= kHugePageBytes; }
 };
 
 }  // namespace LUtils
