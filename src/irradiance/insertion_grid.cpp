@@ -60,7 +60,7 @@ InsertionGrid::Slot& InsertionGrid::Shard::findOrAdd(uint64_t key) {
 }
 
 void InsertionGrid::Shard::grow() {
-  std::vector<Slot> old;
+  Slots old;
   old.swap(slots_);
   const size_t size = old.empty() ? 256 : 2 * old.size();
   slots_.assign(size, Slot{kEmpty, 0, 0});
@@ -77,12 +77,25 @@ void InsertionGrid::Shard::grow() {
 // Maps the next chunk number to a chunk of kChunkEntries, one kept from before clear() if any.
 void InsertionGrid::Shard::addChunk() {
   if (chunksUsed_ == chunks_.size()) {
-    chunks_.push_back({std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
-                       std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
+    if (chunks_.size() < kHeapChunks) {
+      heapChunks_.push_back(
+          {std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
+           std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
+      chunks_.push_back({heapChunks_.back().fields.get(), heapChunks_.back().samples.get()});
+    } else {
+      // Four floats more at the slab's end, as a block has.
+      Slab& slab = slabs_.emplace_back();
+      slab.fields.resize(4 * size_t{kChunkEntries} * kSlabChunks + 4);
+      slab.samples.resize(size_t{kChunkEntries} * kSlabChunks);
+      for (size_t k = 0; k < kSlabChunks; ++k) {
+        chunks_.push_back({slab.fields.data() + 4 * size_t{kChunkEntries} * k,
+                           slab.samples.data() + size_t{kChunkEntries} * k});
+      }
+    }
   }
-  const Block& b = chunks_[chunksUsed_++];
-  fields_.push_back(b.fields.get());
-  samplesOf_.push_back(b.samples.get());
+  const Chunk& chunk = chunks_[chunksUsed_++];
+  fields_.push_back(chunk.fields);
+  samplesOf_.push_back(chunk.samples);
 }
 
 // A range of the size class: a freed one of that size, or a new one at the pool's end. A range

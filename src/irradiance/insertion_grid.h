@@ -51,6 +51,7 @@
 #include "io/vector.h"
 #include "irradiance/irrad_sample.h"
 #include "irradiance/sphere_hits.h"
+#include "threads/prefault.h"
 
 namespace LUtils {
 
@@ -271,7 +272,10 @@ class InsertionGrid {
     void grow();
 
     static constexpr size_t kKeptSlots = size_t{1} << 14;  // 256 KB: kept by clear()
-    std::vector<Slot> slots_;   // open addressing, linear probing, at most half full
+    // Open addressing, linear probing, at most half full. Probes land anywhere in it, so a
+    // large table lies in huge pages.
+    using Slots = std::vector<Slot, LargeArrayAllocator<Slot>>;
+    Slots slots_;
     int shift_ = 64;            // 64 - log2(slots_.size())
     size_t used_ = 0;           // slots holding a cell
     // The pool: per cell range of capacity c, c x, c y, c z, c r floats and c samples. Pool
@@ -288,7 +292,22 @@ class InsertionGrid {
     std::vector<float*> fields_;
     std::vector<IrradSample**> samplesOf_;
     uint64_t end_ = 0;            // pool indexes in use: [0, end_)
-    std::vector<Block> chunks_;   // the chunks of kChunkEntries, kept by clear() for reuse
+    // The chunks of kChunkEntries, kept by clear() for reuse. A shard's first kHeapChunks are
+    // allocated one by one; later ones are carved kSlabChunks at a time from slabs whose fields
+    // lie in huge pages, since the cells of a large grid are read all over its pool.
+    struct Chunk {
+      float* fields;
+      IrradSample** samples;
+    };
+    static constexpr size_t kHeapChunks = 8;
+    static constexpr size_t kSlabChunks = 32;  // 2 MB of fields
+    struct Slab {
+      std::vector<float, LargeArrayAllocator<float>> fields;
+      std::vector<IrradSample*, LargeArrayAllocator<IrradSample*>> samples;
+    };
+    std::vector<Chunk> chunks_;
+    std::vector<Block> heapChunks_;
+    std::vector<Slab> slabs_;
     size_t chunksUsed_ = 0;
     std::vector<Block> large_;    // blocks of a range of their own
     std::vector<uint32_t> freeRanges_[64];  // ranges left by cells that moved, by size class
