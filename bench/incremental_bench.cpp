@@ -3,13 +3,16 @@
 // of the synthesised room offered to a prepared 1M-sample frame of the same room (same camera and
 // second camera), and 3M samples offered to an empty map. Both keep the same samples; the table
 // after the runs gives both kept counts and the reference's seconds per offered sample over ours
-// (target: 3 or more, on one core). Also the plain add of the same samples, and the preparation
-// (kd-tree rebuild) of a 10M-sample map against the plain add of its samples into an empty map.
+// (target: 3 or more, on one core), as the median over rounds that run the two in alternating
+// order. Also the plain add of the same samples, and the preparation (kd-tree rebuild) of a
+// 10M-sample map against the plain add of its samples into an empty map.
 //
-// Counters: "offered_per_s" is source samples offered per second of CPU time; "vs_plain" is CPU
-// time divided by the plain add's; "kept" is the number of samples stored.
+// Counters: "offered_per_s" (and "reference_per_s") is source samples offered per second of CPU
+// time, the median over the rounds; "vs_plain" is CPU time divided by the plain add's; "kept" is
+// the number of samples stored.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -30,7 +33,6 @@ using benchmaps::frame;
 using benchmaps::frameCount;
 using benchmaps::mapOf;
 
-benchmaps::Times gPlain;
 benchmaps::Times gPlainLarge;
 
 void report(benchmark::State& state, const benchmaps::Times& reference, const benchmaps::Times& t) {
@@ -51,84 +53,87 @@ void BM_PlainAdd(benchmark::State& state) {
     target->addSamples(*source, nullptr, 0);
     total += watch.elapsed();
   }
-  gPlain = total.per(state.iterations());
-  state.counters["offered_per_s"] = frameCount() / gPlain.cpu;
+  state.counters["offered_per_s"] = frameCount() / total.per(state.iterations()).cpu;
 }
 
-// One case of the comparison: seconds per offered sample and samples kept, ours and the
-// reference's.
+// One case of the comparison, run in rounds of ours and the reference in alternating order, so
+// that a slow phase of the machine (its speed drifts by tens of percent within a minute) falls on
+// both: the table gives the median of the rounds' ratios, their range, and the median seconds
+// per offered sample of each.
 struct Case {
+  Case(const char* n, int b, int s, int r) : name(n), baseFrame(b), sourceFrame(s), rounds(r) {}
   const char* name;
-  benchmaps::Times ours, reference;
+  int baseFrame;  // < 0: an empty map
+  int sourceFrame;
+  int rounds;
+  std::vector<double> ours, reference, ratios;  // CPU seconds per offered sample; per round
   size_t keptOurs = 0, keptReference = 0;
 };
-Case gCases[3] = {{"1M into 1M, same camera", {}, {}},
-                  {"1M into 1M, second camera", {}, {}},
-                  {"3M into an empty map", {}, {}}};
+Case gCases[3] = {{"1M into 1M, same camera", 0, 1, 5},
+                  {"1M into 1M, second camera", 0, 2, 5},
+                  {"3M into an empty map", -1, 3, 3}};
 
-// baseFrame < 0: an empty map.
-void incrementalAdd(benchmark::State& state, int baseFrame, int sourceFrame, Case& c) {
-  const auto source = mapOf(frame(sourceFrame));
-  const size_t offered = frame(sourceFrame).size();
-  benchmaps::Times total;
-  size_t kept = 0;
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto target = baseFrame >= 0 ? mapOf(frame(baseFrame)) : mapOf({});
-    target->prepare(0);
-    target->setMergeThreads(nullptr, 1);  // one core against the one-core reference
-    const size_t before = target->samples().size();
-    state.ResumeTiming();
-    const benchmaps::Stopwatch watch;
-    target->addSamples(*source, nullptr, 1);
-    total += watch.elapsed();
-    kept = target->samples().size() - before;
-    state.PauseTiming();
-    target.reset();
-    state.ResumeTiming();
-  }
-  const benchmaps::Times per = total.per(state.iterations());
-  state.counters["offered_per_s"] = static_cast<double>(offered) / per.cpu;
-  state.counters["kept"] = static_cast<double>(kept);
-  if (baseFrame >= 0) report(state, gPlain, per);
-  c.ours = per.per(static_cast<int64_t>(offered));
-  c.keptOurs = kept;
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  const size_t n = v.size();
+  return n == 0 ? 0.0 : n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+// Our merge on one core, into a freshly prepared map; the preparation is not timed.
+benchmaps::Times oursOnce(const Case& c, DefIrradianceMap& source, size_t& kept) {
+  auto target = c.baseFrame >= 0 ? mapOf(frame(c.baseFrame)) : mapOf({});
+  target->prepare(0);
+  target->setMergeThreads(nullptr, 1);  // one core against the one-core reference
+  const size_t before = target->samples().size();
+  const benchmaps::Stopwatch watch;
+  target->addSamples(source, nullptr, 1);
+  const benchmaps::Times t = watch.elapsed();
+  kept = target->samples().size() - before;
+  return t;
 }
 
 // The same offers to the octree cache built over the same map (the build is not timed, as the
 // map's preparation is not).
-void referenceAdd(benchmark::State& state, int baseFrame, int sourceFrame, Case& c) {
-  const std::vector<IrradSample>& offered = frame(sourceFrame);
-  benchmaps::Times total;
-  size_t kept = 0;
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto cache = benchmaps::referenceHolding(baseFrame, offered.size());
-    state.ResumeTiming();
-    const benchmaps::Stopwatch watch;
-    size_t n = 0;
-    for (const IrradSample& s : offered) n += cache->offer(s);
-    total += watch.elapsed();
-    kept = n;
-    state.PauseTiming();
-    cache.reset();
-    state.ResumeTiming();
-  }
-  const benchmaps::Times per = total.per(state.iterations());
-  state.counters["offered_per_s"] = static_cast<double>(offered.size()) / per.cpu;
-  state.counters["kept"] = static_cast<double>(kept);
-  c.reference = per.per(static_cast<int64_t>(offered.size()));
-  c.keptReference = kept;
+benchmaps::Times referenceOnce(const Case& c, size_t& kept) {
+  const std::vector<IrradSample>& offered = frame(c.sourceFrame);
+  auto cache = benchmaps::referenceHolding(c.baseFrame, offered.size());
+  const benchmaps::Stopwatch watch;
+  size_t n = 0;
+  for (const IrradSample& s : offered) n += cache->offer(s);
+  const benchmaps::Times t = watch.elapsed();
+  kept = n;
+  return t;
 }
 
-void BM_IncrementalAddSameCamera(benchmark::State& state) { incrementalAdd(state, 0, 1, gCases[0]); }
-void BM_ReferenceSameCamera(benchmark::State& state) { referenceAdd(state, 0, 1, gCases[0]); }
-void BM_IncrementalAddSecondCamera(benchmark::State& state) {
-  incrementalAdd(state, 0, 2, gCases[1]);
+void compare(benchmark::State& state, Case& c) {
+  const auto source = mapOf(frame(c.sourceFrame));
+  const auto offered = static_cast<double>(frame(c.sourceFrame).size());
+  for (auto _ : state) {
+    c.ours.clear();
+    c.reference.clear();
+    c.ratios.clear();
+    for (int r = 0; r < c.rounds; ++r) {
+      benchmaps::Times ours, reference;
+      for (int k = 0; k < 2; ++k) {
+        if ((r + k) % 2 == 0) {  // ours first in even rounds, the reference first in odd ones
+          ours = oursOnce(c, *source, c.keptOurs);
+        } else {
+          reference = referenceOnce(c, c.keptReference);
+        }
+      }
+      c.ours.push_back(ours.cpu / offered);
+      c.reference.push_back(reference.cpu / offered);
+      c.ratios.push_back(reference.cpu / ours.cpu);
+    }
+  }
+  state.counters["kept"] = static_cast<double>(c.keptOurs);
+  state.counters["offered_per_s"] = 1.0 / median(c.ours);
+  state.counters["reference_per_s"] = 1.0 / median(c.reference);
 }
-void BM_ReferenceSecondCamera(benchmark::State& state) { referenceAdd(state, 0, 2, gCases[1]); }
-void BM_IncrementalAdd3MEmpty(benchmark::State& state) { incrementalAdd(state, -1, 3, gCases[2]); }
-void BM_Reference3MEmpty(benchmark::State& state) { referenceAdd(state, -1, 3, gCases[2]); }
+
+void BM_SameCamera(benchmark::State& state) { compare(state, gCases[0]); }
+void BM_SecondCamera(benchmark::State& state) { compare(state, gCases[1]); }
+void BM_Empty3M(benchmark::State& state) { compare(state, gCases[2]); }
 
 void BM_PlainAdd10M(benchmark::State& state) {
   const auto source = mapOf(frame(0), 10);
@@ -194,12 +199,9 @@ void BM_Prepare10M(benchmark::State& state) {
 }
 
 BENCHMARK(BM_PlainAdd)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_IncrementalAddSameCamera)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_ReferenceSameCamera)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_IncrementalAddSecondCamera)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_ReferenceSecondCamera)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_IncrementalAdd3MEmpty)->Unit(benchmark::kMillisecond)->Iterations(2);
-BENCHMARK(BM_Reference3MEmpty)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_SameCamera)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_SecondCamera)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Empty3M)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 BENCHMARK(BM_PlainAdd10M)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_Load10M)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_Prepare10M)->Unit(benchmark::kMillisecond)->Iterations(2);
@@ -210,14 +212,16 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
-  std::printf("\nIncremental add against the octree cache (seconds per offered sample, CPU; "
-              "target: reference / ours >= 3):\n");
+  std::printf("\nIncremental add against the octree cache (CPU seconds per offered sample, "
+              "one core; medians over rounds in alternating order; target: reference / ours "
+              ">= 3):\n");
   for (const Case& c : gCases) {
-    if (c.ours.cpu <= 0.0 || c.reference.cpu <= 0.0) continue;
-    std::printf("%-28s ours %7.3f us, reference %7.3f us, reference / ours %5.2f (wall %5.2f); "
-                "kept %zu and %zu%s\n",
-                c.name, 1e6 * c.ours.cpu, 1e6 * c.reference.cpu, c.reference.cpu / c.ours.cpu,
-                c.reference.wall / c.ours.wall, c.keptOurs, c.keptReference,
+    if (c.ratios.empty()) continue;
+    const auto [lo, hi] = std::minmax_element(c.ratios.begin(), c.ratios.end());
+    std::printf("%-28s ours %7.3f us, reference %7.3f us, reference / ours %5.2f (%.2f-%.2f "
+                "over %zu rounds); kept %zu and %zu%s\n",
+                c.name, 1e6 * median(c.ours), 1e6 * median(c.reference), median(c.ratios), *lo,
+                *hi, c.ratios.size(), c.keptOurs, c.keptReference,
                 c.keptOurs == c.keptReference ? "" : "  MISMATCH");
   }
   if (gLoad10M.wall > 0.0 && gPrepare10M.wall > 0.0) {
