@@ -62,15 +62,6 @@ void MergeProgress::tell() {
 
 namespace {
 
-// Builds the irradiance map's index under the viewer's reference settings and gives it back its
-// own settings.
-void prepareUnderReferenceSettings(IrradianceMap& map) {
-  const IrradianceMapHeader own = *map.header();
-  map.setHeader(viewerReferenceSettings());
-  map.prepare(DefIrradianceMap::kPrepareAfterLoad);
-  map.setHeader(own);
-}
-
 AddResult addLightCache(const char* name, bool incremental, const SampleBits& deleted,
                         MergeProgress& progress, std::FILE* console,
                         const std::function<void()>& replaced) {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "irradiance/def_irradiance_map.h"
 #include "render/draw_options.h"
 #include "viewer/viewer_commands.h"
 
@@ -145,6 +146,13 @@ IrradianceMapHeader viewerReferenceSettings() {
   settings.interpolationMode = 2;
   settings.timeDependence = 0.0f;
   return settings;
+}
+
+void prepareUnderReferenceSettings(IrradianceMap& map) {
+  const IrradianceMapHeader own = *map.header();
+  map.setHeader(viewerReferenceSettings());
+  map.prepare(DefIrradianceMap::kPrepareAfterLoad);
+  map.setHeader(own);
 }
 
 }  // namespace LUtils

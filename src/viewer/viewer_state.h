@@ -13,6 +13,7 @@
 namespace LUtils {
 
 class DrawOptions;
+class IrradianceMap;
 class SampleBits;
 
 struct ViewerSettings {
@@ -111,5 +112,9 @@ std::string frameStatusText(uint64_t drawn, uint64_t deleted, uint64_t selected,
 // The settings an irradiance map is prepared under in the viewer: the defaults, with 20
 // interpolation samples, interpolation mode 2 and no time dependence.
 IrradianceMapHeader viewerReferenceSettings();
+
+// Prepares an irradiance map for incremental insertion (its index, built with the loader's
+// argument) under the viewer's reference settings, and gives the map back its own settings.
+void prepareUnderReferenceSettings(IrradianceMap& map);
 
 }  // namespace LUtils

@@ -51,15 +51,6 @@ std::string traceLabel(std::string label) {
   return label;
 }
 
-// Builds the irradiance map's index under the viewer's reference settings and gives it back its
-// own settings.
-void prepareForViewer(LUtils::IrradianceMap& map) {
-  const IrradianceMapHeader own = *map.header();
-  map.setHeader(LUtils::viewerReferenceSettings());
-  map.prepare(LUtils::DefIrradianceMap::kPrepareAfterLoad);
-  map.setHeader(own);
-}
-
 // GTK gives the exit item, whose identifier is the toolkit's stock one, the stock accelerator
 // Ctrl+Q, which "&Exit" does not have. One GTK call takes it off; it is looked up in the GTK the
 // toolkit has loaded, so that the build needs no GTK headers.
@@ -259,7 +250,7 @@ bool CacheViewMainWindow::loadInPlace(const std::string& name) {
     irradiance = LUtils::newIrradianceMap();
     irradiance->setHeader(LUtils::viewerReferenceSettings());
   }
-  prepareForViewer(*irradiance);
+  LUtils::prepareUnderReferenceSettings(*irradiance);
 
   LUtils::IrradianceMap* oldIrradiance = gIrradianceMap;
   LightMap* oldLight = gLightMap;

@@ -29,18 +29,13 @@ bool CacheViewApp::OnInit() {
   auto* window = new CacheViewMainWindow(*scene_);
   SetTopWindow(window);
 
-  // The maps are indexed for insertion under the viewer's reference settings.
-  const IrradianceMapHeader reference = LUtils::viewerReferenceSettings();
-  if (gIrradianceMap != nullptr) {
-    const IrradianceMapHeader own = *gIrradianceMap->header();
-    gIrradianceMap->setHeader(reference);
-    gIrradianceMap->prepare(LUtils::DefIrradianceMap::kPrepareAfterLoad);
-    gIrradianceMap->setHeader(own);
-  } else {
+  // The maps are indexed for insertion under the viewer's reference settings; without a map,
+  // an empty one with those settings.
+  if (gIrradianceMap == nullptr) {
     gIrradianceMap = LUtils::newIrradianceMap();
-    gIrradianceMap->setHeader(reference);
-    gIrradianceMap->prepare(LUtils::DefIrradianceMap::kPrepareAfterLoad);
+    gIrradianceMap->setHeader(LUtils::viewerReferenceSettings());
   }
+  LUtils::prepareUnderReferenceSettings(*gIrradianceMap);
 
   if (gOpenAtStartup != 0) {
     if (!window->openMap(true)) {
