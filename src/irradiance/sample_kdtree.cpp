@@ -2,9 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 #include <system_error>
 #include <thread>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "io/placement.h"
 #include "threads/prefault.h"
@@ -200,7 +205,7 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
   std::vector<BinaryNode> binary;
   // Generous, and filled as the tree grows: not mapped ahead (that would map pages never used).
   binary.reserve(n / (kLeafSize / 2) + 1);
-  const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0);
+  const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0, nullptr);
   tree.nodes.clear();
   reserveMapped(tree.nodes, binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
@@ -377,32 +382,126 @@ float floatAbove(double v) {
 
 }  // namespace
 
+SampleKdTree::Bounds::Bounds()
+    : plo{kInfF, kInfF, kInfF}, phi{-kInfF, -kInfF, -kInfF}, blo{kInfD, kInfD, kInfD},
+      bhi{-kInfD, -kInfD, -kInfD} {}
+
+// Gathers the Bounds of entries one by one, in registers while a loop runs. Per axis: the range
+// of the centres in float and, in double, of centre - pad and centre + pad, where
+// pad = radius + |centre| * 1e-6. A bound is replaced only by a value beyond it, as std::min and
+// std::max do, so the bounds come out the same to the bit in whatever order entries come.
+class SampleKdTree::BoundsGatherer {
+ public:
+#if defined(__SSE2__)
+  static_assert(offsetof(Entry, y) == offsetof(Entry, x) + 4 &&
+                offsetof(Entry, z) == offsetof(Entry, x) + 8 &&
+                offsetof(Entry, r) == offsetof(Entry, x) + 12);
+  BoundsGatherer()
+      : plo_(_mm_set1_ps(kInfF)), phi_(_mm_set1_ps(-kInfF)), bloXY_(_mm_set1_pd(kInfD)),
+        bhiXY_(_mm_set1_pd(-kInfD)), bloZ_(bloXY_), bhiZ_(bhiXY_) {}
+  void add(const Entry& e) {
+    const __m128 c = _mm_loadu_ps(&e.x);  // x, y, z and the radius, unused in the fourth lane
+    plo_ = _mm_min_ps(c, plo_);
+    phi_ = _mm_max_ps(c, phi_);
+    const __m128d r = _mm_set1_pd(double{e.r});
+    const __m128d k = _mm_set1_pd(1e-6);
+    const __m128d magnitude = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFF));
+    const __m128d xy = _mm_cvtps_pd(c);
+    const __m128d zr = _mm_cvtps_pd(_mm_movehl_ps(c, c));  // z, and the radius, unused
+    const __m128d padXY = _mm_add_pd(r, _mm_mul_pd(_mm_and_pd(xy, magnitude), k));
+    const __m128d padZ = _mm_add_pd(r, _mm_mul_pd(_mm_and_pd(zr, magnitude), k));
+    bloXY_ = _mm_min_pd(_mm_sub_pd(xy, padXY), bloXY_);
+    bhiXY_ = _mm_max_pd(_mm_add_pd(xy, padXY), bhiXY_);
+    bloZ_ = _mm_min_pd(_mm_sub_pd(zr, padZ), bloZ_);
+    bhiZ_ = _mm_max_pd(_mm_add_pd(zr, padZ), bhiZ_);
+  }
+  void store(SampleKdTree::Bounds& out) const {
+    alignas(16) float lo[4], hi[4];
+    _mm_store_ps(lo, plo_);
+    _mm_store_ps(hi, phi_);
+    std::copy(lo, lo + 3, out.plo);
+    std::copy(hi, hi + 3, out.phi);
+    _mm_storeu_pd(out.blo, bloXY_);
+    _mm_storeu_pd(out.bhi, bhiXY_);
+    _mm_store_sd(out.blo + 2, bloZ_);
+    _mm_store_sd(out.bhi + 2, bhiZ_);
+  }
+
+ private:
+  __m128 plo_, phi_;
+  __m128d bloXY_, bhiXY_, bloZ_, bhiZ_;
+#else
+  void add(const Entry& e) {
+    const double r = e.r;
+    const float c[3] = {e.x, e.y, e.z};
+    for (int a = 0; a < 3; ++a) {
+      b_.plo[a] = std::min(b_.plo[a], c[a]);
+      b_.phi[a] = std::max(b_.phi[a], c[a]);
+      const double pad = r + std::abs(double{c[a]}) * 1e-6;
+      b_.blo[a] = std::min(b_.blo[a], c[a] - pad);
+      b_.bhi[a] = std::max(b_.bhi[a], c[a] + pad);
+    }
+  }
+  void store(SampleKdTree::Bounds& out) const { out = b_; }
+
+ private:
+  SampleKdTree::Bounds b_;
+#endif
+};
+
 // Splits entries [begin, end) where the boxes of the two halves, weighted by their entry counts,
-// are smallest (binned by centre). Returns the first entry of the second half;
-// begin or end when no bin boundary separates the entries.
+// are smallest (binned by centre), and fills the bounds of the two halves. `box` holds the
+// entries' bounds. Returns the first entry of the second half; begin or end when no bin boundary
+// separates the entries (and then the halves' bounds are not filled).
 uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
-                                const float* plo, const float* phi) {
+                                const Bounds& box, Bounds& low, Bounds& high) {
   double bestCost = kInfD;
   int bestBin = -1;
   // Only the axis along which the centres spread widest is binned: a third of the work, for
   // trees that answer queries about as fast as those binned along all three.
-  const int a = widestAxis(plo, phi);
-  const double extent = double{phi[a]} - plo[a];
+  const int a = widestAxis(box.plo, box.phi);
+  const double extent = double{box.phi[a]} - box.plo[a];
   if (!(extent > 0.0)) return begin;
-  const double lo = plo[a];
+  const double lo = box.plo[a];
   const double scale = kBins / extent * 0.9999;
-  Bin bins[kBins];
+  // Two sets of bins, for the even and the odd entries, merged after: neighbouring entries
+  // often fall into one bin, and each would otherwise wait for the other's update of it.
+  Bin bins[kBins], odd[kBins];
   for (Bin& b : bins) b = {{kInfD, kInfD, kInfD}, {-kInfD, -kInfD, -kInfD}, 0};
-  for (uint32_t i = begin; i < end; ++i) {
-    const Entry& e = entries[i];
+  std::copy(bins, bins + kBins, odd);
+  auto binEntry = [&](const Entry& e, Bin* set) {
+    Bin& b = set[binOf(a == 0 ? e.x : (a == 1 ? e.y : e.z), lo, scale)];
+#if defined(__SSE2__)
+    const __m128 c = _mm_loadu_ps(&e.x);
+    const __m128d r = _mm_set1_pd(double{e.r});
+    const __m128d xy = _mm_cvtps_pd(c);
+    const __m128d z = _mm_cvtps_pd(_mm_movehl_ps(c, c));
+    _mm_storeu_pd(b.lo, _mm_min_pd(_mm_sub_pd(xy, r), _mm_loadu_pd(b.lo)));
+    _mm_storeu_pd(b.hi, _mm_max_pd(_mm_add_pd(xy, r), _mm_loadu_pd(b.hi)));
+    _mm_store_sd(b.lo + 2, _mm_min_sd(_mm_sub_sd(z, r), _mm_load_sd(b.lo + 2)));
+    _mm_store_sd(b.hi + 2, _mm_max_sd(_mm_add_sd(z, r), _mm_load_sd(b.hi + 2)));
+#else
     const float c[3] = {e.x, e.y, e.z};
-    Bin& b = bins[binOf(c[a], lo, scale)];
     const double r = e.r;
     for (int j = 0; j < 3; ++j) {
       b.lo[j] = std::min(b.lo[j], c[j] - r);
       b.hi[j] = std::max(b.hi[j], c[j] + r);
     }
+#endif
     ++b.count;
+  };
+  uint32_t i = begin;
+  for (; i + 1 < end; i += 2) {
+    binEntry(entries[i], bins);
+    binEntry(entries[i + 1], odd);
+  }
+  if (i < end) binEntry(entries[i], bins);
+  for (int k = 0; k < kBins; ++k) {
+    for (int j = 0; j < 3; ++j) {
+      bins[k].lo[j] = std::min(bins[k].lo[j], odd[k].lo[j]);
+      bins[k].hi[j] = std::max(bins[k].hi[j], odd[k].hi[j]);
+    }
+    bins[k].count += odd[k].count;
   }
   double rightCost[kBins];
   Bin acc = {{kInfD, kInfD, kInfD}, {-kInfD, -kInfD, -kInfD}, 0};
@@ -429,11 +528,30 @@ uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uin
     }
   }
   if (bestBin < 0) return begin;
-  auto it = std::partition(entries.begin() + begin, entries.begin() + end, [&](const Entry& e) {
+  // The partition swaps from both ends (Hoare's scheme): the first entry from the left that
+  // belongs right with the first from the right that belongs left. Each entry is tested once,
+  // and goes into the bounds of its half then, so that the halves need no pass of their own.
+  const auto left = [&](const Entry& e) {
     const float c = a == 0 ? e.x : (a == 1 ? e.y : e.z);
     return binOf(c, lo, scale) <= bestBin;
-  });
-  return static_cast<uint32_t>(it - entries.begin());
+  };
+  Entry* first = entries.data() + begin;
+  Entry* last = entries.data() + end;
+  BoundsGatherer lowBounds, highBounds;
+  for (;;) {
+    for (; first != last && left(*first); ++first) lowBounds.add(*first);
+    if (first == last) break;
+    highBounds.add(*first);
+    --last;
+    for (; first != last && !left(*last); --last) highBounds.add(*last);
+    if (first == last) break;
+    lowBounds.add(*last);
+    std::swap(*first, *last);
+    ++first;
+  }
+  lowBounds.store(low);
+  highBounds.store(high);
+  return static_cast<uint32_t>(first - entries.data());
 }
 
 int SampleKdTree::parallelDepth() {
@@ -465,38 +583,36 @@ SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
 // Builds the binary subtree over entries [begin, end), inner nodes in preorder. Splits where the
 // two halves' boxes are smallest; where no such split separates the entries (many samples at one
 // point) or the tree grows deep, at the median of the positions along their widest axis, which
-// bounds the depth whatever the data.
+// bounds the depth whatever the data. `known` holds the entries' bounds when the split above
+// gathered them; null: they are gathered here.
 SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
                                              std::vector<BinaryNode>& nodes, uint32_t begin,
-                                             uint32_t end, int depth) {
+                                             uint32_t end, int depth, const Bounds* known) {
   constexpr float inf = std::numeric_limits<float>::infinity();
   Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
-  float plo[3] = {inf, inf, inf}, phi[3] = {-inf, -inf, -inf};
-  // The padded box in double (a centre near the float limit plus its radius overflows float),
-  // rounded outwards once at the end.
-  double blo[3] = {kInfD, kInfD, kInfD}, bhi[3] = {-kInfD, -kInfD, -kInfD};
-  for (uint32_t i = begin; i < end; ++i) {
-    const Entry& e = entries[i];
-    const double r = e.r;
-    const float c[3] = {e.x, e.y, e.z};
-    for (int a = 0; a < 3; ++a) {
-      plo[a] = std::min(plo[a], c[a]);
-      phi[a] = std::max(phi[a], c[a]);
-      const double pad = r + std::abs(double{c[a]}) * 1e-6;
-      blo[a] = std::min(blo[a], c[a] - pad);
-      bhi[a] = std::max(bhi[a], c[a] + pad);
-    }
+  Bounds own;
+  if (!known) {
+    BoundsGatherer gather;
+    for (uint32_t i = begin; i < end; ++i) gather.add(entries[i]);
+    gather.store(own);
+    known = &own;
   }
+  // The padded box is rounded outwards to float once, here.
   for (int a = 0; a < 3; ++a) {
-    child.lo[a] = floatBelow(blo[a]);
-    child.hi[a] = floatAbove(bhi[a]);
+    child.lo[a] = floatBelow(known->blo[a]);
+    child.hi[a] = floatAbove(known->bhi[a]);
   }
   const uint32_t count = end - begin;
   if (count <= kLeafSize || depth >= 60) return child;
 
-  uint32_t mid = sahSplit(entries, begin, end, plo, phi);
+  // The split gathers the halves' bounds as it partitions; the median split below does not.
+  Bounds lowBounds, highBounds;
+  const Bounds* lowKnown = &lowBounds;
+  const Bounds* highKnown = &highBounds;
+  uint32_t mid = sahSplit(entries, begin, end, *known, lowBounds, highBounds);
   if (mid == begin || mid == end || depth >= 40) {
-    const int axis = widestAxis(plo, phi);
+    lowKnown = highKnown = nullptr;
+    const int axis = widestAxis(known->plo, known->phi);
     mid = begin + count / 2;
     auto key = [axis](const Entry& e) { return axis == 0 ? e.x : (axis == 1 ? e.y : e.z); };
     std::nth_element(entries.begin() + begin, entries.begin() + mid, entries.begin() + end,
@@ -512,7 +628,7 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
     std::vector<BinaryNode> lowNodes, highNodes;
     auto buildLow = [&] {
       lowNodes.reserve((mid - begin) / (kLeafSize / 2) + 1);
-      low = buildChild(entries, lowNodes, begin, mid, depth + 1);
+      low = buildChild(entries, lowNodes, begin, mid, depth + 1, lowKnown);
     };
     std::thread worker;
     try {
@@ -521,13 +637,13 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
       buildLow();  // no thread to spare: build it here
     }
     highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
-    high = buildChild(entries, highNodes, mid, end, depth + 1);
+    high = buildChild(entries, highNodes, mid, end, depth + 1, highKnown);
     if (worker.joinable()) worker.join();
     low = appendNodes(nodes, lowNodes, low);
     high = appendNodes(nodes, highNodes, high);
   } else {
-    low = buildChild(entries, nodes, begin, mid, depth + 1);
-    high = buildChild(entries, nodes, mid, end, depth + 1);
+    low = buildChild(entries, nodes, begin, mid, depth + 1, lowKnown);
+    high = buildChild(entries, nodes, mid, end, depth + 1, highKnown);
   }
   nodes[index].child[0] = low;
   nodes[index].child[1] = high;

@@ -201,11 +201,20 @@ class SampleKdTree {
     size_t size() const { return count; }
   };
 
+  // What the build knows of a run of entries: the box of their centres, and the box of their
+  // spheres padded a little, in double (a centre near the float limit plus its radius overflows
+  // float).
+  struct Bounds {
+    float plo[3], phi[3];
+    double blo[3], bhi[3];
+    Bounds();
+  };
+  class BoundsGatherer;
   static void buildTree(Tree& tree, std::vector<Entry>& entries);
   static uint32_t sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
-                           const float* plo, const float* phi);
+                           const Bounds& box, Bounds& low, Bounds& high);
   static Child buildChild(std::vector<Entry>& entries, std::vector<BinaryNode>& nodes,
-                          uint32_t begin, uint32_t end, int depth);
+                          uint32_t begin, uint32_t end, int depth, const Bounds* known);
   static int parallelDepth();
   static Child appendNodes(std::vector<BinaryNode>& nodes, const std::vector<BinaryNode>& part,
                            Child c);
