@@ -13,6 +13,7 @@
 #include "render/rasterizer.h"
 #include "render/sw_raster.h"
 #include "render/view_projection.h"
+#include "threads/prefault.h"
 
 namespace LUtils {
 
@@ -90,9 +91,11 @@ class RasterizerSW final : public Rasterizer3D {
 
   int width_ = 0;
   int height_ = 0;
-  std::vector<uint32_t> front_;
-  std::vector<uint32_t> back_;
-  std::vector<uint32_t> depth_;
+  // Three buffers of the frame's size, mapped in huge pages when they are large.
+  using Buffer = std::vector<uint32_t, FrameBufferAllocator<uint32_t>>;
+  Buffer front_;
+  Buffer back_;
+  Buffer depth_;
   uint32_t clearColour_ = 0xFF000000u;
   int fillMode_ = 1;
   bool depthTest_ = true;

@@ -136,4 +136,43 @@ struct LargeArrayAllocator : UninitialisedAllocator<T> {
   static bool large(size_t n) { return n * sizeof(T) >= kHugePageBytes; }
 };
 
+// For a buffer that is written whole as soon as it is made, and again every frame (a picture, a
+// depth buffer): from half a huge page up it gets a mapping of its own rounded up to whole huge
+// pages, so that its first clear maps a few huge pages rather than hundreds of small ones, for
+// less than half a huge page to spare. Smaller buffers come from the heap.
+template <class T>
+struct FrameBufferAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = FrameBufferAllocator<U>;
+  };
+  FrameBufferAllocator() = default;
+  template <class U>
+  FrameBufferAllocator(const FrameBufferAllocator<U>&) noexcept {}
+  T* allocate(size_t n) {
+    if (n > SIZE_MAX / sizeof(T)) throw std::bad_array_new_length();
+    if (!large(n)) return std::allocator<T>().allocate(n);
+    void* p = mapLarge(mapped(n));
+    if (!p) throw std::bad_alloc();
+    return static_cast<T*>(p);
+  }
+  void deallocate(T* p, size_t n) {
+    if (!large(n)) {
+      std::allocator<T>().deallocate(p, n);
+    } else {
+      unmapLarge(p, mapped(n));
+    }
+  }
+  template <class U>
+  bool operator==(const FrameBufferAllocator<U>&) const noexcept {
+    return true;
+  }
+
+ private:
+  static bool large(size_t n) { return n * sizeof(T) >= kHugePageBytes / 2; }
+  static size_t mapped(size_t n) {
+    return (n * sizeof(T) + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
+  }
+};
+
 }  // namespace LUtils
