@@ -108,10 +108,25 @@ class BandTask final : public MultiThreaded {
   std::atomic<size_t> next_{0};
 };
 
-// The zlib stream of the picture's rows: a header, the bands, the combined checksum.
+// The zlib stream of the picture's rows, kept in its pieces (a header, the bands, the combined
+// checksum) and written out piece by piece, never joined in memory.
+struct RowStream {
+  std::vector<Band> bands;
+  uint8_t header[2] = {0x78, 0x5E};  // deflate, 32K window, a fast level; (0x785E % 31) == 0
+  uint8_t checksum[4] = {};
+  size_t bytes() const {
+    size_t n = sizeof header + sizeof checksum;
+    for (const Band& band : bands) n += band.data.size();
+    return n;
+  }
+  // A PNG chunk holds at most 2^31 - 1 bytes.
+  bool fitsOneChunk() const { return bytes() <= PNG_UINT_31_MAX; }
+};
+
 bool compressRows(const uint32_t* pixels, int width, int height, ThreadManager* threads,
-                  int threadCount, std::vector<uint8_t>& stream) {
-  std::vector<Band> bands(static_cast<size_t>((height + kBandRows - 1) / kBandRows));
+                  int threadCount, RowStream& stream) {
+  std::vector<Band>& bands = stream.bands;
+  bands.resize(static_cast<size_t>((height + kBandRows - 1) / kBandRows));
   BandTask task(pixels, width, height, bands);
   if (threads && threadCount != 1 && bands.size() > 1) {
     threads->run(threadCount, &task, nullptr, false);
@@ -119,21 +134,28 @@ bool compressRows(const uint32_t* pixels, int width, int height, ThreadManager* 
     std::atomic<int32_t> progress{0};
     task.run(&task.result, &progress, 0, 1);
   }
-  stream = {0x78, 0x5E};  // deflate, 32K window, a fast level; (0x785E % 31) == 0
   uLong adler = adler32(0, nullptr, 0);
   for (const Band& band : bands) {
     if (!band.ok) return false;
-    stream.insert(stream.end(), band.data.begin(), band.data.end());
     adler = adler32_combine(adler, band.adler, static_cast<z_off_t>(band.rawBytes));
   }
-  for (int shift = 24; shift >= 0; shift -= 8) stream.push_back(static_cast<uint8_t>(adler >> shift));
+  for (int k = 0; k < 4; ++k) stream.checksum[k] = static_cast<uint8_t>(adler >> (24 - 8 * k));
   return true;
+}
+
+// The rows' stream as one IDAT chunk of `length` bytes.
+void writeRows(png_structp png, const RowStream& rows, png_uint_32 length) {
+  png_write_chunk_start(png, reinterpret_cast<png_const_bytep>("IDAT"), length);
+  png_write_chunk_data(png, rows.header, sizeof rows.header);
+  for (const Band& band : rows.bands) png_write_chunk_data(png, band.data.data(), band.data.size());
+  png_write_chunk_data(png, rows.checksum, sizeof rows.checksum);
+  png_write_chunk_end(png);
 }
 
 // Everything that may longjmp lives in this function, which owns no C++ objects with
 // destructors: the compressed rows are the caller's.
-bool writeChunks(std::FILE* file, int width, int height, const uint8_t* idat, size_t idatBytes,
-                 std::string* message) {
+bool writeChunks(std::FILE* file, int width, int height, const RowStream& rows,
+                 png_uint_32 rowBytes, std::string* message) {
   png_structp png =
       png_create_write_struct(PNG_LIBPNG_VER_STRING, message, onPngError, onPngWarning);
   if (png == nullptr) return false;
@@ -148,7 +170,7 @@ bool writeChunks(std::FILE* file, int width, int height, const uint8_t* idat, si
                PNG_FILTER_TYPE_DEFAULT);
   png_write_info(png, info);
   // The rows were compressed here: libpng writes them as they are, in one IDAT chunk.
-  png_write_chunk(png, reinterpret_cast<png_const_bytep>("IDAT"), idat, idatBytes);
+  writeRows(png, rows, rowBytes);
   png_write_chunk(png, reinterpret_cast<png_const_bytep>("IEND"), nullptr, 0);
   png_destroy_write_struct(&png, &info);
   return true;
@@ -172,10 +194,16 @@ bool writePng(const std::string& path, const uint32_t* pixels, int width, int he
   }
   struct stat status {};
   const bool regular = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
-  std::vector<uint8_t> idat;
-  bool written = compressRows(pixels, width, height, threads, threadCount, idat);
-  if (!written) message = "cannot compress the picture";
-  written = written && writeChunks(file, width, height, idat.data(), idat.size(), &message);
+  RowStream rows;
+  bool written = compressRows(pixels, width, height, threads, threadCount, rows);
+  if (!written) {
+    message = "cannot compress the picture";
+  } else if (!rows.fitsOneChunk()) {
+    message = "the compressed picture is larger than a PNG chunk can hold";
+    written = false;
+  }
+  written = written && writeChunks(file, width, height, rows,
+                                   static_cast<png_uint_32>(rows.bytes()), &message);
   const bool closed = std::fclose(file) == 0;
   if (!(written && closed)) {
     if (regular) std::remove(path.c_str());  // never a device or a pipe
