@@ -9,6 +9,7 @@
 // stream is kept positioned at bufferStart_, so sequential writing never seeks it (pipes and
 // devices can be written through it).
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,8 +36,8 @@ void PBufferedStream::setup(int mode, PStream* stream, uint32_t bufferSize) {
   position_ = 0;
   valid_ = 0;
   loaded_ = false;
-  endReached_ = false;
   dirty_ = false;
+  underlying_ = 0;
 }
 
 // Writes the dirty bytes out and leaves an empty buffer starting at the current position.
@@ -81,6 +82,25 @@ int PBufferedStream::flush() {
   return writeStatus != 0 ? -1 : 0;
 }
 
+// A stream that cannot seek (a pipe, a terminal) is read on from where it is: a block then
+// starts at the position wanted rather than at its aligned start, and a position further on is
+// reached by reading and dropping the bytes before it. Only going back fails there.
+int PBufferedStream::moveUnderlyingTo(uint64_t& start, uint64_t absolute) {
+  const int status = stream_->seek(start);
+  if (status != ESPIPE) return status;
+  if (absolute < underlying_) return status;
+  while (underlying_ < absolute) {
+    uint32_t got = 0;
+    const auto skip = static_cast<uint32_t>(std::min<uint64_t>(bufferSize_, absolute - underlying_));
+    const int readStatus = stream_->read(buffer_, skip, &got);
+    underlying_ += got;
+    if (readStatus != 0) return readStatus;
+    if (got < skip) break;  // the end: the read there finds nothing
+  }
+  start = underlying_;
+  return 0;
+}
+
 int PBufferedStream::read(void* buffer, uint32_t count, uint32_t* bytesRead) {
   *bytesRead = 0;
   if (!stream_ || !buffer_) return -1;
@@ -90,15 +110,15 @@ int PBufferedStream::read(void* buffer, uint32_t count, uint32_t* bytesRead) {
     if (!loaded_ || position_ >= valid_) {
       if (mode_ == kReading) {
         const uint64_t absolute = bufferStart_ + position_;
-        const uint64_t aligned = absolute - absolute % bufferSize_;
-        status = stream_->seek(aligned);
+        uint64_t start = absolute - absolute % bufferSize_;
+        status = moveUnderlyingTo(start, absolute);
         if (status != 0) break;
         uint32_t got = 0;
         status = stream_->read(buffer_, bufferSize_, &got);
         valid_ = got;
-        bufferStart_ = aligned;
-        position_ = static_cast<uint32_t>(absolute - aligned);
-        endReached_ = stream_->eof();
+        bufferStart_ = start;
+        underlying_ = start + got;
+        position_ = static_cast<uint32_t>(absolute - start);
         loaded_ = true;
         if (status != 0) break;
       } else {
@@ -124,7 +144,7 @@ int PBufferedStream::write(const void* buffer, uint32_t count, uint32_t* written
     const uint64_t absolute = bufferStart_ + position_;
     int status = stream_->seek(absolute);
     if (status == 0) status = stream_->write(buffer, count, written);
-    bufferStart_ = absolute + *written;
+    bufferStart_ = underlying_ = absolute + *written;
     position_ = valid_ = 0;
     loaded_ = false;
     return status;
@@ -210,6 +230,9 @@ int PBufferedStream::truncate() {
 
 int64_t PBufferedStream::tell() { return static_cast<int64_t>(bufferStart_ + position_); }
 
-bool PBufferedStream::eof() { return tell() >= size(); }
+bool PBufferedStream::eof() {
+  const int64_t end = size();
+  return end >= 0 && tell() >= end;
+}
 
 int PBufferedStream::isOpen() { return stream_ ? stream_->isOpen() : 0; }

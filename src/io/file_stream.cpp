@@ -157,9 +157,10 @@ int PFileStream::seekFromEnd(int64_t offset) {
   return ::lseek(fd_, static_cast<off_t>(offset), SEEK_END) < 0 ? errnoOr(EIO) : 0;
 }
 
+// Only a regular file has a size: a pipe, a terminal or a device says -1 (not known).
 int64_t PFileStream::size() {
   struct stat st;
-  if (fd_ < 0 || ::fstat(fd_, &st) != 0) return -1;
+  if (fd_ < 0 || ::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   return static_cast<int64_t>(st.st_size);
 }
 
@@ -179,6 +180,9 @@ int64_t PFileStream::tell() {
   return static_cast<int64_t>(::lseek(fd_, 0, SEEK_CUR));
 }
 
-bool PFileStream::eof() { return tell() >= size(); }
+bool PFileStream::eof() {
+  const int64_t at = tell(), end = size();
+  return at >= 0 && end >= 0 && at >= end;
+}
 
 int PFileStream::isOpen() { return fd_ >= 0 ? 1 : 0; }

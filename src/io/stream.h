@@ -30,10 +30,10 @@ class PStream {
   virtual int seek(uint64_t offset) = 0;
   virtual int seekRelative(int64_t offset) = 0;
   virtual int seekFromEnd(int64_t offset) = 0;
-  virtual int64_t size() = 0;      // -1 on error
+  virtual int64_t size() = 0;      // -1 when not known: an error, or a pipe
   virtual int truncate() = 0;      // cuts the file at the current position
   virtual int64_t tell() = 0;      // -1 on error
-  virtual bool eof() = 0;          // tell() at or beyond size()
+  virtual bool eof() = 0;          // tell() at or beyond a known size()
   virtual int isOpen() = 0;
 };
 
@@ -118,6 +118,7 @@ class PBufferedStream : public PStream {
 
  private:
   int writeOutDirty();
+  int moveUnderlyingTo(uint64_t& start, uint64_t absolute);
 
   uint8_t* buffer_ = nullptr;
   uint32_t bufferSize_ = 0;
@@ -126,9 +127,11 @@ class PBufferedStream : public PStream {
   uint32_t position_ = 0;
   uint32_t valid_ = 0;
   bool loaded_ = false;
-  bool endReached_ = false;
   bool dirty_ = false;
   int mode_ = kReading;
+  // Reading: where the underlying stream stands after this stream's last read from it, counted
+  // from where this stream was set up; what a stream that cannot seek is read on from.
+  uint64_t underlying_ = 0;
 };
 
 // A stream over bytes in memory, behaving as a file of those bytes would: reads stop at the end

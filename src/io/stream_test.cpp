@@ -125,6 +125,32 @@ TEST_F(StreamTest, BufferedReadingMatchesFileOnRandomSequences) {
   }
 }
 
+// A pipe cannot seek: the buffer reads it in order, reaches a later position by reading on, and
+// fails only a seek back before the block it holds.
+TEST_F(StreamTest, BufferedReadingOfAPipeGoesForwardOnly) {
+  std::string data(3000, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 256);
+  LUtils::testing::PipeFeeder feeder(path("fifo"), data);
+  PFileStream pipe;
+  ASSERT_EQ(pipe.open(path("fifo").c_str(), PFileStream::kAccessRead, 1, 0), 0);
+  EXPECT_EQ(pipe.size(), -1);
+  PBufferedStream in(PBufferedStream::kReading, &pipe, 256);
+  auto readAt = [&](uint64_t at, uint32_t n) {
+    std::string got(n, '\0');
+    uint32_t count = 0;
+    EXPECT_EQ(in.seek(at), 0);
+    if (in.read(got.data(), n, &count) != 0) return std::string("error");
+    got.resize(count);
+    return got;
+  };
+  EXPECT_EQ(readAt(0, 100), data.substr(0, 100));
+  EXPECT_EQ(readAt(1000, 300), data.substr(1000, 300));  // skips 900 bytes, across blocks
+  EXPECT_EQ(readAt(1260, 50), data.substr(1260, 50));    // back, inside the block held
+  EXPECT_EQ(readAt(500, 10), "error");                   // back, before it
+  EXPECT_FALSE(in.eof());
+  EXPECT_EQ(readAt(2990, 100), data.substr(2990));       // the end: a short read
+}
+
 // Random writes and seeks through a buffer, and into a memory stream, leave the same bytes as
 // writing the file directly (a write past the end fills the gap with zeros).
 TEST_F(StreamTest, BufferedWritingMatchesFileOnRandomSequences) {

@@ -242,7 +242,7 @@ size_t readRecordRange(int fd, uint64_t offset, LUtils::BlockSequence<IrradSampl
 int readRecordsOnThreads(int fd, uint64_t offset, uint32_t count, int threads,
                          LUtils::BlockSequence<IrradSample>& samples) {
   struct stat status {};
-  if (fstat(fd, &status) != 0) return 1;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return 1;  // a pipe is read in order
   const uint64_t size = static_cast<uint64_t>(std::max<off_t>(status.st_size, 0));
   const uint64_t available = size > offset ? (size - offset) / kSampleBytes : 0;
   const size_t n = static_cast<size_t>(std::min<uint64_t>(count, available));

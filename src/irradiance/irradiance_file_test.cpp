@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -234,7 +235,8 @@ TEST_F(IrradianceFile, FileCutInsideARecordKeepsTheRecordsBefore) {
 }
 
 // A large current file is read on several threads at once, straight into the storage: the map
-// is the one reading on one thread gives, whole or cut anywhere, with storage blocks of any size.
+// is the one reading on one thread gives, whole or cut anywhere, with storage blocks of any size,
+// and so is the map read from a pipe.
 TEST_F(IrradianceFile, LargeFilesReadOnThreadsAsOnOne) {
   constexpr size_t kCount = 70000;
   const auto samples = randomSamples(kCount);
@@ -243,12 +245,15 @@ TEST_F(IrradianceFile, LargeFilesReadOnThreadsAsOnOne) {
                            size_t{172 + 50000 * 84 + 83}, whole.size() - 1}) {
     writeWholeFile(path("large.lumap"), whole.substr(0, cut));
     const size_t records = std::min(kCount, (cut - 172) / 84);
-    for (const int threads : {1, 2, 3}) {
+    // Threads 0: through a pipe, which is read in order on one thread.
+    for (const int threads : {1, 2, 3, 0}) {
       for (const uint32_t perBlock : {20000u, 999u}) {
         DefIrradianceMap map(perBlock);
         map.setLoadThreads(threads);
-        EXPECT_EQ(map.loadFromFile(path("large.lumap").c_str(), 0, 0.0f),
-                  cut == whole.size() ? 0 : -4);
+        std::string file = path("large.lumap");
+        std::optional<LUtils::testing::PipeFeeder> pipe;
+        if (threads == 0) pipe.emplace(file = path("pipe"), whole.substr(0, cut));
+        EXPECT_EQ(map.loadFromFile(file.c_str(), 0, 0.0f), cut == whole.size() ? 0 : -4);
         ASSERT_EQ(map.samples().size(), records) << threads << " threads, cut at " << cut;
         for (size_t i = 0; i < records; ++i) {
           ASSERT_EQ(std::memcmp(&map.samples()[i], &samples[i], 84), 0) << i;

@@ -3,13 +3,20 @@
 // directory for a look, a passed one removes it.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 namespace LUtils::testing {
 
@@ -51,6 +58,45 @@ class ScratchDirTest : public ::testing::Test {
 
   std::string prefix_;
   std::string dir_;
+};
+
+// A named pipe at `path` that a thread fills with `bytes` once a reader opens it, as a shell's
+// `<(zcat map.gz)` hands a file to a program. A reader that stops early only ends the writing.
+class PipeFeeder {
+ public:
+  PipeFeeder(const std::string& path, std::string bytes) : path_(path) {
+    signal(SIGPIPE, SIG_IGN);
+    if (mkfifo(path.c_str(), 0600) != 0) ADD_FAILURE() << "mkfifo " << path;
+    writer_ = std::thread([this, bytes = std::move(bytes)] {
+      const int fd = open(path_.c_str(), O_WRONLY);
+      opened_ = true;
+      if (fd < 0) return;
+      for (size_t at = 0; at < bytes.size();) {
+        const ssize_t n = write(fd, bytes.data() + at, bytes.size() - at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        at += static_cast<size_t>(n);
+      }
+      close(fd);
+    });
+  }
+  ~PipeFeeder() {
+    // A reader that never came: open the other end so that the writer's open returns.
+    while (!opened_) {
+      const int fd = open(path_.c_str(), O_RDONLY | O_NONBLOCK);
+      if (fd >= 0) close(fd);
+      std::this_thread::yield();
+    }
+    writer_.join();
+    unlink(path_.c_str());
+  }
+  PipeFeeder(const PipeFeeder&) = delete;
+  PipeFeeder& operator=(const PipeFeeder&) = delete;
+
+ private:
+  std::string path_;
+  std::atomic<bool> opened_{false};
+  std::thread writer_;
 };
 
 }  // namespace LUtils::testing
