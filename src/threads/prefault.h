@@ -102,53 +102,18 @@ struct UninitialisedAllocator : std::allocator<T> {
   }
 };
 
-// UninitialisedAllocator for the large arrays of an index, which are read at random places: an
-// array of at least kHugePageBytes goes in a mapping of its own, in huge pages (mapLarge).
-template <class T>
-struct LargeArrayAllocator : UninitialisedAllocator<T> {
+// An allocator like Base<T> whose arrays of at least kMinimumBytes get a mapping of their own in
+// huge pages (mapLarge), of their size or, with kWholeHugePages, of their size rounded up to whole
+// huge pages; smaller arrays come from the heap.
+template <class T, template <class> class Base, size_t kMinimumBytes, bool kWholeHugePages>
+struct MappedArrayAllocator : Base<T> {
   template <class U>
   struct rebind {
-    using other = LargeArrayAllocator<U>;
+    using other = MappedArrayAllocator<U, Base, kMinimumBytes, kWholeHugePages>;
   };
-  LargeArrayAllocator() = default;
+  MappedArrayAllocator() = default;
   template <class U>
-  LargeArrayAllocator(const LargeArrayAllocator<U>&) noexcept {}
-  T* allocate(size_t n) {
-    if (n > SIZE_MAX / sizeof(T)) throw std::bad_array_new_length();
-    if (!large(n)) return std::allocator<T>().allocate(n);
-    void* p = mapLarge(n * sizeof(T));
-    if (!p) throw std::bad_alloc();
-    return static_cast<T*>(p);
-  }
-  void deallocate(T* p, size_t n) {
-    if (!large(n)) {
-      std::allocator<T>().deallocate(p, n);
-    } else {
-      unmapLarge(p, n * sizeof(T));
-    }
-  }
-  template <class U>
-  bool operator==(const LargeArrayAllocator<U>&) const noexcept {
-    return true;
-  }
-
- private:
-  static bool large(size_t n) { return n * sizeof(T) >= kHugePageBytes; }
-};
-
-// For a buffer that is written whole as soon as it is made, and again every frame (a picture, a
-// depth buffer): from half a huge page up it gets a mapping of its own rounded up to whole huge
-// pages, so that its first clear maps a few huge pages rather than hundreds of small ones, for
-// less than half a huge page to spare. Smaller buffers come from the heap.
-template <class T>
-struct FrameBufferAllocator : std::allocator<T> {
-  template <class U>
-  struct rebind {
-    using other = FrameBufferAllocator<U>;
-  };
-  FrameBufferAllocator() = default;
-  template <class U>
-  FrameBufferAllocator(const FrameBufferAllocator<U>&) noexcept {}
+  MappedArrayAllocator(const MappedArrayAllocator<U, Base, kMinimumBytes, kWholeHugePages>&) noexcept {}
   T* allocate(size_t n) {
     if (n > SIZE_MAX / sizeof(T)) throw std::bad_array_new_length();
     if (!large(n)) return std::allocator<T>().allocate(n);
@@ -164,15 +129,29 @@ struct FrameBufferAllocator : std::allocator<T> {
     }
   }
   template <class U>
-  bool operator==(const FrameBufferAllocator<U>&) const noexcept {
+  bool operator==(const MappedArrayAllocator<U, Base, kMinimumBytes, kWholeHugePages>&) const noexcept {
     return true;
   }
 
  private:
-  static bool large(size_t n) { return n * sizeof(T) >= kHugePageBytes / 2; }
+  static bool large(size_t n) { return n * sizeof(T) >= kMinimumBytes; }
   static size_t mapped(size_t n) {
-    return (n * sizeof(T) + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
+    const size_t bytes = n * sizeof(T);
+    return kWholeHugePages ? (bytes + kHugePageBytes - 1) & ~(kHugePageBytes - 1) : bytes;
   }
 };
+
+// UninitialisedAllocator for the large arrays of an index, which are read at random places: an
+// array of at least kHugePageBytes goes in huge pages, and its tail past the last whole one in
+// small pages, so that no more is touched than the bytes used.
+template <class T>
+using LargeArrayAllocator = MappedArrayAllocator<T, UninitialisedAllocator, kHugePageBytes, false>;
+
+// For a buffer that is written whole as soon as it is made, and again every frame (a picture, a
+// depth buffer): from half a huge page up it is mapped in whole huge pages, so that its first
+// clear maps a few huge pages rather than hundreds of small ones, for less than half a huge page
+// to spare.
+template <class T>
+using FrameBufferAllocator = MappedArrayAllocator<T, std::allocator, kHugePageBytes / 2, true>;
 
 }  // namespace LUtils
