@@ -128,6 +128,9 @@ bool compressRows(const uint32_t* pixels, int width, int height, ThreadManager* 
   std::vector<Band>& bands = stream.bands;
   bands.resize(static_cast<size_t>((height + kBandRows - 1) / kBandRows));
   BandTask task(pixels, width, height, bands);
+  // A manager of one thread would hand the bands to a worker and wait: the calling thread does
+  // them itself, as with threadCount 1.
+  if (threads && threadCount <= 0) threadCount = threads->threadCount();
   if (threads && threadCount != 1 && bands.size() > 1) {
     threads->run(threadCount, &task, nullptr, false);
   } else {
