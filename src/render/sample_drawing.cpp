@@ -499,11 +499,17 @@ bool GetSamplesIntensityCb::process(const DrawnSample& s) {
   return true;
 }
 
+namespace {
+void setBrightnessFrom(const GetSamplesIntensityCb& cb, DrawOptions& options) {
+  const double average = cb.count > 0 ? cb.sum / static_cast<double>(cb.count) : 0.0;
+  options.setBrightness(static_cast<float>(1.0 / (2.0 * average)));
+}
+}  // namespace
+
 int64_t automaticBrightness(const DrawnMap& map, DrawOptions& options) {
   GetSamplesIntensityCb cb;
   runOver(map, 0, cb);
-  const double average = cb.count > 0 ? cb.sum / static_cast<double>(cb.count) : 0.0;
-  options.setBrightness(static_cast<float>(1.0 / (2.0 * average)));
+  setBrightnessFrom(cb, options);
   return cb.count;
 }
 
@@ -530,6 +536,22 @@ void sceneBounds(const DrawnMap& map, Vector& lo, Vector& hi) {
   runOver(map, 0, cb);
   lo = cb.lo;
   hi = cb.hi;
+}
+
+int64_t boundsAndBrightness(const DrawnMap& map, Vector& lo, Vector& hi, DrawOptions& options) {
+  struct Both {
+    BBoxCb box;
+    GetSamplesIntensityCb intensity;
+    bool process(const DrawnSample& s) {
+      box.process(s);
+      return intensity.process(s);
+    }
+  } cb;
+  runOver(map, 0, cb);
+  lo = cb.box.lo;
+  hi = cb.box.hi;
+  setBrightnessFrom(cb.intensity, options);
+  return cb.intensity.count;
 }
 
 }  // namespace LUtils

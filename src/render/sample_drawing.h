@@ -216,4 +216,7 @@ void lodKey(bool plus, DrawOptions& options);
 // max (-1e20, -1e20, -1e20) for a map without samples.
 void sceneBounds(const DrawnMap& map, Vector& min, Vector& max);
 
+// sceneBounds() and automaticBrightness() in one pass over the samples, with their results.
+int64_t boundsAndBrightness(const DrawnMap& map, Vector& min, Vector& max, DrawOptions& options);
+
 }  // namespace LUtils

@@ -6,6 +6,7 @@
 #include <functional>
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <mutex>
 #include <numeric>
@@ -284,11 +285,18 @@ TEST_F(DrawingTest, SamplesNoIndexCanPlaceAreLeftOutButKeepTheirIndices) {
   drawSamples<1>(pass, scene({&map, nullptr}));
   EXPECT_EQ(spy.takeIndices(), (std::vector<uint32_t>{0, 4}));
   Vector lo, hi;
-  sceneBounds({&map, nullptr}, lo, hi);
+  EXPECT_EQ(boundsAndBrightness({&map, nullptr}, lo, hi, options), 2);
   EXPECT_EQ(lo.x, 0.0f);
   EXPECT_EQ(hi.x, 2.0f);
   EXPECT_EQ(hi.y, 0.0f);
-  EXPECT_EQ(automaticBrightness({&map, nullptr}, options), 2);
+  // The one pass gives what the two apart give.
+  Vector lo2, hi2;
+  DrawOptions apart;
+  sceneBounds({&map, nullptr}, lo2, hi2);
+  EXPECT_EQ(automaticBrightness({&map, nullptr}, apart), 2);
+  EXPECT_EQ(std::memcmp(&lo, &lo2, sizeof lo), 0);
+  EXPECT_EQ(std::memcmp(&hi, &hi2, sizeof hi), 0);
+  EXPECT_EQ(apart.brightness(), options.brightness());
 }
 
 TEST_F(DrawingTest, BrightnessFromTheKeysAndTheAverageIntensity) {

@@ -12,9 +12,9 @@ namespace LUtils {
 
 void ViewerScene::show(const DrawnMap& map, Rasterizer3D* rasterizer) {
   map_ = map;
-  sceneBounds(map_, view.sceneMin, view.sceneMax);
+  sampleCount_ =
+      static_cast<uint32_t>(boundsAndBrightness(map_, view.sceneMin, view.sceneMax, options));
   navigation.setSceneBounds(view.sceneMin, view.sceneMax);
-  sampleCount_ = static_cast<uint32_t>(automaticBrightness(map_, options));
   history.clear();
   history.setModified(false);
   edits.reset(sampleCount_);

@@ -410,11 +410,11 @@ int main(int argc, char** argv) {
   LUtils::DrawOptions options;
   LUtils::SampleEdits edits;
   LUtils::DrawView view;
-  LUtils::sceneBounds(drawn, view.sceneMin, view.sceneMax);
   if (o.haveBrightness) {
+    LUtils::sceneBounds(drawn, view.sceneMin, view.sceneMax);
     options.setBrightness(o.brightness);
   } else {
-    LUtils::automaticBrightness(drawn, options);
+    LUtils::boundsAndBrightness(drawn, view.sceneMin, view.sceneMax, options);
     // An empty or black map has no average to scale by.
     if (!std::isfinite(options.brightness())) options.setBrightness(1.0f);
   }
