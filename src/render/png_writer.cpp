@@ -119,8 +119,6 @@ struct RowStream {
     for (const Band& band : bands) n += band.data.size();
     return n;
   }
-  // A PNG chunk holds at most 2^31 - 1 bytes.
-  bool fitsOneChunk() const { return bytes() <= PNG_UINT_31_MAX; }
 };
 
 bool compressRows(const uint32_t* pixels, int width, int height, ThreadManager* threads,
@@ -199,14 +197,15 @@ bool writePng(const std::string& path, const uint32_t* pixels, int width, int he
   const bool regular = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
   RowStream rows;
   bool written = compressRows(pixels, width, height, threads, threadCount, rows);
+  const size_t rowBytes = written ? rows.bytes() : 0;
   if (!written) {
     message = "cannot compress the picture";
-  } else if (!rows.fitsOneChunk()) {
+  } else if (rowBytes > PNG_UINT_31_MAX) {  // the most a PNG chunk holds
     message = "the compressed picture is larger than a PNG chunk can hold";
     written = false;
   }
   written = written && writeChunks(file, width, height, rows,
-                                   static_cast<png_uint_32>(rows.bytes()), &message);
+                                   static_cast<png_uint_32>(rowBytes), &message);
   const bool closed = std::fclose(file) == 0;
   if (!(written && closed)) {
     if (regular) std::remove(path.c_str());  // never a device or a pipe
