@@ -127,7 +127,10 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
           const SphereGroup* g = t.groups.data() + at / 4;
           const uint32_t lanes = std::min<uint32_t>(node.count[k], kLeafSize);
           for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
-          __builtin_prefetch(t.samples.data() + at);
+          // A leaf's sample pointers span two or three lines; its hits may be in any.
+          const char* ptrs = reinterpret_cast<const char*>(t.samples.data() + at);
+          __builtin_prefetch(ptrs);
+          __builtin_prefetch(ptrs + lanes * sizeof(IrradSample*) - 1);
         }
       }
       if (w.top > 0) {

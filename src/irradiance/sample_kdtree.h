@@ -147,7 +147,9 @@ class SampleKdTree {
 
    private:
     friend class SampleKdTree;
-    static constexpr int kWalkers = 8;
+    // Walks in turns: enough that a map read in random order, where nearly every node and leaf
+    // below the top levels comes from memory, keeps the memory busy.
+    static constexpr int kWalkers = 16;
     std::vector<TreeHit> hits_;
     std::vector<uint32_t> begin_, count_;
     uint64_t generation_ = ~uint64_t{0};
