@@ -25,7 +25,8 @@ What it times, each program as a new process on maps of --count samples (default
    tests run it; the frame log of CACHEVIEW_FRAME_LOG tells when the first frame is drawn).
 
 The programs of a round run one after the other, in the opposite order in the next round, so
-that a slow phase of the machine falls on all of them. Reported: the median wall time and the
+that a slow phase of the machine falls on all of them; the renders, which take a fraction of a
+second, run --repeats times a round in turns. Reported: the median wall time and the
 median peak resident memory of each, and the ratios of the medians. Absolute times vary 2-3x
 between machines and days; only ratios of one run mean anything. The load average is printed
 at the start and the end: run it once on a quiet machine and once with another process busy.
@@ -107,6 +108,8 @@ def main():
     ap.add_argument("build", nargs="?", default="build")
     ap.add_argument("--rounds", type=int, default=5)
     ap.add_argument("--count", type=int, default=1000000, help="samples per map")
+    ap.add_argument("--repeats", type=int, default=5,
+                    help="runs of each render program per round (their median is shown)")
     ap.add_argument("--keep", help="work in this directory and keep it (maps, outputs)")
     ap.add_argument("--viewer", action="store_true",
                     help="also the viewer's first picture of a 10M-sample map against its load")
@@ -159,18 +162,31 @@ def main():
         memory = {name: [] for name in programs}
         first_picture = []
         names = list(programs)
+        # The renders take a fraction of a second, where one stall of the machine moves a single
+        # run by tens of percent: each round runs them `repeats` times in turns, in alternating
+        # order, so that their medians rest on as many runs as the merges' seconds would.
+        short = [n for n in names if n.startswith("render") or n == "reference render"]
+        first_short = names.index(short[0])
+        units = ([[n] for n in names[:first_short] if n not in short] + [short] +
+                 [[n] for n in names[first_short:] if n not in short])
         for r in range(args.rounds):
-            order = names if r % 2 == 0 else list(reversed(names))
+            order = units if r % 2 == 0 else list(reversed(units))
             if args.viewer and r % 2 == 1:
                 first_picture.append(first_picture_seconds(tools["cacheview"], big, workdir, r))
-            for name in order:
-                wall, peak = run(programs[name], envs.get(name))
-                times[name].append(wall)
-                memory[name].append(peak)
+            for unit in order:
+                repeats = args.repeats if unit is short else 1
+                for k in range(repeats):
+                    turn = unit if (r + k) % 2 == 0 else list(reversed(unit))
+                    for name in turn:
+                        wall, peak = run(programs[name], envs.get(name))
+                        times[name].append(wall)
+                        memory[name].append(peak)
             if args.viewer and r % 2 == 0:
                 first_picture.append(first_picture_seconds(tools["cacheview"], big, workdir, r))
-            print(f"round {r + 1}: " + ", ".join(f"{n} {times[n][-1]:.2f} s" for n in order),
-                  flush=True)
+            shown = [n for unit in order for n in unit]
+            print(f"round {r + 1}: " + ", ".join(
+                f"{n} {statistics.median(times[n][-(args.repeats if n in short else 1):]):.2f} s"
+                for n in shown), flush=True)
 
         for ours, ref in (("ours-b.lumap", "ref-b.lumap"), ("ours-c.lumap", "ref-c.lumap")):
             if not filecmp.cmp(path(ours), path(ref), shallow=False):
@@ -181,7 +197,8 @@ def main():
 
         t = {n: statistics.median(v) for n, v in times.items()}
         m = {n: statistics.median(v) for n, v in memory.items()}
-        print(f"\nmedians over {args.rounds} rounds ({args.count} samples per map):")
+        print(f"\nmedians over {args.rounds} rounds, the renders {args.repeats} times a round "
+              f"({args.count} samples per map):")
         for name in names:
             print(f"  {name:32s} {t[name]:7.3f} s  {m[name]:7.1f} MB peak")
         if first_picture:
