@@ -2,7 +2,8 @@
 // OpenGL immediate mode and display-list replay (off-screen context) against a bare
 // glBegin/glEnd loop of the same discs, and the software rasterizer on one thread and on all
 // threads against a minimal scalar rasterizer drawing the same discs (bench/reference). Ratios
-// against the references of the same run are printed after the table, with the share of pixels
+// against the references of the same run are printed after the table (the software
+// rasterizer's from frames of every kind drawn in turns, round after round), with the share of pixels
 // on which the software rasterizer and the minimal one agree (they differ along edges only) and
 // whether the threaded frames equal the one-thread frame pixel for pixel.
 #include <GL/gl.h>
@@ -259,6 +260,75 @@ void BM_ViewerSoftwareThreads(benchmark::State& state) {
   softwareFrames(state, true);
 }
 BENCHMARK(BM_ViewerSoftwareThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+// The software rasterizer's ratios measured in turns: in each round every kind draws a warm-up
+// frame and then kFramesPerTurn timed frames, the kinds in alternating order from round to round,
+// so that a slow phase of the machine (its speed drifts by tens of percent within a minute) falls
+// on all of them. The ratios printed are the medians of the rounds' ratios, with their range.
+struct InTurns {
+  static constexpr int kRounds = 7;
+  static constexpr int kFramesPerTurn = 2;
+  enum Kind { kMinimal, kOneThread, kAllThreads, kOneWorker, kKinds };
+  std::vector<double> seconds[kKinds];  // per round, per frame
+};
+InTurns gInTurns;
+
+double wallSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+void BM_SoftwareInTurns(benchmark::State& state) {
+  Scene& s = scene();
+  RasterizerSW sw;
+  sw.resize(kWidth, kHeight);
+  sw.setCamera(&s.camera);
+  sw.setFarDistance(s.farDistance);
+  s.cache.setRasterizer(nullptr);
+  reference::MinimalRaster raster(kWidth, kHeight);
+  raster.setView(&s.camera, s.farDistance);
+  const uint32_t background = reference::packColour({0.25f, 0.25f, 0.25f});
+  const int defaultThreads = s.threads.threadCount();
+  auto draw = [&](int kind) {
+    if (kind == InTurns::kMinimal) {
+      raster.clear(background);
+      reference::drawDiscs(raster, s.map, s.options.brightness(), 8);
+    } else {
+      drawFrame(sw, s.drawScene());
+    }
+  };
+  for (auto _ : state) {
+    for (auto& v : gInTurns.seconds) v.clear();
+    for (int round = 0; round < InTurns::kRounds; ++round) {
+      for (int turn = 0; turn < InTurns::kKinds; ++turn) {
+        const int kind = round % 2 == 0 ? turn : InTurns::kKinds - 1 - turn;
+        s.options.setMultiThreadedSoftware(kind != InTurns::kOneThread);
+        s.threads.setThreadCount(kind == InTurns::kOneWorker ? 1 : defaultThreads);
+        draw(kind);  // warms the workers and the caches
+        const double start = wallSeconds();
+        for (int f = 0; f < InTurns::kFramesPerTurn; ++f) draw(kind);
+        gInTurns.seconds[kind].push_back((wallSeconds() - start) / InTurns::kFramesPerTurn);
+      }
+    }
+  }
+  s.threads.setThreadCount(defaultThreads);
+}
+BENCHMARK(BM_SoftwareInTurns)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+
+// "label  median (lo-hi over n rounds)  (note)" of the rounds' ratios a / b.
+void printInTurns(const char* label, InTurns::Kind a, InTurns::Kind b, const char* note) {
+  const std::vector<double>& x = gInTurns.seconds[a];
+  const std::vector<double>& y = gInTurns.seconds[b];
+  if (x.empty() || x.size() != y.size()) return;
+  std::vector<double> ratios;
+  for (size_t r = 0; r < x.size(); ++r) ratios.push_back(x[r] / y[r]);
+  std::sort(ratios.begin(), ratios.end());
+  const size_t n = ratios.size();
+  const double median = n % 2 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
+  std::printf("%-60s %.3f  (%.3f-%.3f over %zu rounds, %s)\n", label, median, ratios.front(),
+              ratios.back(), n, note);
+}
+
 
 }  // namespace
 
@@ -272,12 +342,13 @@ int main(int argc, char** argv) {
                       false, "target <= 1.15");
   reporter.printRatio("OpenGL display list / bare glBegin loop", "BM_GLDisplayList",
                       "BM_GLBareLoop", false, "for information");
-  reporter.printRatio("software one thread / minimal rasterizer", "BM_SoftwareOneThread",
-                      "BM_MinimalRaster", false, "target <= 0.8");
-  reporter.printRatio("software one thread / all threads", "BM_SoftwareOneThread",
-                      "BM_SoftwareAllThreads", false, "target >= 1.8 on two cores");
-  reporter.printRatio("software manager of one worker / one thread", "BM_SoftwareManagerOneWorker",
-                      "BM_SoftwareOneThread", false, "target <= 1.0");
+  std::printf("\nThe software rasterizer in turns (medians of the rounds' ratios of time per frame):\n");
+  printInTurns("software one thread / minimal rasterizer", InTurns::kOneThread, InTurns::kMinimal,
+               "target <= 0.8");
+  printInTurns("software one thread / all threads", InTurns::kOneThread, InTurns::kAllThreads,
+               "target >= 1.8 on two cores");
+  printInTurns("software manager of one worker / one thread", InTurns::kOneWorker,
+               InTurns::kOneThread, "target <= 1.0");
   const double minimal = samePixels("one thread", "minimal");
   if (minimal >= 0.0) {
     // Where discs overlap in one plane, the two depth buffers (24-bit fixed point against
