@@ -3,9 +3,10 @@
 // glBegin/glEnd loop of the same discs, and the software rasterizer on one thread and on all
 // threads against a minimal scalar rasterizer drawing the same discs (bench/reference). Ratios
 // against the references of the same run are printed after the table (the software
-// rasterizer's from frames of every kind drawn in turns, round after round), with the share of pixels
-// on which the software rasterizer and the minimal one agree (they differ along edges only) and
-// whether the threaded frames equal the one-thread frame pixel for pixel.
+// rasterizer's from frames of every kind drawn in turns, round after round), with the share of
+// pixels on which the software rasterizer and the minimal one agree (they differ along edges and
+// where coplanar discs overlap) and whether the threaded frames equal the one-thread frame pixel
+// for pixel.
 #include <GL/gl.h>
 #include <benchmark/benchmark.h>
 
@@ -342,7 +343,8 @@ int main(int argc, char** argv) {
                       false, "target <= 1.15");
   reporter.printRatio("OpenGL display list / bare glBegin loop", "BM_GLDisplayList",
                       "BM_GLBareLoop", false, "for information");
-  std::printf("\nThe software rasterizer in turns (medians of the rounds' ratios of time per frame):\n");
+  std::printf(
+      "\nThe software rasterizer in turns (medians of the rounds' ratios of time per frame):\n");
   printInTurns("software one thread / minimal rasterizer", InTurns::kOneThread, InTurns::kMinimal,
                "target <= 0.8");
   printInTurns("software one thread / all threads", InTurns::kOneThread, InTurns::kAllThreads,
