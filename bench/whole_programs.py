@@ -114,6 +114,8 @@ def main():
     ap.add_argument("--viewer", action="store_true",
                     help="also the viewer's first picture of a 10M-sample map against its load")
     args = ap.parse_args()
+    if args.rounds < 1 or args.repeats < 1:
+        ap.error("--rounds and --repeats take a count of at least 1")
 
     build = os.path.abspath(args.build)
     tools = {
