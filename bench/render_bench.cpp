@@ -261,6 +261,7 @@ void BM_ViewerSoftwareThreads(benchmark::State& state) {
   softwareFrames(state, true);
 }
 BENCHMARK(BM_ViewerSoftwareThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
 // The software rasterizer's ratios measured in turns: in each round every kind draws a warm-up
 // frame and then kFramesPerTurn timed frames, the kinds in alternating order from round to round,
 // so that a slow phase of the machine (its speed drifts by tens of percent within a minute) falls
@@ -269,7 +270,7 @@ struct InTurns {
   static constexpr int kRounds = 7;
   static constexpr int kFramesPerTurn = 2;
   enum Kind { kMinimal, kOneThread, kAllThreads, kOneWorker, kKinds };
-  std::vector<double> seconds[kKinds];  // per round, per frame
+  std::vector<double> seconds[kKinds];  // per round: seconds per timed frame
 };
 InTurns gInTurns;
 
@@ -316,6 +317,12 @@ void BM_SoftwareInTurns(benchmark::State& state) {
 }
 BENCHMARK(BM_SoftwareInTurns)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  const size_t n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
 // "label  median (lo-hi over n rounds)  (note)" of the rounds' ratios a / b.
 void printInTurns(const char* label, InTurns::Kind a, InTurns::Kind b, const char* note) {
   const std::vector<double>& x = gInTurns.seconds[a];
@@ -323,13 +330,10 @@ void printInTurns(const char* label, InTurns::Kind a, InTurns::Kind b, const cha
   if (x.empty() || x.size() != y.size()) return;
   std::vector<double> ratios;
   for (size_t r = 0; r < x.size(); ++r) ratios.push_back(x[r] / y[r]);
-  std::sort(ratios.begin(), ratios.end());
-  const size_t n = ratios.size();
-  const double median = n % 2 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
-  std::printf("%-60s %.3f  (%.3f-%.3f over %zu rounds, %s)\n", label, median, ratios.front(),
-              ratios.back(), n, note);
+  const auto [lo, hi] = std::minmax_element(ratios.begin(), ratios.end());
+  std::printf("%-60s %.3f  (%.3f-%.3f over %zu rounds, %s)\n", label, median(ratios), *lo, *hi,
+              ratios.size(), note);
 }
-
 
 }  // namespace
 
@@ -343,8 +347,15 @@ int main(int argc, char** argv) {
                       false, "target <= 1.15");
   reporter.printRatio("OpenGL display list / bare glBegin loop", "BM_GLDisplayList",
                       "BM_GLBareLoop", false, "for information");
-  std::printf(
-      "\nThe software rasterizer in turns (medians of the rounds' ratios of time per frame):\n");
+  if (!gInTurns.seconds[InTurns::kMinimal].empty()) {
+    std::printf("\nThe software rasterizer in turns, median ms per frame: minimal %.1f, one thread "
+                "%.1f, all threads %.1f, manager of one worker %.1f; medians of the rounds' "
+                "ratios:\n",
+                1e3 * median(gInTurns.seconds[InTurns::kMinimal]),
+                1e3 * median(gInTurns.seconds[InTurns::kOneThread]),
+                1e3 * median(gInTurns.seconds[InTurns::kAllThreads]),
+                1e3 * median(gInTurns.seconds[InTurns::kOneWorker]));
+  }
   printInTurns("software one thread / minimal rasterizer", InTurns::kOneThread, InTurns::kMinimal,
                "target <= 0.8");
   printInTurns("software one thread / all threads", InTurns::kOneThread, InTurns::kAllThreads,
