@@ -146,14 +146,37 @@ BENCHMARK(BM_GLDisplayList)->Unit(benchmark::kMillisecond)->UseRealTime()->Itera
 // The last picture of each software kind, to compare after the runs.
 std::map<std::string, std::vector<uint32_t>> gPictures;
 
-void softwareFrames(benchmark::State& state, bool threaded, const char* picture = nullptr,
-                    int managerThreads = 0) {
-  Scene& s = scene();
-  RasterizerSW sw;
+// The software rasterizer, sized and placed for the scene's view.
+void setUpSoftware(Scene& s, RasterizerSW& sw) {
   sw.resize(kWidth, kHeight);
   sw.setCamera(&s.camera);
   sw.setFarDistance(s.farDistance);
   s.cache.setRasterizer(nullptr);
+}
+
+// The minimal rasterizer for the scene's view, and its frame: the same discs as fans of
+// triangles, one after the other.
+class MinimalFrames {
+ public:
+  explicit MinimalFrames(Scene& s) : s_(s), raster_(kWidth, kHeight) {
+    raster_.setView(&s.camera, s.farDistance);
+  }
+  void draw() {
+    raster_.clear(reference::packColour({0.25f, 0.25f, 0.25f}));
+    reference::drawDiscs(raster_, s_.map, s_.options.brightness(), 8);
+  }
+  const uint32_t* pixels() const { return raster_.pixels(); }
+
+ private:
+  Scene& s_;
+  reference::MinimalRaster raster_;
+};
+
+void softwareFrames(benchmark::State& state, bool threaded, const char* picture = nullptr,
+                    int managerThreads = 0) {
+  Scene& s = scene();
+  RasterizerSW sw;
+  setUpSoftware(s, sw);
   s.options.setMultiThreadedSoftware(threaded);
   const int defaultThreads = s.threads.threadCount();
   if (managerThreads > 0) s.threads.setThreadCount(managerThreads);
@@ -174,19 +197,11 @@ void softwareFrames(benchmark::State& state, bool threaded, const char* picture 
   }
 }
 
-// The minimal rasterizer: the same discs as fans of triangles, one after the other.
 void BM_MinimalRaster(benchmark::State& state) {
-  Scene& s = scene();
-  reference::MinimalRaster raster(kWidth, kHeight);
-  raster.setView(&s.camera, s.farDistance);
-  const uint32_t background = reference::packColour({0.25f, 0.25f, 0.25f});
-  auto frame = [&] {
-    raster.clear(background);
-    reference::drawDiscs(raster, s.map, s.options.brightness(), 8);
-  };
-  frame();
-  for (auto _ : state) frame();
-  gPictures["minimal"].assign(raster.pixels(), raster.pixels() + kWidth * kHeight);
+  MinimalFrames minimal(scene());
+  minimal.draw();
+  for (auto _ : state) minimal.draw();
+  gPictures["minimal"].assign(minimal.pixels(), minimal.pixels() + kWidth * kHeight);
 }
 BENCHMARK(BM_MinimalRaster)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
@@ -283,18 +298,12 @@ double wallSeconds() {
 void BM_SoftwareInTurns(benchmark::State& state) {
   Scene& s = scene();
   RasterizerSW sw;
-  sw.resize(kWidth, kHeight);
-  sw.setCamera(&s.camera);
-  sw.setFarDistance(s.farDistance);
-  s.cache.setRasterizer(nullptr);
-  reference::MinimalRaster raster(kWidth, kHeight);
-  raster.setView(&s.camera, s.farDistance);
-  const uint32_t background = reference::packColour({0.25f, 0.25f, 0.25f});
+  setUpSoftware(s, sw);
+  MinimalFrames minimal(s);
   const int defaultThreads = s.threads.threadCount();
   auto draw = [&](int kind) {
     if (kind == InTurns::kMinimal) {
-      raster.clear(background);
-      reference::drawDiscs(raster, s.map, s.options.brightness(), 8);
+      minimal.draw();
     } else {
       drawFrame(sw, s.drawScene());
     }
