@@ -129,8 +129,9 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
           for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
           // A leaf's sample pointers span two or three lines; its hits may be in any.
           const char* ptrs = reinterpret_cast<const char*>(t.samples.data() + at);
-          __builtin_prefetch(ptrs);
-          __builtin_prefetch(ptrs + lanes * sizeof(IrradSample*) - 1);
+          const size_t bytes = lanes * sizeof(IrradSample*);
+          for (size_t b = 0; b < bytes; b += 64) __builtin_prefetch(ptrs + b);
+          __builtin_prefetch(ptrs + bytes - 1);
         }
       }
       if (w.top > 0) {
