@@ -36,6 +36,7 @@
 // radius near 2^64 around a coordinate near 2^128, needs cells of about 2^90).
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -127,17 +128,14 @@ class InsertionGrid {
   // Asks for the lines where gather(p) starts: a hint, which samples inserted meanwhile do not
   // make wrong.
   void prefetch(const Vector& p) const {
-    forEachLevel(levelBits(), [&](int k, double scale) {
-      const uint64_t key = keyAt(k, scale, p);
-      shards_[shardOf(key)].prefetch(key);
-    });
+    forEachKey(levelBits(), p, [&](uint64_t key) { shards_[shardOf(key)].prefetch(key); });
   }
   // Asks for the entries of the cells that gather(p) scans; best once prefetch(p) has brought
   // their slots.
   void prefetchEntries(const Vector& p) const {
-    forEachLevel(levelBits(), [&](int k, double scale) {
+    forEachKey(levelBits(), p, [&](uint64_t key) {
       const Shard* shard;
-      if (const Slot* slot = find(keyAt(k, scale, p), shard)) shard->prefetchEntries(*slot);
+      if (const Slot* slot = find(key, shard)) shard->prefetchEntries(*slot);
     });
   }
 
@@ -201,12 +199,16 @@ class InsertionGrid {
   // The cell index of coordinate v at a level: floor(v * 2^-k), exact in double for every float
   // v and level, clamped far beyond any coordinate that wraps differently (NaN goes to cell 0).
   // Truncation and a correction rather than std::floor, which is a library call on baseline x86.
+  static constexpr double kCellLimit = 4.0e18;
   static int64_t cellOf(double v, double scale) {
     const double c = v * scale;
-    constexpr double limit = 4.0e18;
-    if (!(c > -limit)) return c < 0.0 ? static_cast<int64_t>(-limit) : 0;
-    if (c > limit) return static_cast<int64_t>(limit);
-    const int64_t t = static_cast<int64_t>(c);
+    if (!(c > -kCellLimit)) return c < 0.0 ? static_cast<int64_t>(-kCellLimit) : 0;
+    if (c > kCellLimit) return static_cast<int64_t>(kCellLimit);
+    return floorOf(c);
+  }
+  // floor(c) for |c| <= 4e18.
+  static int64_t floorOf(double c) {
+    const auto t = static_cast<int64_t>(c);
     return t - (static_cast<double>(t) > c ? 1 : 0);
   }
   static uint64_t keyOf(int k, int64_t ix, int64_t iy, int64_t iz) {
@@ -220,6 +222,35 @@ class InsertionGrid {
   }
   static uint64_t keyAt(int k, double scale, const Vector& p) {
     return keyOf(k, cellOf(p.x, scale), cellOf(p.y, scale), cellOf(p.z, scale));
+  }
+  // Calls f(key) for p's cell on every level of `bits`, smallest cells first. The cell of the
+  // smallest level is computed, and each larger level's from it: a cell of level k + 2j is
+  // 4^j cells of level k across, aligned, so its index is the smaller one shifted right by 2j
+  // (a floor, also below zero). Where the smallest level's index is clamped (coordinates
+  // beyond 4e18 cells), every level is computed on its own.
+  template <class F>
+  static void forEachKey(LevelBits bits, const Vector& p, F&& f) {
+    int first = -1;
+    for (int w = 0; w < 2 && first < 0; ++w) {
+      if (bits.word[w]) first = 64 * w + std::countr_zero(bits.word[w]);
+    }
+    if (first < 0) return;
+    const double scale = kLevelScale[first];
+    const double c[3] = {p.x * scale, p.y * scale, p.z * scale};
+    if (!(std::abs(c[0]) < kCellLimit && std::abs(c[1]) < kCellLimit &&
+          std::abs(c[2]) < kCellLimit)) {
+      forEachLevel(bits, [&](int k, double levelScale) { f(keyAt(k, levelScale, p)); });
+      return;
+    }
+    const int64_t x = floorOf(c[0]), y = floorOf(c[1]), z = floorOf(c[2]);
+    for (int w = 0; w < 2; ++w) {
+      for (uint64_t b = bits.word[w]; b; b &= b - 1) {
+        const int i = 64 * w + std::countr_zero(b);
+        // Indexes below 2^62 in size shifted by 63 are 0 or -1, their floor at any larger shift.
+        const int shift = std::min(2 * (i - first), 63);
+        f(keyOf(kMinLevel + 2 * i, x >> shift, y >> shift, z >> shift));
+      }
+    }
   }
   // The box of a sphere in double, widened by far more than the rounding of its corners, so
   // that it certainly holds every point the sphere's own test accepts; false when it has no
@@ -334,8 +365,8 @@ class InsertionGrid::CellFilter {
   bool mayContain(const Vector& p) const {
     if (everywhere_) return true;
     bool hit = false;
-    forEachLevel(levels_, [&](int k, double scale) {
-      const uint64_t bit = bitOf(keyAt(k, scale, p));
+    forEachKey(levels_, p, [&](uint64_t key) {
+      const uint64_t bit = bitOf(key);
       hit = hit || (bits_[bit / 64] >> (bit % 64) & 1);
     });
     return hit;
@@ -383,9 +414,9 @@ class InsertionGrid::CellBatch {
 
 template <class F>
 void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
-  forEachLevel(levelBits(), [&](int k, double scale) {
+  forEachKey(levelBits(), p, [&](uint64_t key) {
     const Shard* shard;
-    if (const Slot* slot = find(keyAt(k, scale, p), shard)) shard->scanCell(*slot, p, hits);
+    if (const Slot* slot = find(key, shard)) shard->scanCell(*slot, p, hits);
   });
 }
 
@@ -394,8 +425,7 @@ void InsertionGrid::gatherWith(const InsertionGrid& later, const Vector& p,
                                PendingHits<F>& hits) const {
   // Every level of `later` is one of ours: begin() placed its samples here too.
   const bool laterEmpty = later.samples_.empty();
-  forEachLevel(levelBits(), [&](int k, double scale) {
-    const uint64_t key = keyAt(k, scale, p);
+  forEachKey(levelBits(), p, [&](uint64_t key) {
     const Shard* shard;
     if (const Slot* slot = find(key, shard)) shard->scanCell(*slot, p, hits);
     if (laterEmpty) return;
