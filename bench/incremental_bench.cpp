@@ -22,6 +22,7 @@
 #include "merge_frames.h"
 #include "irradiance/def_irradiance_map.h"
 #include "octree_cache.h"
+#include "ratio_reporter.h"
 #include "synth/generator.h"
 
 namespace {
@@ -72,12 +73,6 @@ struct Case {
 Case gCases[3] = {{"1M into 1M, same camera", 0, 1, 5},
                   {"1M into 1M, second camera", 0, 2, 5},
                   {"3M into an empty map", -1, 3, 3}};
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n == 0 ? 0.0 : n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
 
 // Our merge on one core, into a freshly prepared map; the preparation is not timed.
 benchmaps::Times oursOnce(const Case& c, DefIrradianceMap& source, size_t& kept) {

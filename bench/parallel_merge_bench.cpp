@@ -23,6 +23,7 @@
 #include "merge_frames.h"
 #include "irradiance/def_irradiance_map.h"
 #include "octree_cache.h"
+#include "ratio_reporter.h"
 #include "synth/generator.h"
 #include "threads/thread_manager.h"
 
@@ -114,12 +115,6 @@ void BM_Empty3M(benchmark::State& s) { runCase(s, gCases[2]); }
 BENCHMARK(BM_SameCamera)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 BENCHMARK(BM_SecondCamera)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 BENCHMARK(BM_Empty3M)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
 
 }  // namespace
 

@@ -4,11 +4,19 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
+
+// The median of a benchmark's rounds (0 for none).
+inline double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  const size_t n = v.size();
+  return n == 0 ? 0.0 : n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
 
 class RatioReporter : public benchmark::ConsoleReporter {
  public:

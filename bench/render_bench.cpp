@@ -326,12 +326,6 @@ void BM_SoftwareInTurns(benchmark::State& state) {
 }
 BENCHMARK(BM_SoftwareInTurns)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
 // "label  median (lo-hi over n rounds)  (note)" of the rounds' ratios a / b.
 void printInTurns(const char* label, InTurns::Kind a, InTurns::Kind b, const char* note) {
   const std::vector<double>& x = gInTurns.seconds[a];

@@ -122,16 +122,8 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
           const int k = 31 - std::countl_zero(leaves);
           leaves &= ~(1u << k);
           if (!node.count[k]) continue;
-          const uint32_t at = node.first[k];
-          w.stack[w.top++] = uint64_t{at} << 32 | node.count[k];
-          const SphereGroup* g = t.groups.data() + at / 4;
-          const uint32_t lanes = std::min<uint32_t>(node.count[k], kLeafSize);
-          for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
-          // A leaf's sample pointers span two or three lines; its hits may be in any.
-          const char* ptrs = reinterpret_cast<const char*>(t.samples.data() + at);
-          const size_t bytes = lanes * sizeof(IrradSample*);
-          for (size_t b = 0; b < bytes; b += 64) __builtin_prefetch(ptrs + b);
-          __builtin_prefetch(ptrs + bytes - 1);
+          w.stack[w.top++] = uint64_t{node.first[k]} << 32 | node.count[k];
+          prefetchLeaf(t, node.first[k], node.count[k]);
         }
       }
       if (w.top > 0) {

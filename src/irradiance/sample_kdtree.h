@@ -226,6 +226,17 @@ class SampleKdTree {
   static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p, Hits& hits) {
     gatherGroups(t.groups.data() + first / 4, t.samples.data() + first, n, p, hits);
   }
+  // Asks for a leaf's spheres and its sample pointers, which span two or three lines (its hits
+  // may be in any).
+  static void prefetchLeaf(const Tree& t, uint32_t at, uint32_t count) {
+    const SphereGroup* g = t.groups.data() + at / 4;
+    const uint32_t lanes = std::min<uint32_t>(count, kLeafSize);
+    for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
+    const char* ptrs = reinterpret_cast<const char*>(t.samples.data() + at);
+    const size_t bytes = lanes * sizeof(IrradSample*);
+    for (size_t b = 0; b < bytes; b += 64) __builtin_prefetch(ptrs + b);
+    __builtin_prefetch(ptrs + bytes - 1);
+  }
   // Bit k set when child k's box contains p.
   static uint32_t childrenContaining(const Node& n, const Vector& p) {
 #if defined(__SSE2__)
@@ -282,11 +293,7 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
           const int k = std::countr_zero(leaves);
           leaves &= leaves - 1;
           if (!n.count[k]) continue;
-          const uint32_t at = n.first[k];
-          const SphereGroup* g = tree.groups.data() + at / 4;
-          const uint32_t lanes = std::min<uint32_t>(n.count[k], kLeafSize);
-          for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
-          __builtin_prefetch(tree.samples.data() + at);
+          prefetchLeaf(tree, n.first[k], n.count[k]);
         }
         while (hit) {
           const int k = std::countr_zero(hit);
