@@ -34,6 +34,19 @@ struct HitList {
   }
 };
 
+// The sink of the walks: a hit's lane, whose sample pointer is asked for now and read after the
+// walks, by when it has come. Reading it at once would make the sample's own request wait for
+// it; asking for every pointer line of every leaf reached, when few of their lanes hit, keeps
+// the memory busy with lines that are not used.
+struct LaneHitList {
+  std::vector<SampleKdTree::TreeWalks::LaneHit>& out;
+  IrradSample* const* lanes;
+  void add(IrradSample* const& slot, float d2) {
+    __builtin_prefetch(&slot);
+    out.push_back({static_cast<uint32_t>(&slot - lanes), d2});
+  }
+};
+
 }  // namespace
 
 void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
@@ -42,6 +55,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
   out.begin_.assign(n, 0);
   out.count_.assign(n, 0);
   out.generation_ = generation_;
+  out.laneHits_.clear();
   const Tree& t = tree_;
   if (!t.size()) return;
   if (t.root.count) {
@@ -68,7 +82,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
     size_t point;
     uint64_t* stack;
     int top;
-    std::vector<TreeHit>* hits;
+    std::vector<TreeWalks::LaneHit>* hits;
   };
   Walker walkers[kWalkers];
   const Node* nodes = t.nodes.data();
@@ -106,7 +120,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
       const auto first = static_cast<uint32_t>(item >> 32);
       const auto count = static_cast<uint32_t>(item);
       if (count) {
-        HitList sink{*w.hits};
+        LaneHitList sink{*w.hits, t.samples.data()};
         scanLeaf(t, first, count, p, sink);
       } else {
         const Node& node = nodes[first];
@@ -123,7 +137,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
           leaves &= ~(1u << k);
           if (!node.count[k]) continue;
           w.stack[w.top++] = uint64_t{node.first[k]} << 32 | node.count[k];
-          prefetchLeaf(t, node.first[k], node.count[k]);
+          prefetchLeafSpheres(t, node.first[k], node.count[k]);
         }
       }
       if (w.top > 0) {
@@ -131,11 +145,19 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
         continue;
       }
       // Done: its hits go out, and it takes the next point, or the last live walker's place.
-      out.begin_[w.point] = static_cast<uint32_t>(out.hits_.size());
+      out.begin_[w.point] = static_cast<uint32_t>(out.laneHits_.size());
       out.count_[w.point] = static_cast<uint32_t>(w.hits->size());
-      out.hits_.insert(out.hits_.end(), w.hits->begin(), w.hits->end());
+      out.laneHits_.insert(out.laneHits_.end(), w.hits->begin(), w.hits->end());
       if (!start(w)) std::swap(w, walkers[--live]);
     }
+  }
+  // The pointers of the hits, and the requests for their samples.
+  out.hits_.resize(out.laneHits_.size());
+  for (size_t h = 0; h < out.laneHits_.size(); ++h) {
+    IrradSample* s = t.samples[out.laneHits_[h].lane];
+    __builtin_prefetch(s);
+    __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+    out.hits_[h] = {s, out.laneHits_[h].d2};
   }
 }
 

@@ -144,6 +144,11 @@ class SampleKdTree {
     }
     // Valid while the tree's generation() is this one.
     uint64_t generation() const { return generation_; }
+    // A hit while walking: the lane of its sample pointer, read once the walks are done.
+    struct LaneHit {
+      uint32_t lane;
+      float d2;
+    };
 
    private:
     friend class SampleKdTree;
@@ -154,7 +159,8 @@ class SampleKdTree {
     std::vector<uint32_t> begin_, count_;
     uint64_t generation_ = ~uint64_t{0};
     std::vector<uint64_t> stacks_;             // the walkers' stacks
-    std::vector<TreeHit> walkerHits_[kWalkers];  // each walker's hits so far
+    std::vector<LaneHit> walkerHits_[kWalkers];  // each walker's hits so far
+    std::vector<LaneHit> laneHits_;            // every point's, in the order of hits_
   };
   // Walks the static tree for every point, several walks at a time in turns, so that each
   // walk's wait for its next node overlaps with the others' work.
@@ -229,13 +235,18 @@ class SampleKdTree {
   // Asks for a leaf's spheres and its sample pointers, which span two or three lines (its hits
   // may be in any).
   static void prefetchLeaf(const Tree& t, uint32_t at, uint32_t count) {
-    const SphereGroup* g = t.groups.data() + at / 4;
+    prefetchLeafSpheres(t, at, count);
     const uint32_t lanes = std::min<uint32_t>(count, kLeafSize);
-    for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
     const char* ptrs = reinterpret_cast<const char*>(t.samples.data() + at);
     const size_t bytes = lanes * sizeof(IrradSample*);
     for (size_t b = 0; b < bytes; b += 64) __builtin_prefetch(ptrs + b);
     __builtin_prefetch(ptrs + bytes - 1);
+  }
+  // Asks for a leaf's spheres alone.
+  static void prefetchLeafSpheres(const Tree& t, uint32_t at, uint32_t count) {
+    const SphereGroup* g = t.groups.data() + at / 4;
+    const uint32_t lanes = std::min<uint32_t>(count, kLeafSize);
+    for (uint32_t lane = 0; lane < lanes; lane += 4) __builtin_prefetch(g + lane / 4);
   }
   // Bit k set when child k's box contains p.
   static uint32_t childrenContaining(const Node& n, const Vector& p) {
