@@ -38,8 +38,9 @@ struct HitList {
 // walks, by when it has come. Reading it at once would make the sample's own request wait for
 // it; asking for every pointer line of every leaf reached, when few of their lanes hit, keeps
 // the memory busy with lines that are not used.
+template <class LaneHits>
 struct LaneHitList {
-  std::vector<SampleKdTree::TreeWalks::LaneHit>& out;
+  LaneHits& out;
   IrradSample* const* lanes;
   void add(IrradSample* const& slot, float d2) {
     __builtin_prefetch(&slot);

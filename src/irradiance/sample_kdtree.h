@@ -144,11 +144,6 @@ class SampleKdTree {
     }
     // Valid while the tree's generation() is this one.
     uint64_t generation() const { return generation_; }
-    // A hit while walking: the lane of its sample pointer, read once the walks are done.
-    struct LaneHit {
-      uint32_t lane;
-      float d2;
-    };
 
    private:
     friend class SampleKdTree;
@@ -158,6 +153,11 @@ class SampleKdTree {
     std::vector<TreeHit> hits_;
     std::vector<uint32_t> begin_, count_;
     uint64_t generation_ = ~uint64_t{0};
+    // A hit while walking: the lane of its sample pointer, read once the walks are done.
+    struct LaneHit {
+      uint32_t lane;
+      float d2;
+    };
     std::vector<uint64_t> stacks_;             // the walkers' stacks
     std::vector<LaneHit> walkerHits_[kWalkers];  // each walker's hits so far
     std::vector<LaneHit> laneHits_;            // every point's, in the order of hits_
