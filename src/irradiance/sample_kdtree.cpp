@@ -12,6 +12,7 @@
 #endif
 
 #include "io/placement.h"
+#include "irradiance/sphere_hits.h"
 #include "threads/prefault.h"
 
 namespace LUtils {
@@ -28,8 +29,7 @@ namespace {
 struct HitList {
   std::vector<SampleKdTree::TreeHit>& out;
   void add(IrradSample* s, float d2) {
-    __builtin_prefetch(s);
-    __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+    prefetchLookedUp(s);
     out.push_back({s, d2});
   }
 };
@@ -156,8 +156,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
   out.hits_.resize(out.laneHits_.size());
   for (size_t h = 0; h < out.laneHits_.size(); ++h) {
     IrradSample* s = t.samples[out.laneHits_[h].lane];
-    __builtin_prefetch(s);
-    __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+    prefetchLookedUp(s);
     out.hits_[h] = {s, out.laneHits_[h].d2};
   }
 }

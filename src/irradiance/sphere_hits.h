@@ -15,6 +15,13 @@
 
 namespace LUtils {
 
+// Asks for the fields of a sample that a lookup reads: they lie in its first 44 bytes, which may
+// span two cache lines.
+inline void prefetchLookedUp(const IrradSample* s) {
+  __builtin_prefetch(s);
+  __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+}
+
 // Spheres found to contain a query point by their bounds, waiting for their samples' own test
 // (the current validRadius2). Each sample is asked for from memory as soon as it is found and
 // tested later, in the order found, so that the waits for the samples overlap with the rest of
@@ -27,9 +34,7 @@ class PendingHits {
   PendingHits& operator=(const PendingHits&) = delete;
 
   void add(IrradSample* s, float d2) {
-    // The fields a lookup reads lie in the first 44 bytes, which may span two cache lines.
-    __builtin_prefetch(s);
-    __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+    prefetchLookedUp(s);
     if (n_ == kCapacity) flush();
     hits_[n_++] = {s, d2};
   }
