@@ -125,19 +125,51 @@ class InsertionGrid {
   // the rare wrong "yes". A sphere the grid could not place makes every answer "yes".
   class CellFilter;
 
-  // Asks for the lines where gather(p) starts: a hint, which samples inserted meanwhile do not
-  // make wrong.
-  void prefetch(const Vector& p) const {
-    forEachKey(levelBits(), p, [&](uint64_t key) { shards_[shardOf(key)].prefetch(key); });
-  }
-  // Asks for the entries of the cells that gather(p) scans; best once prefetch(p) has brought
-  // their slots.
-  void prefetchEntries(const Vector& p) const {
-    forEachKey(levelBits(), p, [&](uint64_t key) {
-      const Shard* shard;
-      if (const Slot* slot = find(key, shard)) shard->prefetchEntries(*slot);
+  // A point's cells on the levels in use, found a few queries ahead of its own: ask() computes
+  // their keys and asks for the lines where their slots are searched, askEntries() then finds
+  // the slots and asks for their entries, and the query (gather() given the probe) scans them
+  // without computing the keys or searching the slots again. What changed in between is found
+  // anew: on other levels in use, the query goes without the probe; a slot that moved, or a cell
+  // that had none, is searched again. So a probe is only a hint: never wrong, at worst slow.
+  class Probe {
+   private:
+    friend class InsertionGrid;
+    static constexpr int kMaxLevels = 8;
+    static constexpr uint32_t kNoSlot = ~uint32_t{0};
+    uint64_t levels_[2] = {0, 0};  // the levels in use when asked
+    int count_ = -1;  // keys found; -1: more levels than it holds, or not asked
+    uint64_t keys_[kMaxLevels];
+    uint32_t slots_[kMaxLevels];  // where each key's slot was in its shard's table, or kNoSlot
+  };
+  void ask(const Vector& p, Probe& probe) const {
+    const LevelBits bits = levelBits();
+    probe.levels_[0] = bits.word[0];
+    probe.levels_[1] = bits.word[1];
+    probe.count_ = 0;
+    forEachKey(bits, p, [&](uint64_t key) {
+      if (probe.count_ < 0 || probe.count_ == Probe::kMaxLevels) {
+        probe.count_ = -1;
+        return;
+      }
+      shards_[shardOf(key)].prefetch(key);
+      probe.slots_[probe.count_] = Probe::kNoSlot;
+      probe.keys_[probe.count_++] = key;
     });
   }
+  // Best once ask() has brought the slots' lines.
+  void askEntries(Probe& probe) const {
+    for (int j = 0; j < probe.count_; ++j) {
+      const Shard& shard = shards_[shardOf(probe.keys_[j])];
+      if (const Slot* slot = shard.find(probe.keys_[j])) {
+        shard.prefetchEntries(*slot);
+        probe.slots_[j] = shard.indexOf(*slot);
+      }
+    }
+  }
+  // gather(p) and gatherWith(later, p) with the cells that a probe asked for at p (may be null).
+  template <class F>
+  void gather(const InsertionGrid* later, const Vector& p, const Probe* probe,
+              PendingHits<F>& hits) const;
 
  private:
   // Each sample takes at most eight cells, a cell's range at most 1.5 times its entries and at
@@ -283,6 +315,13 @@ class InsertionGrid {
       const uint32_t c = capacity(slot.count);
       const float* x = fieldsAt(slot.begin);
       gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, samplesAt(slot.begin), slot.count, p, hits);
+    }
+
+    uint32_t indexOf(const Slot& slot) const { return static_cast<uint32_t>(&slot - slots_.data()); }
+    // The slot of a key that was at `index`, wherever it is now.
+    const Slot* findFrom(uint32_t index, uint64_t key) const {
+      if (index < slots_.size() && slots_[index].key == key) return &slots_[index];
+      return find(key);
     }
 
    private:
@@ -431,6 +470,30 @@ void InsertionGrid::gatherWith(const InsertionGrid& later, const Vector& p,
     if (laterEmpty) return;
     if (const Slot* slot = later.find(key, shard)) shard->scanCell(*slot, p, hits);
   });
+}
+
+template <class F>
+void InsertionGrid::gather(const InsertionGrid* later, const Vector& p, const Probe* probe,
+                           PendingHits<F>& hits) const {
+  const LevelBits bits = levelBits();
+  if (!probe || probe->count_ < 0 || bits.word[0] != probe->levels_[0] ||
+      bits.word[1] != probe->levels_[1]) {
+    if (later) {
+      gatherWith(*later, p, hits);
+    } else {
+      gather(p, hits);
+    }
+    return;
+  }
+  const bool laterEmpty = !later || later->samples_.empty();
+  for (int j = 0; j < probe->count_; ++j) {
+    const uint64_t key = probe->keys_[j];
+    const Shard& shard = shards_[shardOf(key)];
+    if (const Slot* slot = shard.findFrom(probe->slots_[j], key)) shard.scanCell(*slot, p, hits);
+    if (laterEmpty) continue;
+    const Shard* other;
+    if (const Slot* slot = later->find(key, other)) other->scanCell(*slot, p, hits);
+  }
 }
 
 }  // namespace LUtils

@@ -81,11 +81,12 @@ void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings,
                        std::span<const SampleKdTree::TreeHit> treeHits,
-                       std::vector<LookupCandidate>& out, const SampleKdTree* later) {
+                       std::vector<LookupCandidate>& out, const SampleKdTree* later,
+                       const SampleKdTree::Probe* probe) {
   const Vector p = context.position;
   const Vector n = context.normal;
   const float w = settings.normalStretch;
-  tree.forEachContaining(p, treeHits, later, [&](IrradSample& s) {
+  tree.forEachContaining(p, treeHits, later, probe, [&](IrradSample& s) {
     LookupCandidate c;
     if (testCandidate(s, p, n, w, c)) out.push_back(c);
   });

@@ -103,6 +103,7 @@ class LookupTask : public MergeTask {
     const SampleKdTree& tree = map_.kdTree();
     SampleKdTree::TreeWalks& walks = scratch_[worker].walks;
     Vector points[kChunk];
+    SampleKdTree::Probe probes[kProbes];  // the grid's cells of the samples ahead, by index
     const double cpuStart = threadCpuSeconds();
     for (;;) {
       const uint32_t first = next_.fetch_add(kChunk, std::memory_order_relaxed);
@@ -114,14 +115,18 @@ class LookupTask : public MergeTask {
       for (uint32_t i = first; i < end; ++i) points[i - first] = batch_[i].position;
       tree.walk(std::span<const Vector>(points, end - first), walks);
       for (uint32_t i = first; i < end && i < first + 2 * kAhead; ++i) {
-        tree.prefetchInserted(batch_[i].position);
+        tree.askInserted(batch_[i].position, probes[i % kProbes]);
+        if (i < first + kAhead) tree.askInsertedEntries(probes[i % kProbes]);
       }
       for (uint32_t i = first; i < end; ++i) {
-        if (i + 2 * kAhead < end) tree.prefetchInserted(batch_[i + 2 * kAhead].position);
-        if (i + kAhead < end) tree.prefetchInsertedEntries(batch_[i + kAhead].position);
+        if (i + 2 * kAhead < end) {
+          tree.askInserted(batch_[i + 2 * kAhead].position, probes[(i + 2 * kAhead) % kProbes]);
+        }
+        if (i + kAhead < end) tree.askInsertedEntries(probes[(i + kAhead) % kProbes]);
         const ShadeContext context = makeInsertionContext(batch_[i], thread);
         own.clear();
-        collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own);
+        collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own, nullptr,
+                          &probes[i % kProbes]);
         Decided& d = decided_[i];
         d.decision = decideSpacing(settings_, lookupFootprint(context), own);
         d.decision.nearest = nullptr;  // pointed into `own`
@@ -155,6 +160,7 @@ class LookupTask : public MergeTask {
 
   static constexpr uint32_t kChunk = 64;
   static constexpr uint32_t kAhead = 2;
+  static constexpr uint32_t kProbes = 2 * kAhead + 1;
   DefIrradianceMap& map_;
   std::vector<IrradSample>& batch_;
   const PendingRead read_;

@@ -126,17 +126,14 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
       } else {
         const Node& node = nodes[first];
         const uint32_t hit = childrenContaining(node, p);
-        for (uint32_t inner = hit; inner;) {
+        for (uint32_t inner = hit & ~uint32_t{node.leaves}; inner; inner &= inner - 1) {
           const int k = std::countr_zero(inner);
-          inner &= inner - 1;
-          if (node.count[k]) continue;
           w.stack[w.top++] = uint64_t{node.first[k]} << 32;
           prefetchNode(node.first[k]);
         }
-        for (uint32_t leaves = hit; leaves;) {
+        for (uint32_t leaves = hit & node.leaves; leaves;) {
           const int k = 31 - std::countl_zero(leaves);
           leaves &= ~(1u << k);
-          if (!node.count[k]) continue;
           w.stack[w.top++] = uint64_t{node.first[k]} << 32 | node.count[k];
           prefetchLeafSpheres(t, node.first[k], node.count[k]);
         }
@@ -330,6 +327,7 @@ SampleKdTree::Child SampleKdTree::collapse(const std::vector<BinaryNode>& binary
   }
   const uint32_t index = static_cast<uint32_t>(nodes.size());
   nodes.emplace_back();
+  nodes[index].leaves = 0;
   constexpr float inf = std::numeric_limits<float>::infinity();
   for (int k = 0; k < kWidth; ++k) {
     const Child child = k < n ? collapse(binary, gathered[k], nodes)
@@ -340,7 +338,8 @@ SampleKdTree::Child SampleKdTree::collapse(const std::vector<BinaryNode>& binary
       node.hi[a][k] = child.hi[a];
     }
     node.first[k] = child.first;
-    node.count[k] = child.count;
+    node.count[k] = static_cast<uint16_t>(child.count);
+    if (child.count) node.leaves |= static_cast<uint8_t>(1u << k);
   }
   Child out = c;
   out.first = index;

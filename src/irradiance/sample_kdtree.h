@@ -167,14 +167,16 @@ class SampleKdTree {
   void walk(std::span<const Vector> points, TreeWalks& out) const;
   // Changes whenever the static tree does (a rebuild, a fold, clear()).
   uint64_t generation() const { return generation_; }
-  // forEachContaining() where walk() found the tree's hits for p, with the tree as it is now.
+  // The inserted samples' cells at p, found ahead of the query at p (InsertionGrid::Probe):
+  // first their keys, with their slots asked for, then the slots, with their entries asked for.
+  using Probe = InsertionGrid::Probe;
+  void askInserted(const Vector& p, Probe& probe) const { grid_.ask(p, probe); }
+  void askInsertedEntries(Probe& probe) const { grid_.askEntries(probe); }
+  // forEachContaining() where walk() found the tree's hits for p, with the tree as it is now;
+  // `probe` (may be null): the one askInserted() filled for p.
   template <class F>
   void forEachContaining(const Vector& p, std::span<const TreeHit> treeHits,
-                         const SampleKdTree* later, F&& f) const;
-  // Asks for the lines where a query of the inserted samples at p starts; a hint only.
-  void prefetchInserted(const Vector& p) const { grid_.prefetch(p); }
-  // Then asks for the entries of the cells found there.
-  void prefetchInsertedEntries(const Vector& p) const { grid_.prefetchEntries(p); }
+                         const SampleKdTree* later, const Probe* probe, F&& f) const;
 
  private:
   // A box around bounding spheres and what it holds: `count` entries from `first`, or, when
@@ -194,8 +196,14 @@ class SampleKdTree {
   };
   struct alignas(64) Node {
     float lo[3][kWidth], hi[3][kWidth];
-    uint32_t first[kWidth], count[kWidth];
+    uint32_t first[kWidth];
+    // A leaf's entries: at most kLeafSize but where the build stops splitting at its depth
+    // limit, and there the median splits from depth 40 on have halved any run of 2^32 entries to
+    // at most 4096.
+    uint16_t count[kWidth];
+    uint8_t leaves;  // bit k set when child k is a leaf
   };
+  static_assert(sizeof(Node) == 256);
   struct Tree {
     Child root{};
     std::vector<Node, LargeArrayAllocator<Node>> nodes;
@@ -298,24 +306,21 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
       stack[top++] = tree.root.first;
       while (top > 0) {
         const Node& n = nodes[stack[--top]];
-        uint32_t hit = childrenContaining(n, p);
+        const uint32_t hit = childrenContaining(n, p);
         // Ask for the leaves' lines before scanning any.
-        for (uint32_t leaves = hit; leaves;) {
+        for (uint32_t leaves = hit & n.leaves; leaves; leaves &= leaves - 1) {
           const int k = std::countr_zero(leaves);
-          leaves &= leaves - 1;
-          if (!n.count[k]) continue;
           prefetchLeaf(tree, n.first[k], n.count[k]);
         }
-        while (hit) {
-          const int k = std::countr_zero(hit);
-          hit &= hit - 1;
-          if (n.count[k]) {
-            scanLeaf(tree, n.first[k], n.count[k], p, hits);
-          } else {
-            const char* child = reinterpret_cast<const char*>(nodes + n.first[k]);
-            for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(child + b);
-            stack[top++] = n.first[k];
-          }
+        for (uint32_t leaves = hit & n.leaves; leaves; leaves &= leaves - 1) {
+          const int k = std::countr_zero(leaves);
+          scanLeaf(tree, n.first[k], n.count[k], p, hits);
+        }
+        for (uint32_t inner = hit & ~uint32_t{n.leaves}; inner; inner &= inner - 1) {
+          const int k = std::countr_zero(inner);
+          const char* child = reinterpret_cast<const char*>(nodes + n.first[k]);
+          for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(child + b);
+          stack[top++] = n.first[k];
         }
       }
     }
@@ -330,14 +335,11 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
 
 template <class F>
 void SampleKdTree::forEachContaining(const Vector& p, std::span<const TreeHit> treeHits,
-                                     const SampleKdTree* later, F&& f) const {
+                                     const SampleKdTree* later, const Probe* probe,
+                                     F&& f) const {
   PendingHits<std::remove_reference_t<F>> hits(f);
   for (const TreeHit& h : treeHits) hits.add(h.sample, h.d2);
-  if (later) {
-    grid_.gatherWith(later->grid_, p, hits);
-  } else {
-    grid_.gather(p, hits);
-  }
+  grid_.gather(later ? &later->grid_ : nullptr, p, probe, hits);
   hits.flush();
 }
 

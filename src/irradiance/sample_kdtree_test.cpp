@@ -61,28 +61,40 @@ class KdTreeAgainstBruteForce : public ::testing::Test {
     return {u(rng), u(rng), u(rng)};
   }
   // Also checks that the probes walked all at once (walk()) find the samples in the order that
-  // probing one at a time does.
+  // probing one at a time does, with the inserted samples' cells asked for ahead (half of them
+  // with their entries too), and with cells asked for at the last check, before the index
+  // changed.
   size_t checkProbes(const SampleKdTree& tree, size_t indexed, int probes) {
     size_t hits = 0;
     std::vector<Vector> points;
+    std::vector<SampleKdTree::Probe> asked(probes);
     for (int k = 0; k < probes; ++k) {
       const Vector p = probe();
       points.push_back(p);
       const auto expected = bruteForce(samples, indexed, p);
       EXPECT_EQ(viaTree(tree, p), expected) << "probe " << k;
       hits += expected.size();
+      tree.askInserted(p, asked[k]);
+      if (k % 2) tree.askInsertedEntries(asked[k]);
     }
+    std::vector<Vector> all = points;
+    all.insert(all.end(), stalePoints_.begin(), stalePoints_.end());
+    asked.insert(asked.end(), staleProbes_.begin(), staleProbes_.end());
     SampleKdTree::TreeWalks walks;
-    tree.walk(points, walks);
+    tree.walk(all, walks);
     EXPECT_EQ(walks.generation(), tree.generation());
-    for (size_t k = 0; k < points.size(); ++k) {
+    for (size_t k = 0; k < all.size(); ++k) {
       std::vector<const IrradSample*> walked;
-      tree.forEachContaining(points[k], walks.hitsOf(k), nullptr,
+      tree.forEachContaining(all[k], walks.hitsOf(k), nullptr, k % 3 ? &asked[k] : nullptr,
                              [&](IrradSample& s) { walked.push_back(&s); });
-      EXPECT_EQ(walked, viaTree(tree, points[k], false)) << "walked probe " << k;
+      EXPECT_EQ(walked, viaTree(tree, all[k], false)) << "walked probe " << k;
     }
+    stalePoints_ = points;
+    staleProbes_.assign(asked.begin(), asked.begin() + probes);
     return hits;
   }
+  std::vector<Vector> stalePoints_;
+  std::vector<SampleKdTree::Probe> staleProbes_;
 
   std::mt19937 rng{12345};
   BlockSequence<IrradSample> samples{1000};
