@@ -59,10 +59,6 @@ class RunIndexer : public SampleIndexer {
 // Samples per run: enough that the walks overlap well, few enough that a fold in the middle of
 // a run wastes little.
 constexpr uint32_t kRun = 256;
-// How many samples ahead the slots of a sample's grid cells are asked for (twice this many),
-// then their entries.
-constexpr uint32_t kCellsAhead = 2;
-constexpr uint32_t kProbes = 2 * kCellsAhead + 1;
 
 }  // namespace
 
@@ -82,7 +78,6 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
   std::vector<Vector> points;
   SampleKdTree::TreeWalks walks;
   std::vector<LookupCandidate> candidates;
-  SampleKdTree::Probe probes[kProbes];  // the grid's cells of the samples ahead, by index
   RunIndexer indexer(tree);
   uint32_t done = 0;
   while (done < total) {
@@ -103,16 +98,10 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
       walkedFrom = first;
     };
     walkFrom(0);
-    for (uint32_t i = 0; i < n && i < 2 * kCellsAhead; ++i) {
-      tree.askInserted(run[i].position, probes[i % kProbes]);
-      if (i < kCellsAhead) tree.askInsertedEntries(probes[i % kProbes]);
-    }
+    SampleKdTree::CellsAhead cells(tree, run);
     for (uint32_t i = 0; i < n; ++i) {
       if (walks.generation() != tree.generation()) walkFrom(i);
-      if (i + 2 * kCellsAhead < n) {
-        tree.askInserted(run[i + 2 * kCellsAhead].position, probes[(i + 2 * kCellsAhead) % kProbes]);
-      }
-      if (i + kCellsAhead < n) tree.askInsertedEntries(probes[(i + kCellsAhead) % kProbes]);
+      const SampleKdTree::Probe* probe = cells.next(i);
 
       const IrradSample& sample = run[i];
       ShadeContext context = makeInsertionContext(sample, thread);
@@ -123,7 +112,7 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
       if (guarded) map.multiReaderLock().readLock(threadIndex);
       candidates.clear();
       collectCandidates(tree, context, settings, walks.hitsOf(i - walkedFrom), candidates,
-                        indexer.stored(), &probes[i % kProbes]);
+                        indexer.stored(), probe);
       const SpacingDecision decision =
           decideSpacing(settings, lookupFootprint(context), candidates);
       if (guarded) map.multiReaderLock().readUnlock(threadIndex);

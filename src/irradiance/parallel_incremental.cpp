@@ -103,7 +103,6 @@ class LookupTask : public MergeTask {
     const SampleKdTree& tree = map_.kdTree();
     SampleKdTree::TreeWalks& walks = scratch_[worker].walks;
     Vector points[kChunk];
-    SampleKdTree::Probe probes[kProbes];  // the grid's cells of the samples ahead, by index
     const double cpuStart = threadCpuSeconds();
     for (;;) {
       const uint32_t first = next_.fetch_add(kChunk, std::memory_order_relaxed);
@@ -114,19 +113,12 @@ class LookupTask : public MergeTask {
       // cells a few samples ahead.
       for (uint32_t i = first; i < end; ++i) points[i - first] = batch_[i].position;
       tree.walk(std::span<const Vector>(points, end - first), walks);
-      for (uint32_t i = first; i < end && i < first + 2 * kAhead; ++i) {
-        tree.askInserted(batch_[i].position, probes[i % kProbes]);
-        if (i < first + kAhead) tree.askInsertedEntries(probes[i % kProbes]);
-      }
+      SampleKdTree::CellsAhead cells(tree, {batch_.data() + first, end - first});
       for (uint32_t i = first; i < end; ++i) {
-        if (i + 2 * kAhead < end) {
-          tree.askInserted(batch_[i + 2 * kAhead].position, probes[(i + 2 * kAhead) % kProbes]);
-        }
-        if (i + kAhead < end) tree.askInsertedEntries(probes[(i + kAhead) % kProbes]);
+        const SampleKdTree::Probe* probe = cells.next(i - first);
         const ShadeContext context = makeInsertionContext(batch_[i], thread);
         own.clear();
-        collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own, nullptr,
-                          &probes[i % kProbes]);
+        collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own, nullptr, probe);
         Decided& d = decided_[i];
         d.decision = decideSpacing(settings_, lookupFootprint(context), own);
         d.decision.nearest = nullptr;  // pointed into `own`
@@ -159,8 +151,6 @@ class LookupTask : public MergeTask {
   }
 
   static constexpr uint32_t kChunk = 64;
-  static constexpr uint32_t kAhead = 2;
-  static constexpr uint32_t kProbes = 2 * kAhead + 1;
   DefIrradianceMap& map_;
   std::vector<IrradSample>& batch_;
   const PendingRead read_;

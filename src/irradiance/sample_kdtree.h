@@ -172,6 +172,34 @@ class SampleKdTree {
   using Probe = InsertionGrid::Probe;
   void askInserted(const Vector& p, Probe& probe) const { grid_.ask(p, probe); }
   void askInsertedEntries(Probe& probe) const { grid_.askEntries(probe); }
+  // The inserted samples' cells for the queries of a run of samples, in turn: before each
+  // query, the slots of the sample 2 kAhead further on are asked for, and the entries of the one
+  // kAhead further on, so that each comes while the queries between go on.
+  class CellsAhead {
+   public:
+    CellsAhead(const SampleKdTree& tree, std::span<const IrradSample> run)
+        : tree_(tree), run_(run) {
+      for (size_t k = 0; k < run.size() && k < 2 * kAhead; ++k) {
+        tree.askInserted(run[k].position, probes_[k % kProbes]);
+        if (k < kAhead) tree.askInsertedEntries(probes_[k % kProbes]);
+      }
+    }
+    // The probe of the k-th sample, whose query comes next (k counts up from 0).
+    const Probe* next(size_t k) {
+      if (k + 2 * kAhead < run_.size()) {
+        tree_.askInserted(run_[k + 2 * kAhead].position, probes_[(k + 2 * kAhead) % kProbes]);
+      }
+      if (k + kAhead < run_.size()) tree_.askInsertedEntries(probes_[(k + kAhead) % kProbes]);
+      return &probes_[k % kProbes];
+    }
+
+   private:
+    static constexpr size_t kAhead = 2;
+    static constexpr size_t kProbes = 2 * kAhead + 1;
+    const SampleKdTree& tree_;
+    std::span<const IrradSample> run_;
+    Probe probes_[kProbes];
+  };
   // forEachContaining() where walk() found the tree's hits for p, with the tree as it is now;
   // `probe` (may be null): the one askInserted() filled for p.
   template <class F>
