@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <limits>
 #include <vector>
 
 #include "irradiance/def_irradiance_map.h"
@@ -24,10 +23,10 @@ namespace {
 
 // Indexes the samples that a run stores: begun in the map's index at once, so that they are
 // counted where insert() counts them, and listed in its grid's cells at the end of the run,
-// several at a time with their cells asked for ahead (InsertionGrid::list). Until then `stored`
-// holds them alone, and the lookups search it after the map's grid on every level, which finds
-// them in the order the map's grid would list them. When the index wants to fold, what was begun
-// is listed first, and the index folds where insert() would.
+// several at a time with their cells asked for ahead (InsertionGrid::list). Until then the
+// lookups test them one by one (InsertionGrid::Unlisted), which finds them where and in the
+// order the map's grid would list them. When the index wants to fold, what was begun is listed
+// first, and the index folds where insert() would.
 class RunIndexer : public SampleIndexer {
  public:
   explicit RunIndexer(SampleKdTree& tree) : tree_(tree) {}
@@ -36,23 +35,25 @@ class RunIndexer : public SampleIndexer {
     InsertionGrid::Sphere entry;
     if (!tree_.beginInsert(sample, entry)) return;
     pending_.push_back(entry);
-    stored_.insert(sample);
+    unlisted_.add(entry);
     if (tree_.wantsFold()) {
       listPending();
       tree_.fold();
+    } else if (unlisted_.full()) {
+      listPending();
     }
   }
   void listPending() {
     if (pending_.empty()) return;
     tree_.listEntries(pending_, InsertionGrid::kAllShards);
     pending_.clear();
-    stored_.clear();
+    unlisted_.clear();
   }
-  const SampleKdTree* stored() const { return pending_.empty() ? nullptr : &stored_; }
+  const InsertionGrid::Unlisted* unlisted() const { return pending_.empty() ? nullptr : &unlisted_; }
 
  private:
   SampleKdTree& tree_;
-  SampleKdTree stored_{std::numeric_limits<size_t>::max()};  // never folds
+  InsertionGrid::Unlisted unlisted_;
   std::vector<InsertionGrid::Sphere> pending_;
 };
 
@@ -112,7 +113,7 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
       if (guarded) map.multiReaderLock().readLock(threadIndex);
       candidates.clear();
       collectCandidates(tree, context, settings, walks.hitsOf(i - walkedFrom), candidates,
-                        indexer.stored(), probe);
+                        indexer.unlisted(), probe);
       const SpacingDecision decision =
           decideSpacing(settings, lookupFootprint(context), candidates);
       if (guarded) map.multiReaderLock().readUnlock(threadIndex);

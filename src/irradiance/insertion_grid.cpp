@@ -291,6 +291,20 @@ void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter, Ins
   if (filter) filter->addLevel(k);
 }
 
+void InsertionGrid::Unlisted::add(const Sphere& sphere) {
+  double lo[3], hi[3];
+  int k = 0;
+  boxOf(sphere, lo, hi, k);  // the level begin() placed it on
+  const uint32_t i = count_++;
+  SphereGroup& g = groups_[i / 4];
+  g.x[i % 4] = sphere.x;
+  g.y[i % 4] = sphere.y;
+  g.z[i % 4] = sphere.z;
+  g.r[i % 4] = sphere.r;
+  samples_[i] = sphere.sample;
+  levels_[i] = static_cast<uint8_t>(k - kMinLevel);
+}
+
 void InsertionGrid::CellBatch::clear() {
   spheres_.clear();
   for (std::vector<Cell>& cells : cells_) cells.clear();

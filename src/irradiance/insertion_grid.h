@@ -110,14 +110,10 @@ class InsertionGrid {
   // listed.
   bool nearlyFull() const { return samples_.size() >= kMaxSamples; }
 
-  // Adds to `hits` every sample whose bounding sphere contains p, level by level from the
-  // smallest cells, in insertion order within a cell; the caller flushes them.
-  template <class F>
-  void gather(const Vector& p, PendingHits<F>& hits) const;
-  // As gather(), where `later` holds, alone, samples begun in this grid after every listed one
-  // and not yet listed: on each level this grid's cell, then later's.
-  template <class F>
-  void gatherWith(const InsertionGrid& later, const Vector& p, PendingHits<F>& hits) const;
+  // Samples that a grid began after every one it lists and has not listed yet, few enough to
+  // be tested one by one: a query given them finds them as the grid will once they are listed,
+  // each on its level right after the grid's own cell, in the order added.
+  class Unlisted;
   // The cells that a set of spheres would take in a grid, without their entries: answers
   // whether a sphere of the set may contain a point, never "no" wrongly, in a few hash probes
   // of a bit table small enough to stay in the second-level cache. Each cell is a bit of the
@@ -166,9 +162,16 @@ class InsertionGrid {
       }
     }
   }
-  // gather(p) and gatherWith(later, p) with the cells that a probe asked for at p (may be null).
+  // Adds to `hits` every sample whose bounding sphere contains p, level by level from the
+  // smallest cells, in insertion order within a cell; the caller flushes them. `probe` (may be
+  // null): the cells a probe asked for at p. `later` (may be null) holds, alone, samples begun
+  // in this grid after every listed one and not yet listed: on each level this grid's cell,
+  // then later's.
   template <class F>
   void gather(const InsertionGrid* later, const Vector& p, const Probe* probe,
+              PendingHits<F>& hits) const;
+  template <class F>
+  void gather(const Unlisted& later, const Vector& p, const Probe* probe,
               PendingHits<F>& hits) const;
 
  private:
@@ -292,6 +295,10 @@ class InsertionGrid {
   // begin() took; returns the level.
   template <class F>
   static int forEachCell(const Sphere& s, F&& f);
+  // Calls f(key, shard, slot or null) for p's cell on every level in use, smallest cells first,
+  // with the slots that the probe (may be null) found where they are still good.
+  template <class F>
+  void forEachCellAt(const Vector& p, const Probe* probe, F&& f) const;
 
   // One shard: a hash table of cells and the pool of their entries.
   class Shard {
@@ -451,49 +458,81 @@ class InsertionGrid::CellBatch {
   std::vector<Cell> cells_[kShards];  // each shard's cells, in the order added
 };
 
-template <class F>
-void InsertionGrid::gather(const Vector& p, PendingHits<F>& hits) const {
-  forEachKey(levelBits(), p, [&](uint64_t key) {
-    const Shard* shard;
-    if (const Slot* slot = find(key, shard)) shard->scanCell(*slot, p, hits);
-  });
-}
+class InsertionGrid::Unlisted {
+ public:
+  static constexpr uint32_t kCapacity = 256;
+  // Adds a sphere that the grid began; at most kCapacity until cleared.
+  void add(const Sphere& sphere);
+  void clear() { count_ = 0; }
+  bool full() const { return count_ == kCapacity; }
+  bool empty() const { return count_ == 0; }
+
+ private:
+  friend class InsertionGrid;
+  SphereGroup groups_[kCapacity / 4];  // four spheres to a group, field by field
+  IrradSample* samples_[kCapacity];
+  uint8_t levels_[kCapacity];  // each sphere's level, as its keys hold it
+  uint32_t count_ = 0;
+};
 
 template <class F>
-void InsertionGrid::gatherWith(const InsertionGrid& later, const Vector& p,
-                               PendingHits<F>& hits) const {
-  // Every level of `later` is one of ours: begin() placed its samples here too.
-  const bool laterEmpty = later.samples_.empty();
-  forEachKey(levelBits(), p, [&](uint64_t key) {
+void InsertionGrid::forEachCellAt(const Vector& p, const Probe* probe, F&& f) const {
+  const LevelBits bits = levelBits();
+  if (probe && probe->count_ >= 0 && bits.word[0] == probe->levels_[0] &&
+      bits.word[1] == probe->levels_[1]) {
+    for (int j = 0; j < probe->count_; ++j) {
+      const uint64_t key = probe->keys_[j];
+      const Shard& shard = shards_[shardOf(key)];
+      f(key, shard, shard.findFrom(probe->slots_[j], key));
+    }
+    return;
+  }
+  forEachKey(bits, p, [&](uint64_t key) {
     const Shard* shard;
-    if (const Slot* slot = find(key, shard)) shard->scanCell(*slot, p, hits);
-    if (laterEmpty) return;
-    if (const Slot* slot = later.find(key, shard)) shard->scanCell(*slot, p, hits);
+    const Slot* slot = find(key, shard);
+    f(key, *shard, slot);
   });
 }
 
 template <class F>
 void InsertionGrid::gather(const InsertionGrid* later, const Vector& p, const Probe* probe,
                            PendingHits<F>& hits) const {
-  const LevelBits bits = levelBits();
-  if (!probe || probe->count_ < 0 || bits.word[0] != probe->levels_[0] ||
-      bits.word[1] != probe->levels_[1]) {
-    if (later) {
-      gatherWith(*later, p, hits);
-    } else {
-      gather(p, hits);
-    }
-    return;
-  }
+  // Every level of `later` is one of ours: begin() placed its samples here too.
   const bool laterEmpty = !later || later->samples_.empty();
-  for (int j = 0; j < probe->count_; ++j) {
-    const uint64_t key = probe->keys_[j];
-    const Shard& shard = shards_[shardOf(key)];
-    if (const Slot* slot = shard.findFrom(probe->slots_[j], key)) shard.scanCell(*slot, p, hits);
-    if (laterEmpty) continue;
+  forEachCellAt(p, probe, [&](uint64_t key, const Shard& shard, const Slot* slot) {
+    if (slot) shard.scanCell(*slot, p, hits);
+    if (laterEmpty) return;
     const Shard* other;
-    if (const Slot* slot = later->find(key, other)) other->scanCell(*slot, p, hits);
-  }
+    if (const Slot* found = later->find(key, other)) other->scanCell(*found, p, hits);
+  });
+}
+
+template <class F>
+void InsertionGrid::gather(const Unlisted& later, const Vector& p, const Probe* probe,
+                           PendingHits<F>& hits) const {
+  // The unlisted spheres that contain p, in the order added; each is then taken on its level.
+  struct Found {
+    uint32_t index;
+    float d2;
+  };
+  struct Sink {
+    IrradSample* const* base;
+    Found* found;
+    uint32_t n;
+    void add(IrradSample* const& slot, float d2) {
+      found[n++] = {static_cast<uint32_t>(&slot - base), d2};
+    }
+  };
+  Found found[Unlisted::kCapacity];
+  Sink sink{later.samples_, found, 0};
+  gatherGroups(later.groups_, later.samples_, later.count_, p, sink);
+  forEachCellAt(p, probe, [&](uint64_t key, const Shard& shard, const Slot* slot) {
+    if (slot) shard.scanCell(*slot, p, hits);
+    const auto level = static_cast<uint8_t>(key >> (3 * kCoordBits));
+    for (uint32_t j = 0; j < sink.n; ++j) {
+      if (later.levels_[found[j].index] == level) hits.add(later.samples_[found[j].index], found[j].d2);
+    }
+  });
 }
 
 }  // namespace LUtils

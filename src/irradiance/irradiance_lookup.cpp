@@ -81,7 +81,7 @@ void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings,
                        std::span<const SampleKdTree::TreeHit> treeHits,
-                       std::vector<LookupCandidate>& out, const SampleKdTree* later,
+                       std::vector<LookupCandidate>& out, const InsertionGrid::Unlisted* later,
                        const SampleKdTree::Probe* probe) {
   const Vector p = context.position;
   const Vector n = context.normal;

@@ -125,7 +125,8 @@ void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings,
                        std::span<const SampleKdTree::TreeHit> treeHits,
-                       std::vector<LookupCandidate>& out, const SampleKdTree* later = nullptr,
+                       std::vector<LookupCandidate>& out,
+                       const InsertionGrid::Unlisted* later = nullptr,
                        const SampleKdTree::Probe* probe = nullptr);
 
 // The spacing test over collected candidates.

@@ -201,10 +201,12 @@ class SampleKdTree {
     Probe probes_[kProbes];
   };
   // forEachContaining() where walk() found the tree's hits for p, with the tree as it is now;
-  // `probe` (may be null): the one askInserted() filled for p.
+  // `later` (may be null) holds the samples begun here after every listed one and not yet
+  // listed, and `probe` (may be null) is the one askInserted() filled for p.
   template <class F>
   void forEachContaining(const Vector& p, std::span<const TreeHit> treeHits,
-                         const SampleKdTree* later, const Probe* probe, F&& f) const;
+                         const InsertionGrid::Unlisted* later, const Probe* probe,
+                         F&& f) const;
 
  private:
   // A box around bounding spheres and what it holds: `count` entries from `first`, or, when
@@ -353,21 +355,21 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
       }
     }
   }
-  if (later) {
-    grid_.gatherWith(later->grid_, p, hits);
-  } else {
-    grid_.gather(p, hits);
-  }
+  grid_.gather(later ? &later->grid_ : nullptr, p, nullptr, hits);
   hits.flush();
 }
 
 template <class F>
 void SampleKdTree::forEachContaining(const Vector& p, std::span<const TreeHit> treeHits,
-                                     const SampleKdTree* later, const Probe* probe,
+                                     const InsertionGrid::Unlisted* later, const Probe* probe,
                                      F&& f) const {
   PendingHits<std::remove_reference_t<F>> hits(f);
   for (const TreeHit& h : treeHits) hits.add(h.sample, h.d2);
-  grid_.gather(later ? &later->grid_ : nullptr, p, probe, hits);
+  if (later && !later->empty()) {
+    grid_.gather(*later, p, probe, hits);
+  } else {
+    grid_.gather(nullptr, p, probe, hits);
+  }
   hits.flush();
 }
 

@@ -218,6 +218,51 @@ TEST_F(KdTreeAgainstBruteForce, SamplesListedLaterAreVisitedInInsertionOrder) {
   checkProbes(deferred, samples.size(), 200);
 }
 
+// The one-thread merge's runs: samples begun and not yet listed, tested one by one
+// (InsertionGrid::Unlisted), are visited where listing puts them, each on its level after the
+// grid's own cell, also where the walks and probes of the points came before they were begun.
+// Radii span several levels, and a pile at one point has samples on each.
+TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
+  fill(3000);
+  SampleKdTree direct, deferred;
+  direct.build(samples);
+  deferred.build(samples);
+  fill(5000);
+  for (int i = 0; i < 400; ++i) samples.append(sphere(1.0f, 2.0f, 3.0f, 0.05f * float(1 << (i % 6))));
+  std::vector<Vector> points(200);
+  std::vector<SampleKdTree::Probe> probes(points.size());
+  InsertionGrid::Unlisted unlisted;
+  std::vector<SampleKdTree::Entry> entries;
+  SampleKdTree::TreeWalks walks;
+  for (size_t i = 3000; i < samples.size(); ++i) {
+    if (i % 100 == 0) {  // points walked and probed now, looked up 100 samples on
+      for (size_t k = 0; k < points.size(); ++k) {
+        points[k] = k % 4 ? probe() : Vector{1.0f, 2.0f, 3.0f + 0.01f * float(k)};
+        deferred.askInserted(points[k], probes[k]);
+        if (k % 2) deferred.askInsertedEntries(probes[k]);
+      }
+      deferred.walk(points, walks);
+    }
+    direct.insert(samples[i]);
+    SampleKdTree::Entry e;
+    ASSERT_TRUE(deferred.beginInsert(samples[i], e));
+    entries.push_back(e);
+    unlisted.add(e);
+    if (i % 100 != 99) continue;
+    for (size_t k = 0; k < points.size(); ++k) {
+      std::vector<const IrradSample*> found;
+      deferred.forEachContaining(points[k], walks.hitsOf(k), &unlisted, &probes[k],
+                                 [&](IrradSample& s) { found.push_back(&s); });
+      ASSERT_EQ(found, viaTree(direct, points[k], false)) << "sample " << i << ", point " << k;
+    }
+    if (i % 200 == 199) {
+      deferred.listEntries(entries, InsertionGrid::kAllShards);
+      entries.clear();
+      unlisted.clear();
+    }
+  }
+}
+
 // Containment is strict, also for a pile of 10000 samples at one point.
 // The parallel merge's pieces: samples begun in one index and listed later from a CellBatch,
 // shard by shard in any order, while the batch's own index takes them alongside, give the
