@@ -49,7 +49,9 @@ class RunIndexer : public SampleIndexer {
     pending_.clear();
     unlisted_.clear();
   }
-  const InsertionGrid::Unlisted* unlisted() const { return pending_.empty() ? nullptr : &unlisted_; }
+  const InsertionGrid::Unlisted* unlisted() const {
+    return pending_.empty() ? nullptr : &unlisted_;
+  }
 
  private:
   SampleKdTree& tree_;

@@ -324,7 +324,9 @@ class InsertionGrid {
       gatherSpheres(x, x + c, x + 2 * c, x + 3 * c, samplesAt(slot.begin), slot.count, p, hits);
     }
 
-    uint32_t indexOf(const Slot& slot) const { return static_cast<uint32_t>(&slot - slots_.data()); }
+    uint32_t indexOf(const Slot& slot) const {
+      return static_cast<uint32_t>(&slot - slots_.data());
+    }
     // The slot of a key that was at `index`, wherever it is now.
     const Slot* findFrom(uint32_t index, uint64_t key) const {
       if (index < slots_.size() && slots_[index].key == key) return &slots_[index];
@@ -530,7 +532,8 @@ void InsertionGrid::gather(const Unlisted& later, const Vector& p, const Probe* 
     if (slot) shard.scanCell(*slot, p, hits);
     const auto level = static_cast<uint8_t>(key >> (3 * kCoordBits));
     for (uint32_t j = 0; j < sink.n; ++j) {
-      if (later.levels_[found[j].index] == level) hits.add(later.samples_[found[j].index], found[j].d2);
+      const uint32_t i = found[j].index;
+      if (later.levels_[i] == level) hits.add(later.samples_[i], found[j].d2);
     }
   });
 }

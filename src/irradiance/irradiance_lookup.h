@@ -121,7 +121,9 @@ inline bool testCandidate(IrradSample& s, const Vector& p, const Vector& n, floa
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings, std::vector<LookupCandidate>& out,
                        const SampleKdTree* later = nullptr);
-// The same, where SampleKdTree::walk() found the static tree's hits for the point.
+// The same, where SampleKdTree::walk() found the static tree's hits for the point; `later`
+// holds the samples begun and not yet listed, and `probe` the point's cells asked for ahead
+// (SampleKdTree::CellsAhead).
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings,
                        std::span<const SampleKdTree::TreeHit> treeHits,

@@ -228,7 +228,9 @@ TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
   direct.build(samples);
   deferred.build(samples);
   fill(5000);
-  for (int i = 0; i < 400; ++i) samples.append(sphere(1.0f, 2.0f, 3.0f, 0.05f * float(1 << (i % 6))));
+  for (int i = 0; i < 400; ++i) {
+    samples.append(sphere(1.0f, 2.0f, 3.0f, 0.05f * static_cast<float>(1 << (i % 6))));
+  }
   std::vector<Vector> points(200);
   std::vector<SampleKdTree::Probe> probes(points.size());
   InsertionGrid::Unlisted unlisted;
