@@ -195,7 +195,8 @@ class SampleKdTree {
 
    private:
     static constexpr size_t kAhead = 2;
-    static constexpr size_t kProbes = 2 * kAhead + 1;
+    static constexpr size_t kProbes = 8;  // a power of two past 2 kAhead: turns are a mask
+    static_assert(kProbes > 2 * kAhead && std::has_single_bit(kProbes));
     const SampleKdTree& tree_;
     std::span<const IrradSample> run_;
     Probe probes_[kProbes];
