@@ -4,6 +4,7 @@
 #pragma once
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <cstdint>
@@ -22,27 +23,33 @@ inline uint32_t sampleCount(uint32_t full) {
   return env && std::atol(env) > 0 ? static_cast<uint32_t>(std::atol(env)) : full;
 }
 
-// Elapsed wall-clock and CPU time of the calling thread. The machine that runs the benchmarks
-// may be shared, so ratios are taken on CPU time (both sides are single-threaded); the
-// wall-clock ratio is reported beside it.
+// Elapsed wall-clock and CPU time of the calling thread, and the part of the CPU time spent in
+// the kernel (mostly mapping fresh memory). The machine that runs the benchmarks may be shared,
+// so ratios are taken on CPU time (both sides are single-threaded); the wall-clock ratio is
+// reported beside it.
 struct Times {
   double wall = 0.0;
   double cpu = 0.0;
+  double system = 0.0;
   Times& operator+=(const Times& o) {
     wall += o.wall;
     cpu += o.cpu;
+    system += o.system;
     return *this;
   }
   Times per(int64_t n) const {
-    return {wall / static_cast<double>(n), cpu / static_cast<double>(n)};
+    const auto d = static_cast<double>(n);
+    return {wall / d, cpu / d, system / d};
   }
 };
 
 class Stopwatch {
  public:
-  Stopwatch() : wall_(now(CLOCK_MONOTONIC)), cpu_(now(CLOCK_THREAD_CPUTIME_ID)) {}
+  Stopwatch()
+      : wall_(now(CLOCK_MONOTONIC)), cpu_(now(CLOCK_THREAD_CPUTIME_ID)), system_(systemNow()) {}
   Times elapsed() const {
-    return {now(CLOCK_MONOTONIC) - wall_, now(CLOCK_THREAD_CPUTIME_ID) - cpu_};
+    return {now(CLOCK_MONOTONIC) - wall_, now(CLOCK_THREAD_CPUTIME_ID) - cpu_,
+            systemNow() - system_};
   }
 
  private:
@@ -51,8 +58,14 @@ class Stopwatch {
     clock_gettime(clock, &t);
     return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
   }
+  static double systemNow() {
+    rusage u{};
+    getrusage(RUSAGE_THREAD, &u);
+    return static_cast<double>(u.ru_stime.tv_sec) + 1e-6 * static_cast<double>(u.ru_stime.tv_usec);
+  }
   double wall_;
   double cpu_;
+  double system_;
 };
 
 class ScratchDir {
