@@ -18,8 +18,9 @@
 // batch of samples that were begun in order can instead be listed by several threads, each taking
 // its own shards and the samples in the same order, so that every cell lists its samples in the
 // order they were begun and the grid is the same, shard for shard, whatever the number of
-// threads. A sample begun and not yet listed is counted but found by no query; gatherWith() finds
-// such samples in a second grid that holds them alone, in the order the first would list them.
+// threads. A sample begun and not yet listed is counted but found by no query; gather() finds
+// such samples in a second grid that holds them alone, or among a few tested one by one
+// (Unlisted), in the order the first would list them.
 //
 // A cell's entries lie together in one range of its shard's pool, one array per field (x, y, z, bounding
 // radius) so that they are tested four at a time; a full cell moves to a range half as large
