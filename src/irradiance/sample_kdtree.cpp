@@ -87,10 +87,6 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
   };
   Walker walkers[kWalkers];
   const Node* nodes = t.nodes.data();
-  auto prefetchNode = [nodes](uint32_t index) {
-    const char* node = reinterpret_cast<const char*>(nodes + index);
-    for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(node + b);
-  };
   size_t next = 0;
   // Gives the walker the next point inside the root; false when there is none.
   auto start = [&](Walker& w) {
@@ -99,7 +95,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
       w.point = next++;
       w.top = 0;
       w.stack[w.top++] = uint64_t{t.root.first} << 32;
-      prefetchNode(t.root.first);
+      prefetchNode(nodes, t.root.first);
       w.hits->clear();
       return true;
     }
@@ -129,7 +125,7 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
         for (uint32_t inner = hit & ~uint32_t{node.leaves}; inner; inner &= inner - 1) {
           const int k = std::countr_zero(inner);
           w.stack[w.top++] = uint64_t{node.first[k]} << 32;
-          prefetchNode(node.first[k]);
+          prefetchNode(nodes, node.first[k]);
         }
         for (uint32_t leaves = hit & node.leaves; leaves;) {
           const int k = 31 - std::countl_zero(leaves);

@@ -281,6 +281,11 @@ class SampleKdTree {
     for (size_t b = 0; b < bytes; b += 64) __builtin_prefetch(ptrs + b);
     __builtin_prefetch(ptrs + bytes - 1);
   }
+  // Asks for every line of an inner node.
+  static void prefetchNode(const Node* nodes, uint32_t index) {
+    const char* node = reinterpret_cast<const char*>(nodes + index);
+    for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(node + b);
+  }
   // Asks for a leaf's spheres alone.
   static void prefetchLeafSpheres(const Tree& t, uint32_t at, uint32_t count) {
     const SphereGroup* g = t.groups.data() + at / 4;
@@ -349,8 +354,7 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
         }
         for (uint32_t inner = hit & ~uint32_t{n.leaves}; inner; inner &= inner - 1) {
           const int k = std::countr_zero(inner);
-          const char* child = reinterpret_cast<const char*>(nodes + n.first[k]);
-          for (size_t b = 0; b < sizeof(Node); b += 64) __builtin_prefetch(child + b);
+          prefetchNode(nodes, n.first[k]);
           stack[top++] = n.first[k];
         }
       }
