@@ -278,17 +278,73 @@ void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
   }
 }
 
-void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter, InsertionGrid* grid) {
+void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
   const auto index = static_cast<uint32_t>(spheres_.size());
   spheres_.push_back(sphere);
-  if (grid) grid->begin(sphere);
   const int k = forEachCell(sphere, [&](uint64_t key) {
-    const int shard = shardOf(key);
-    cells_[shard].push_back({key, index});
+    cells_[shardOf(key)].push_back({key, index});
+    link(key, index);
     if (filter) filter->addCell(key);
-    if (grid) grid->shards_[shard].add(key, sphere);
   });
+  const int i = (k - kMinLevel) / 2;
+  levels_.word[i / 64] |= uint64_t{1} << (i % 64);
   if (filter) filter->addLevel(k);
+}
+
+void InsertionGrid::CellBatch::link(uint64_t key, uint32_t sphere) {
+  if (2 * (usedChains_.size() + 1) > chains_.size()) growChains();
+  const auto at = static_cast<uint32_t>(links_.size());
+  links_.push_back({sphere, kEnd});
+  const size_t mask = chains_.size() - 1;
+  for (size_t i = home(key);; i = (i + 1) & mask) {
+    Chain& c = chains_[i];
+    if (c.key == key) {
+      links_[c.last].next = at;
+      c.last = at;
+      return;
+    }
+    if (c.key == kEmpty) {
+      c = {key, at, at};
+      usedChains_.push_back(static_cast<uint32_t>(i));
+      return;
+    }
+  }
+}
+
+void InsertionGrid::CellBatch::growChains() {
+  std::vector<Chain> old;
+  old.swap(chains_);
+  const size_t size = old.empty() ? 1024 : 2 * old.size();
+  chains_.assign(size, Chain{kEmpty, kEnd, kEnd});
+  chainShift_ = 64 - std::countr_zero(size);
+  const size_t mask = size - 1;
+  usedChains_.clear();
+  for (const Chain& c : old) {
+    if (c.key == kEmpty) continue;
+    size_t i = home(c.key);
+    while (chains_[i].key != kEmpty) i = (i + 1) & mask;
+    chains_[i] = c;
+    usedChains_.push_back(static_cast<uint32_t>(i));
+  }
+}
+
+bool InsertionGrid::CellBatch::reaches(const Vector& p) const {
+  if (links_.empty()) return false;
+  struct Sink {
+    bool reached = false;
+    void add(IrradSample* s, float d2) { reached = reached || d2 < currentValidRadius2(*s); }
+  } sink;
+  forEachKey(levels_, p, [&](uint64_t key) { scanCell(key, p, sink); });
+  return sink.reached;
+}
+
+void InsertionGrid::CellBatch::clear() {
+  spheres_.clear();
+  for (std::vector<Cell>& cells : cells_) cells.clear();
+  for (uint32_t i : usedChains_) chains_[i] = {kEmpty, kEnd, kEnd};
+  usedChains_.clear();
+  links_.clear();
+  levels_ = {{0, 0}};
 }
 
 void InsertionGrid::Unlisted::add(const Sphere& sphere) {
@@ -303,11 +359,6 @@ void InsertionGrid::Unlisted::add(const Sphere& sphere) {
   g.r[i % 4] = sphere.r;
   samples_[i] = sphere.sample;
   levels_[i] = static_cast<uint8_t>(k - kMinLevel);
-}
-
-void InsertionGrid::CellBatch::clear() {
-  spheres_.clear();
-  for (std::vector<Cell>& cells : cells_) cells.clear();
 }
 
 void InsertionGrid::CellFilter::clear() {

@@ -19,8 +19,8 @@
 // its own shards and the samples in the same order, so that every cell lists its samples in the
 // order they were begun and the grid is the same, shard for shard, whatever the number of
 // threads. A sample begun and not yet listed is counted but found by no query; gather() finds
-// such samples in a second grid that holds them alone, or among a few tested one by one
-// (Unlisted), in the order the first would list them.
+// such samples in the batch that will list them (CellBatch), or among a few tested one by one
+// (Unlisted), in the order the grid will list them.
 //
 // A cell's entries lie together in one range of its shard's pool, one array per field (x, y, z, bounding
 // radius) so that they are tested four at a time; a full cell moves to a range half as large
@@ -98,7 +98,9 @@ class InsertionGrid {
   void list(const Sphere& sphere, uint32_t shards);
   void list(std::span<const Sphere> spheres, uint32_t shards);
   // Begun spheres with their cells found once, dealt to the shards: what list() would compute
-  // for every shard it is given, so that threads listing different shards share the work.
+  // for every shard it is given, so that threads listing different shards share the work. A
+  // batch also indexes its cells itself, so that a query (gather() given the batch) finds its
+  // spheres before they are listed, where listing will put them.
   class CellBatch;
   // As list(), for the spheres of a batch.
   void list(const CellBatch& batch, uint32_t shards);
@@ -165,11 +167,11 @@ class InsertionGrid {
   }
   // Adds to `hits` every sample whose bounding sphere contains p, level by level from the
   // smallest cells, in insertion order within a cell; the caller flushes them. `probe` (may be
-  // null): the cells a probe asked for at p. `later` (may be null) holds, alone, samples begun
-  // in this grid after every listed one and not yet listed: on each level this grid's cell,
-  // then later's.
+  // null): the cells a probe asked for at p. `later` (may be null) holds spheres begun in this
+  // grid after every listed one and not yet listed: on each level this grid's cell, then
+  // later's, as listing will put them.
   template <class F>
-  void gather(const InsertionGrid* later, const Vector& p, const Probe* probe,
+  void gather(const CellBatch* later, const Vector& p, const Probe* probe,
               PendingHits<F>& hits) const;
   template <class F>
   void gather(const Unlisted& later, const Vector& p, const Probe* probe,
@@ -445,11 +447,14 @@ class InsertionGrid::CellFilter {
 
 class InsertionGrid::CellBatch {
  public:
-  // Adds a sphere that begin() took, and its cells to `filter` when given; and inserts it in
-  // `grid` too when given, in the same cells.
-  void add(const Sphere& sphere, CellFilter* filter = nullptr, InsertionGrid* grid = nullptr);
+  // Adds a sphere that begin() took, and its cells to `filter` when given.
+  void add(const Sphere& sphere, CellFilter* filter = nullptr);
   void clear();
   bool empty() const { return spheres_.empty(); }
+  size_t size() const { return spheres_.size(); }
+  // Whether a sphere of the batch contains p and its sample's own test (the current
+  // validRadius2) takes p: what a query of the grid finds among them once they are listed.
+  bool reaches(const Vector& p) const;
 
  private:
   friend class InsertionGrid;
@@ -457,8 +462,51 @@ class InsertionGrid::CellBatch {
     uint64_t key;
     uint32_t sphere;  // its index in spheres_
   };
+  // The batch's own index, so that queries find its spheres before they are listed: per cell
+  // key a chain of its spheres there, in the order added, in an open-addressed table at most
+  // half full that keeps its size from batch to batch.
+  struct Chain {
+    uint64_t key;
+    uint32_t first, last;  // links
+  };
+  struct Link {
+    uint32_t sphere, next;
+  };
+  static constexpr uint32_t kEnd = ~uint32_t{0};
+  size_t home(uint64_t key) const {
+    return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> chainShift_);
+  }
+  const Chain* chainOf(uint64_t key) const {
+    if (links_.empty()) return nullptr;
+    const size_t mask = chains_.size() - 1;
+    for (size_t i = home(key);; i = (i + 1) & mask) {
+      if (chains_[i].key == key) return &chains_[i];
+      if (chains_[i].key == kEmpty) return nullptr;
+    }
+  }
+  void link(uint64_t key, uint32_t sphere);
+  void growChains();
+  // Adds to `hits` the spheres of the cell `key` that contain p, in the order added.
+  template <class Hits>
+  void scanCell(uint64_t key, const Vector& p, Hits& hits) const {
+    const Chain* chain = chainOf(key);
+    if (!chain) return;
+    for (uint32_t at = chain->first; at != kEnd; at = links_[at].next) {
+      const Sphere& s = spheres_[links_[at].sphere];
+      // As gatherSpheres tests the same sphere once it is listed, to the bit.
+      const float dx = p.x - s.x, dy = p.y - s.y, dz = p.z - s.z;
+      const float d2 = dx * dx + dy * dy + dz * dz;
+      if (d2 < s.r * s.r) hits.add(s.sample, d2);
+    }
+  }
+
   std::vector<Sphere> spheres_;
   std::vector<Cell> cells_[kShards];  // each shard's cells, in the order added
+  std::vector<Chain> chains_;
+  std::vector<uint32_t> usedChains_;  // the slots of chains_ in use
+  int chainShift_ = 64;
+  std::vector<Link> links_;
+  LevelBits levels_{{0, 0}};
 };
 
 class InsertionGrid::Unlisted {
@@ -498,15 +546,13 @@ void InsertionGrid::forEachCellAt(const Vector& p, const Probe* probe, F&& f) co
 }
 
 template <class F>
-void InsertionGrid::gather(const InsertionGrid* later, const Vector& p, const Probe* probe,
+void InsertionGrid::gather(const CellBatch* later, const Vector& p, const Probe* probe,
                            PendingHits<F>& hits) const {
-  // Every level of `later` is one of ours: begin() placed its samples here too.
-  const bool laterEmpty = !later || later->samples_.empty();
+  // Every level of `later` is one of ours: begin() placed its spheres here too.
+  const bool laterEmpty = !later || later->empty();
   forEachCellAt(p, probe, [&](uint64_t key, const Shard& shard, const Slot* slot) {
     if (slot) shard.scanCell(*slot, p, hits);
-    if (laterEmpty) return;
-    const Shard* other;
-    if (const Slot* found = later->find(key, other)) other->scanCell(*found, p, hits);
+    if (!laterEmpty) later->scanCell(key, p, hits);
   });
 }
 

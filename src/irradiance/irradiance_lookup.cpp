@@ -68,7 +68,7 @@ float lookupFootprint(const ShadeContext& c) {
 
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings, std::vector<LookupCandidate>& out,
-                       const SampleKdTree* later) {
+                       const InsertionGrid::CellBatch* later) {
   const Vector p = context.position;
   const Vector n = context.normal;
   const float w = settings.normalStretch;

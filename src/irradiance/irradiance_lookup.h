@@ -117,10 +117,10 @@ inline bool testCandidate(IrradSample& s, const Vector& p, const Vector& n, floa
 }
 
 // Appends the candidates for the context's point among the samples of the tree, and of `later`
-// when given: samples begun in the tree and not yet listed (SampleKdTree::forEachContaining).
+// when given: entries begun in the tree and not yet listed (SampleKdTree::forEachContaining).
 void collectCandidates(const SampleKdTree& tree, const ShadeContext& context,
                        const LookupSettings& settings, std::vector<LookupCandidate>& out,
-                       const SampleKdTree* later = nullptr);
+                       const InsertionGrid::CellBatch* later = nullptr);
 // The same, where SampleKdTree::walk() found the static tree's hits for the point; `later`
 // holds the samples begun and not yet listed, and `probe` the point's cells asked for ahead
 // (SampleKdTree::CellsAhead).

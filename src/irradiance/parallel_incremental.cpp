@@ -225,12 +225,13 @@ class LoweredSet {
   std::vector<uint64_t> filter_;
 };
 
-// What a commit changed: the samples it stored, indexed alone (never folded), the samples whose
-// radii it lowered, and the cells that both take, as spheres of their radii before, which
-// answer most questions alone: a point outside them all was reached by none of these samples
-// before or after, and had none of them as a candidate.
+// What a commit changed: the samples it stored, begun in the map's index and not yet listed
+// (the batch finds them as listing will), the samples whose radii it lowered, and the cells
+// that both take, as spheres of their radii before, which answer most questions alone: a point
+// outside them all was reached by none of these samples before or after, and had none of them
+// as a candidate.
 struct CommitChanges {
-  SampleKdTree stored{std::numeric_limits<size_t>::max()};
+  InsertionGrid::CellBatch stored;
   LoweredSet lowered;
   InsertionGrid::CellFilter cells;
 
@@ -248,9 +249,7 @@ struct CommitChanges {
         if (lowered.contains(c.sample)) return true;
       }
     }
-    bool reached = false;
-    if (stored.size()) stored.forEachContaining(p, [&](IrradSample&) { reached = true; });
-    return reached;
+    return stored.reaches(p);
   }
 };
 
@@ -448,9 +447,9 @@ class ListTask : public MergeTask {
   std::atomic<uint32_t> next_{0};
 };
 
-// Indexes the samples that a batch's commit stores: begun in the map's index at once and listed
-// in its grid after the batch, by the crew. Until then `stored` holds them alone, so that the
-// checks and the lookups looked up again at commit see them as listed. When the index wants to
+// Indexes the samples that a batch's commit stores: begun in the map's index at once, kept in
+// the commit's `stored` batch, which the checks and the lookups looked up again at commit are
+// given, and listed in the map's grid after the batch, by the crew. When the index wants to
 // fold, the crew is stopped first (beforeFold), everything begun is listed and the index folds
 // where the one-thread merge would.
 class DeferredIndexer : public SampleIndexer {
@@ -468,28 +467,29 @@ class DeferredIndexer : public SampleIndexer {
     SampleKdTree& tree = map_.kdTree();
     InsertionGrid::Sphere entry;
     if (!tree.beginInsert(sample, entry)) return;
-    changes_.stored.insertAlongside(entry, pending_, &changes_.cells);
+    changes_.stored.add(entry, &changes_.cells);
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();
       tree.fold();
-      changes_.stored.clear();
       folded = true;
     }
   }
 
-  // Lists what was begun (the caller holds the write side of the map's lock when the map is
-  // multi-threaded, and no lookup runs); the crew then does `alongside` when given.
+  // Lists what was begun and empties the commit's `stored` (the caller holds the write side of
+  // the map's lock when the map is multi-threaded, and no lookup runs); the crew then does
+  // `alongside` when given.
   void listPending(MultiThreaded* alongside = nullptr) {
     double callerCpu = 0.0;
-    if (pending_.empty()) {
+    InsertionGrid::CellBatch& pending = changes_.stored;
+    if (pending.empty()) {
       if (alongside) crew_.run(*alongside, callerCpu);
       callerShareCpu += callerCpu;
       return;
     }
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
-    ListTask task(map_.kdTree(), pending_);
+    ListTask task(map_.kdTree(), pending);
     if (alongside) {
       BothTasks both(task, *alongside);
       crew_.run(both, callerCpu);
@@ -499,7 +499,7 @@ class DeferredIndexer : public SampleIndexer {
     stats_.listSeconds += std::chrono::duration<double>(Clock::now() - start).count();
     stats_.listCpuSeconds += task.cpuSeconds;
     callerShareCpu += callerCpu;
-    pending_.clear();
+    pending.clear();
   }
 
   bool folded = false;  // in this batch
@@ -511,7 +511,6 @@ class DeferredIndexer : public SampleIndexer {
   MergeCrew& crew_;
   ParallelAddStats& stats_;
   std::function<void()> beforeFold_;
-  InsertionGrid::CellBatch pending_;  // begun, not yet listed
 };
 
 // One batch of the source and its parallel lookups.

@@ -35,9 +35,9 @@
 // next batch's lookups against what the commit stored and lowered. Both checks first ask a
 // filter of the cells that the stored samples and the lowered radii (as they were before the
 // lowering) cover: most points lie in none, and only the others compare their candidates and
-// search the stored samples. Until the listing a second
-// index holds the batch's stored samples alone; it answers the "reaches its point" check, and a
-// lookup made again at commit searches it after the map's grid on every level, which finds the
+// search the stored samples. Until the listing the batch of cells that the commit fills indexes
+// the stored samples itself, by cell: it answers the "reaches its point" check, and a lookup
+// made again at commit searches its cell after the map's on every level, which finds the
 // samples in the order the one-thread merge's grid would list them. When the index folds its grid
 // into a new tree (where the one-thread merge would: right after the insertion that fills it),
 // the samples begun so far are listed first.

@@ -93,13 +93,6 @@ class SampleKdTree {
   void listEntries(const InsertionGrid::CellBatch& batch, uint32_t shards) {
     grid_.list(batch, shards);
   }
-  // Inserts the sample of an entry that another index began, while adding the entry to that
-  // index's batch (and its cells to `filter`): the cells are found once for both.
-  void insertAlongside(const Entry& entry, InsertionGrid::CellBatch& batch,
-                       InsertionGrid::CellFilter* filter) {
-    batch.add(entry, filter, &grid_);
-    if (wantsFold()) fold();
-  }
   bool wantsFold() const {
     return (grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) ||
            grid_.nearlyFull();
@@ -117,13 +110,13 @@ class SampleKdTree {
   // the tree in tree order, then the inserted ones.
   template <class F>
   void forEachContaining(const Vector& p, F&& f) const {
-    forEachContaining(p, nullptr, std::forward<F>(f));
+    forEachContaining(p, static_cast<const InsertionGrid::CellBatch*>(nullptr),
+                      std::forward<F>(f));
   }
-  // The same, where `later` (may be null) is an index that holds, alone and in its grid, the
-  // samples begun here after every listed one and not yet listed: it answers as if they had
-  // been listed.
+  // The same, where `later` (may be null) holds the entries begun here after every listed one
+  // and not yet listed: they are found as if they had been listed.
   template <class F>
-  void forEachContaining(const Vector& p, const SampleKdTree* later, F&& f) const;
+  void forEachContaining(const Vector& p, const InsertionGrid::CellBatch* later, F&& f) const;
   void query(const Vector& p, StoreCB& store) const {
     forEachContaining(p, [&store](IrradSample& s) { store.store(s); });
   }
@@ -329,7 +322,8 @@ class SampleKdTree {
 };
 
 template <class F>
-void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later, F&& f) const {
+void SampleKdTree::forEachContaining(const Vector& p, const InsertionGrid::CellBatch* later,
+                                     F&& f) const {
   PendingHits<std::remove_reference_t<F>> hits(f);
   const Tree& tree = tree_;
   if (tree.size() && inside(p, tree.root.lo, tree.root.hi)) {
@@ -360,7 +354,7 @@ void SampleKdTree::forEachContaining(const Vector& p, const SampleKdTree* later,
       }
     }
   }
-  grid_.gather(later ? &later->grid_ : nullptr, p, nullptr, hits);
+  grid_.gather(later, p, nullptr, hits);
   hits.flush();
 }
 
@@ -373,7 +367,7 @@ void SampleKdTree::forEachContaining(const Vector& p, std::span<const TreeHit> t
   if (later && !later->empty()) {
     grid_.gather(*later, p, probe, hits);
   } else {
-    grid_.gather(nullptr, p, probe, hits);
+    grid_.gather(static_cast<const InsertionGrid::CellBatch*>(nullptr), p, probe, hits);
   }
   hits.flush();
 }

@@ -27,14 +27,18 @@ std::vector<const IrradSample*> viaTree(const SampleKdTree& tree, const Vector& 
   return found;
 }
 
-std::vector<const IrradSample*> bruteForce(BlockSequence<IrradSample>& samples, size_t count,
-                                           const Vector& p) {
+std::vector<const IrradSample*> bruteForceRange(BlockSequence<IrradSample>& samples, size_t from,
+                                                size_t to, const Vector& p) {
   std::vector<const IrradSample*> found;
-  for (size_t i = 0; i < count; ++i) {
+  for (size_t i = from; i < to; ++i) {
     if (lengthSquared(p - samples[i].position) < samples[i].validRadius2) found.push_back(&samples[i]);
   }
   std::sort(found.begin(), found.end());
   return found;
+}
+std::vector<const IrradSample*> bruteForce(BlockSequence<IrradSample>& samples, size_t count,
+                                           const Vector& p) {
+  return bruteForceRange(samples, 0, count, p);
 }
 
 // Random spheres clustered on a few planes (like surfaces of a room) with radii spanning two
@@ -176,11 +180,13 @@ TEST_F(KdTreeAgainstBruteForce, LoweredRadiiAreHonoured) {
   checkProbes(tree, 7000, 300);
 }
 
-// Samples begun and listed later, in two halves of the shards as two threads would, give the
-// index that inserting them one at a time gives, visited in the same order; before they are
-// listed, a second index holding them alone answers in that order too. Some cells take several
-// hundred samples (a pile at one point), so that cells move to larger ranges on the way.
-TEST_F(KdTreeAgainstBruteForce, SamplesListedLaterAreVisitedInInsertionOrder) {
+// The parallel merge's batches: samples begun in an index are found, before they are listed,
+// by queries given their CellBatch, in the order that inserting them one at a time gives; the
+// batch's own test says whether any of them reaches a point, and its cell filter says "no" only
+// where none does. Listed from the batch in two halves of the shards, as two threads would,
+// they give that order too. Some cells take several hundred samples (a pile at one point), so
+// that cells move to larger ranges on the way.
+TEST_F(KdTreeAgainstBruteForce, BatchesAreFoundBeforeAndAfterListingInInsertionOrder) {
   fill(3000);
   for (int i = 0; i < 600; ++i) samples.append(sphere(1.0f, 2.0f, 3.0f, 0.5f + 1e-3f * (i % 7)));
   SampleKdTree direct, deferred;
@@ -189,33 +195,47 @@ TEST_F(KdTreeAgainstBruteForce, SamplesListedLaterAreVisitedInInsertionOrder) {
   fill(6000);
   for (int i = 0; i < 600; ++i) samples.append(sphere(1.0f, 2.0f, 3.0f, 0.5f + 1e-3f * (i % 5)));
   const size_t first = 3600;
-  auto sameOrder = [&](const SampleKdTree* later) {
+  InsertionGrid::CellBatch batch;
+  InsertionGrid::CellFilter filter;
+  int rejected = 0;
+  auto sameOrder = [&](const InsertionGrid::CellBatch* later, size_t from, size_t to) {
     for (int k = 0; k < 300; ++k) {
       const Vector p = k % 10 ? probe() : Vector{1.0f, 2.0f, 3.2f};
       std::vector<const IrradSample*> a, b;
       direct.forEachContaining(p, [&](IrradSample& s) { a.push_back(&s); });
       deferred.forEachContaining(p, later, [&](IrradSample& s) { b.push_back(&s); });
       ASSERT_EQ(a, b) << "probe " << k;
+      if (!later) continue;
+      const bool reached = !bruteForceRange(samples, from, to, p).empty();
+      ASSERT_EQ(later->reaches(p), reached) << "probe " << k;
+      if (!filter.mayContain(p)) {
+        ASSERT_FALSE(reached) << "probe " << k;
+        ++rejected;
+      }
     }
   };
   for (size_t from = first; from < samples.size(); from += 1500) {
     const size_t to = std::min(samples.size(), from + 1500);
-    SampleKdTree later(std::numeric_limits<size_t>::max());
-    std::vector<SampleKdTree::Entry> entries;
+    batch.clear();
+    filter.clear();
     for (size_t i = from; i < to; ++i) {
       direct.insert(samples[i]);
       SampleKdTree::Entry e;
-      if (deferred.beginInsert(samples[i], e)) entries.push_back(e);
-      later.insert(samples[i]);
+      ASSERT_TRUE(deferred.beginInsert(samples[i], e));
+      batch.add(e, &filter);
     }
     EXPECT_EQ(deferred.insertedCount(), direct.insertedCount());
-    sameOrder(&later);
-    deferred.listEntries(entries, 0x0F);
-    deferred.listEntries(entries, ~0x0Fu);
-    sameOrder(nullptr);
+    sameOrder(&batch, from, to);
+    deferred.listEntries(batch, 0x0F);
+    deferred.listEntries(batch, ~0x0Fu);
+    sameOrder(nullptr, from, to);
   }
+  EXPECT_GT(rejected, 100);  // the probes away from the batch's spheres need no search
   EXPECT_EQ(deferred.insertedCount(), samples.size() - first);
   checkProbes(deferred, samples.size(), 200);
+  filter.clear();
+  EXPECT_TRUE(filter.empty());
+  EXPECT_FALSE(filter.mayContain(samples[0].position));
 }
 
 // The one-thread merge's runs: samples begun and not yet listed, tested one by one
@@ -266,41 +286,6 @@ TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
 }
 
 // Containment is strict, also for a pile of 10000 samples at one point.
-// The parallel merge's pieces: samples begun in one index and listed later from a CellBatch,
-// shard by shard in any order, while the batch's own index takes them alongside, give the
-// grid that inserting them one at a time gives, visited in the same order; and the filter of
-// their cells says "no" only where no sample reaches.
-TEST_F(KdTreeAgainstBruteForce, CellBatchListsAsInsertAndItsFilterNeverMisses) {
-  fill(4000);
-  SampleKdTree oneByOne, listed, alongside;
-  InsertionGrid::CellBatch batch;
-  InsertionGrid::CellFilter filter;
-  for (size_t i = 0; i < samples.size(); ++i) {
-    oneByOne.insert(samples[i]);
-    SampleKdTree::Entry entry;
-    ASSERT_TRUE(listed.beginInsert(samples[i], entry));
-    alongside.insertAlongside(entry, batch, &filter);
-  }
-  for (int shard = InsertionGrid::kShards - 1; shard >= 0; --shard) {
-    listed.listEntries(batch, 1u << shard);
-  }
-  int rejected = 0;
-  for (int k = 0; k < 2000; ++k) {
-    const Vector p = probe();
-    const auto expected = viaTree(oneByOne, p, false);
-    ASSERT_EQ(viaTree(listed, p, false), expected) << "probe " << k;
-    ASSERT_EQ(viaTree(alongside, p, false), expected) << "probe " << k;
-    if (!filter.mayContain(p)) {
-      ASSERT_TRUE(expected.empty()) << "probe " << k;
-      ++rejected;
-    }
-  }
-  EXPECT_GT(rejected, 100);  // the spheres cover most of the box; the probes elsewhere need no search
-  filter.clear();
-  EXPECT_TRUE(filter.empty());
-  EXPECT_FALSE(filter.mayContain(samples[0].position));
-}
-
 TEST(SampleKdTree, ContainmentIsStrictAndPilesAreFoundWhole) {
   BlockSequence<IrradSample> samples;
   samples.append(sphere(0, 0, 0, 2.0f));  // radius^2 is exactly 4
