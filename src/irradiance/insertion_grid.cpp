@@ -281,18 +281,27 @@ void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
 void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
   const auto index = static_cast<uint32_t>(spheres_.size());
   spheres_.push_back(sphere);
+  if (2 * (usedChains_.size() + 8) > chains_.size()) growChains();
+  // The keys first, asking for the lines where their chains and filter bits lie, which the
+  // writes then find in the cache.
+  uint64_t keys[8];
+  int n = 0;
   const int k = forEachCell(sphere, [&](uint64_t key) {
-    cells_[shardOf(key)].push_back({key, index});
-    link(key, index);
-    if (filter) filter->addCell(key);
+    prefetchLine(chains_.data() + home(key));
+    if (filter) filter->prefetch(key);
+    keys[n++] = key;
   });
+  for (int j = 0; j < n; ++j) {
+    cells_[shardOf(keys[j])].push_back({keys[j], index});
+    link(keys[j], index);
+    if (filter) filter->addCell(keys[j]);
+  }
   const int i = (k - kMinLevel) / 2;
   levels_.word[i / 64] |= uint64_t{1} << (i % 64);
   if (filter) filter->addLevel(k);
 }
 
 void InsertionGrid::CellBatch::link(uint64_t key, uint32_t sphere) {
-  if (2 * (usedChains_.size() + 1) > chains_.size()) growChains();
   const auto at = static_cast<uint32_t>(links_.size());
   links_.push_back({sphere, kEnd});
   const size_t mask = chains_.size() - 1;

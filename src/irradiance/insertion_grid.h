@@ -426,6 +426,7 @@ class InsertionGrid::CellFilter {
 
  private:
   friend class CellBatch;
+  void prefetch(uint64_t key) const { prefetchLine(bits_.data() + bitOf(key) / 64); }
   void addCell(uint64_t key) {
     const uint64_t bit = bitOf(key);
     uint64_t& word = bits_[bit / 64];
@@ -484,6 +485,7 @@ class InsertionGrid::CellBatch {
       if (chains_[i].key == kEmpty) return nullptr;
     }
   }
+  // Adds the sphere to the chain of `key`; the table has room (add() grows it first).
   void link(uint64_t key, uint32_t sphere);
   void growChains();
   // Adds to `hits` the spheres of the cell `key` that contain p, in the order added.
