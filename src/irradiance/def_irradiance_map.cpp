@@ -146,6 +146,12 @@ int DefIrradianceMap::addSamples(IrradianceMap& source, ProgressCallback* progre
     threadCount = mergeThreadCount_ > 0 ? mergeThreadCount_ : threads->threadCount();
   }
   lastParallelAdd_ = {};
+  // The index's folds during the merge use the merge's threads, no more: one thread means one.
+  struct BuildThreads {
+    SampleKdTree& tree;
+    ~BuildThreads() { tree.setBuildThreads(0); }
+  } restore{kdTree_};
+  if (threads) kdTree_.setBuildThreads(threadCount);
   if (threadCount > 1) {
     lastParallelAdd_ = addIncrementallyInParallel(*this, source, count, progress, *threads,
                                                   threadCount);

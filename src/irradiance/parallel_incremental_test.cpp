@@ -8,8 +8,10 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "irradiance/def_irradiance_map.h"
@@ -207,6 +209,32 @@ TEST_F(ParallelIncrementalMerge, NeighbourLoweredEarlierInTheBatch) {
   for (int i = 0; i < 127; ++i) across.push_back(at(1000.0f + 10.0f * i, 0.01f, 0.1f));
   across.insert(across.end(), source.begin(), source.end());
   EXPECT_EQ(expectSameOnEveryThreadCount(destination, across).added, across.size());
+}
+
+// A merge asked to run on one thread starts none, also where the index folds a grid large
+// enough for its tree to be built on several threads elsewhere; the map is the same.
+TEST_F(ParallelIncrementalMerge, OneThreadStartsNoThreadWhereTheIndexFolds) {
+  auto threadsNow = [] {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+  };
+  const std::vector<IrradSample> offered = frame(0, 200000, 13);
+  foldMinimum_ = 4096;
+  const auto before = threadsNow();
+  std::atomic<bool> done{false};
+  std::atomic<long> most{0};
+  std::thread watcher([&] {
+    while (!done.load()) {
+      most.store(std::max<long>(most.load(), threadsNow()));
+      std::this_thread::yield();
+    }
+  });
+  const Merged one = merge({}, offered, 1);
+  done.store(true);
+  watcher.join();
+  EXPECT_GT(one.added, size_t{3} * SampleKdTree::kParallelMinimum / 2);  // the last fold's size
+  EXPECT_EQ(most.load(), before + 1);  // the watcher alone
+  EXPECT_TRUE(one.bytes == merge({}, offered, 2).bytes);
 }
 
 // A manager that can start no worker thread runs every task on the calling thread alone, as

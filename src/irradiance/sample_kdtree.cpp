@@ -176,7 +176,7 @@ void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
       if (makeEntry(block[i], e)) entries.push_back(e);
     }
   }
-  if (!entries.empty()) buildTree(tree_, entries);
+  if (!entries.empty()) buildTree(tree_, entries, parallelLevels());
 }
 
 void SampleKdTree::build(IrradSample* const* samples, size_t count) {
@@ -187,7 +187,7 @@ void SampleKdTree::build(IrradSample* const* samples, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     if (samples[i] && makeEntry(*samples[i], e)) entries.push_back(e);
   }
-  if (!entries.empty()) buildTree(tree_, entries);
+  if (!entries.empty()) buildTree(tree_, entries, parallelLevels());
 }
 
 void SampleKdTree::insert(IrradSample& sample) {
@@ -211,12 +211,21 @@ void SampleKdTree::fold() {
   build(all.data(), all.size());
 }
 
-void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
+int SampleKdTree::parallelLevels() const {
+  if (buildThreads_ == 0) return parallelDepth();
+  if (buildThreads_ == 1) return 0;
+  // One level more than the threads ask for, as for the cores.
+  const int levels = std::bit_width(static_cast<unsigned>(buildThreads_) - 1) + 1;
+  return std::min(levels, parallelDepth());
+}
+
+void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries, int parallelLevels) {
   const size_t n = entries.size();
   std::vector<BinaryNode> binary;
   // Generous, and filled as the tree grows: not mapped ahead (that would map pages never used).
   binary.reserve(n / (kLeafSize / 2) + 1);
-  const Child root = buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0, nullptr);
+  const Child root =
+      buildChild(entries, binary, 0, static_cast<uint32_t>(n), 0, parallelLevels, nullptr);
   tree.nodes.clear();
   reserveMapped(tree.nodes, binary.size() / 3 + 1);
   tree.root = collapse(binary, root, tree.nodes);
@@ -278,7 +287,7 @@ void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries) {
       std::lower_bound(starts.begin(), starts.end(), static_cast<uint32_t>(n / 2)) -
       starts.begin());
   std::thread worker;
-  if (n >= kParallelMinimum && parallelDepth() > 0) {
+  if (n >= kParallelMinimum && parallelLevels > 0) {
     try {
       worker = std::thread(layOut, half, starts.size());
     } catch (const std::system_error&) {
@@ -600,7 +609,8 @@ SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
 // gathered them; null: they are gathered here.
 SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
                                              std::vector<BinaryNode>& nodes, uint32_t begin,
-                                             uint32_t end, int depth, const Bounds* known) {
+                                             uint32_t end, int depth, int parallelLevels,
+                                             const Bounds* known) {
   constexpr float inf = std::numeric_limits<float>::infinity();
   Child child{{inf, inf, inf}, {-inf, -inf, -inf}, begin, end - begin};
   Bounds own;
@@ -635,13 +645,13 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
   const uint32_t index = static_cast<uint32_t>(nodes.size());
   nodes.emplace_back();
   Child low, high;
-  if (count >= kParallelMinimum && depth < parallelDepth()) {
+  if (count >= kParallelMinimum && depth < parallelLevels) {
     // The halves are built side by side into node lists of their own and appended in preorder,
     // so the result is the same node for node as a build on one thread.
     std::vector<BinaryNode> lowNodes, highNodes;
     auto buildLow = [&] {
       lowNodes.reserve((mid - begin) / (kLeafSize / 2) + 1);
-      low = buildChild(entries, lowNodes, begin, mid, depth + 1, lowKnown);
+      low = buildChild(entries, lowNodes, begin, mid, depth + 1, parallelLevels, lowKnown);
     };
     std::thread worker;
     try {
@@ -650,13 +660,13 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
       buildLow();  // no thread to spare: build it here
     }
     highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
-    high = buildChild(entries, highNodes, mid, end, depth + 1, highKnown);
+    high = buildChild(entries, highNodes, mid, end, depth + 1, parallelLevels, highKnown);
     if (worker.joinable()) worker.join();
     low = appendNodes(nodes, lowNodes, low);
     high = appendNodes(nodes, highNodes, high);
   } else {
-    low = buildChild(entries, nodes, begin, mid, depth + 1, lowKnown);
-    high = buildChild(entries, nodes, mid, end, depth + 1, highKnown);
+    low = buildChild(entries, nodes, begin, mid, depth + 1, parallelLevels, lowKnown);
+    high = buildChild(entries, nodes, mid, end, depth + 1, parallelLevels, highKnown);
   }
   nodes[index].child[0] = low;
   nodes[index].child[1] = high;

@@ -53,13 +53,17 @@ class SampleKdTree {
   // The grid is folded into the tree only once it holds at least this many samples.
   static constexpr size_t kFoldMinimum = size_t{1} << 20;
   // Subtrees of at least this many entries are built on two threads while the machine has cores
-  // to spare (parallelDepth() levels from the root).
+  // to spare (parallelDepth() levels from the root) and the build may use them (setBuildThreads).
   static constexpr uint32_t kParallelMinimum = 1u << 16;
 
   explicit SampleKdTree(size_t foldMinimum = kFoldMinimum) : foldMinimum_(foldMinimum) {}
 
   // Drops every entry.
   void clear();
+
+  // The threads that builds and folds may use: 1 keeps them on the calling thread, so that a
+  // merge asked to run on one thread does; 0, the default, as many as the machine's cores.
+  void setBuildThreads(int count) { buildThreads_ = std::max(count, 0); }
 
   // Rebuilds the index over every sample of the storage.
   void build(BlockSequence<IrradSample>& samples);
@@ -250,11 +254,14 @@ class SampleKdTree {
     Bounds();
   };
   class BoundsGatherer;
-  static void buildTree(Tree& tree, std::vector<Entry>& entries);
+  // Levels from the root whose halves are built side by side.
+  int parallelLevels() const;
+  static void buildTree(Tree& tree, std::vector<Entry>& entries, int parallelLevels);
   static uint32_t sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
                            const Bounds& box, Bounds& low, Bounds& high);
   static Child buildChild(std::vector<Entry>& entries, std::vector<BinaryNode>& nodes,
-                          uint32_t begin, uint32_t end, int depth, const Bounds* known);
+                          uint32_t begin, uint32_t end, int depth, int parallelLevels,
+                          const Bounds* known);
   static int parallelDepth();
   static Child appendNodes(std::vector<BinaryNode>& nodes, const std::vector<BinaryNode>& part,
                            Child c);
@@ -318,6 +325,7 @@ class SampleKdTree {
   Tree tree_;
   InsertionGrid grid_;
   size_t foldMinimum_;
+  int buildThreads_ = 0;
   uint64_t generation_ = 0;
 };
 
