@@ -452,7 +452,6 @@ class InsertionGrid::CellBatch {
   void add(const Sphere& sphere, CellFilter* filter = nullptr);
   void clear();
   bool empty() const { return spheres_.empty(); }
-  size_t size() const { return spheres_.size(); }
   // Whether a sphere of the batch contains p and its sample's own test (the current
   // validRadius2) takes p: what a query of the grid finds among them once they are listed.
   bool reaches(const Vector& p) const;
