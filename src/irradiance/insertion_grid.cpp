@@ -296,8 +296,7 @@ void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
     link(keys[j], index);
     if (filter) filter->addCell(keys[j]);
   }
-  const int i = (k - kMinLevel) / 2;
-  levels_.word[i / 64] |= uint64_t{1} << (i % 64);
+  levels_.add(k);
   if (filter) filter->addLevel(k);
 }
 

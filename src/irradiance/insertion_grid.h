@@ -196,6 +196,10 @@ class InsertionGrid {
   static_assert(kMinLevel % 2 == 0 && kLevels <= 128);
   struct LevelBits {
     uint64_t word[2];
+    void add(int k) {
+      const int i = (k - kMinLevel) / 2;
+      word[i / 64] |= uint64_t{1} << (i % 64);
+    }
   };
   static constexpr std::array<double, kLevels> kLevelScale = [] {
     std::array<double, kLevels> scales{};
@@ -433,10 +437,7 @@ class InsertionGrid::CellFilter {
     if (!word) used_.push_back(static_cast<uint32_t>(bit / 64));
     word |= uint64_t{1} << (bit % 64);
   }
-  void addLevel(int k) {
-    const int i = (k - kMinLevel) / 2;
-    levels_.word[i / 64] |= uint64_t{1} << (i % 64);
-  }
+  void addLevel(int k) { levels_.add(k); }
   static constexpr int kBits = 20;  // 128 KB
   static constexpr size_t kWords = (size_t{1} << kBits) / 64;
   static uint64_t bitOf(uint64_t key) { return (key * 0x9E3779B97F4A7C15ull) >> (64 - kBits); }
