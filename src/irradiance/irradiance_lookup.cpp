@@ -222,7 +222,12 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
   packDirection(context.direction, record);
   record.time = context.time;
   shade.sampler->compute(result, context, map, record);
+  return storeSample(map, threadIndex, record, candidates, lowered, indexer);
+}
 
+IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
+                         std::span<const LookupCandidate> candidates,
+                         std::vector<LoweredRadius>* lowered, SampleIndexer* indexer) {
   const bool guarded = map.multiThreaded() != 0;
   if (guarded) map.multiReaderLock().writeLock(threadIndex);
   IrradSample* stored = map.appendSample(record);

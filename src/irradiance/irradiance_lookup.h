@@ -155,10 +155,7 @@ class SampleIndexer {
 };
 
 // The lookup's second half where it creates a sample: fills the record, has the sampler compute
-// it (writing its colour into `result`), then, under the write side of the lock while the map is
-// multi-threaded, stores it, indexes it (through `indexer` when given) and lowers the radii of
-// the candidates that reach past it; those are appended to `lowered` when given, each with its
-// squared radius before. Returns the stored sample, or null when the storage could not grow.
+// it (writing its colour into `result`), then stores it as storeSample() does.
 struct LoweredRadius {
   IrradSample* sample;
   float before2;
@@ -168,6 +165,16 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
                           std::span<const LookupCandidate> candidates, Color& result,
                           std::vector<LoweredRadius>* lowered = nullptr,
                           SampleIndexer* indexer = nullptr);
+// Under the write side of the lock while the map is multi-threaded: stores `record`, indexes it
+// (through `indexer` when given) and lowers the radii of the candidates that reach past it;
+// those are appended to `lowered` when given, each with its squared radius before. Returns the
+// stored sample, or null when the storage could not grow. The incremental merge's sampler
+// answers with the offered sample whole, so a merge that has decided already stores the offered
+// sample itself.
+IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
+                         std::span<const LookupCandidate> candidates,
+                         std::vector<LoweredRadius>* lowered = nullptr,
+                         SampleIndexer* indexer = nullptr);
 
 // The per-sample step of the incremental merge: offers one source sample to the map's own lookup
 // at the sample's point (thread index 0), with a sampler that answers with the sample itself.

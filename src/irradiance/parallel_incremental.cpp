@@ -55,7 +55,6 @@ class MergeTask : public MultiThreaded {
 
 // The parallel lookup of one sample.
 struct Decided {
-  SpacingDecision decision;
   uint32_t worker = 0;
   uint32_t begin = 0, count = 0;  // its candidates in the worker's pool
   bool create = false;
@@ -120,9 +119,8 @@ class LookupTask : public MergeTask {
         own.clear();
         collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own, nullptr, probe);
         Decided& d = decided_[i];
-        d.decision = decideSpacing(settings_, lookupFootprint(context), own);
-        d.decision.nearest = nullptr;  // pointed into `own`
-        d.create = createsSample(d.decision, context, shade, kFlags);
+        const SpacingDecision decision = decideSpacing(settings_, lookupFootprint(context), own);
+        d.create = createsSample(decision, context, shade, kFlags);
         d.worker = worker;
         d.begin = static_cast<uint32_t>(pool.size());
         d.count = static_cast<uint32_t>(own.size());
@@ -639,9 +637,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
   for (uint32_t i = 0; i < n; ++i) {
     // The lookups were written on other cores: ask for them ahead.
     if (i + kDecidedAhead < n) {
-      const char* ahead = reinterpret_cast<const char*>(&b.decided[i + kDecidedAhead]);
-      prefetchLine(ahead);
-      prefetchLine(ahead + sizeof(Decided) - 1);
+      prefetchLine(&b.decided[i + kDecidedAhead]);
     }
     const IrradSample& sample = b.samples[i];
     const Decided& d = b.decided[i];
@@ -659,22 +655,18 @@ uint32_t ParallelMerge::commit(Batch& b) {
       continue;
     }
 
-    ShadeContext context = makeInsertionContext(sample, caller_);
-    InsertSampleCallback sampler(&sample);
-    ShadeData shade;
-    shade.sampler = &sampler;
-    SpacingDecision decision;
-    bool create;
-    if (same) {
-      decision = d.decision;
-      create = true;
-    } else {
+    bool create = same;
+    if (!same) {
       ++stats_.redone;
+      ShadeContext context = makeInsertionContext(sample, caller_);
+      InsertSampleCallback sampler(&sample);
+      ShadeData shade;
+      shade.sampler = &sampler;
       const bool guarded = map_.multiThreaded() != 0;
       if (guarded) map_.multiReaderLock().readLock(caller_.threadIndex);
       scratch_.clear();
       collectCandidates(map_.kdTree(), context, settings_, scratch_, &changes_.stored);
-      decision = decideSpacing(settings_, lookupFootprint(context), scratch_);
+      const SpacingDecision decision = decideSpacing(settings_, lookupFootprint(context), scratch_);
       if (guarded) map_.multiReaderLock().readUnlock(caller_.threadIndex);
       create = createsSample(decision, context, shade, kFlags);
       candidates = scratch_;
@@ -682,9 +674,9 @@ uint32_t ParallelMerge::commit(Batch& b) {
 
     if (create) {
       loweredNow_.clear();
-      Color colour;
-      IrradSample* added = createSample(map_, caller_.threadIndex, context, shade, decision,
-                                        candidates, colour, &loweredNow_, &indexer_);
+      // What the one-thread merge's sampler stores: the offered sample, whole.
+      IrradSample* added = storeSample(map_, caller_.threadIndex, sample, candidates,
+                                       &loweredNow_, &indexer_);
       if (added) {
         ++kept;
         for (const LoweredRadius& l : loweredNow_) {
