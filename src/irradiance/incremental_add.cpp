@@ -120,9 +120,8 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
           decideSpacing(settings, lookupFootprint(context), candidates);
       if (guarded) map.multiReaderLock().readUnlock(threadIndex);
       if (createsSample(decision, context, shade, kLookupColourUnused)) {
-        Color colour;
-        createSample(map, threadIndex, context, shade, decision, candidates, colour, nullptr,
-                     &indexer);
+        // What the sampler would answer with: the offered sample, whole.
+        storeSample(map, threadIndex, sample, candidates, nullptr, &indexer);
       }
       if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));
     }
