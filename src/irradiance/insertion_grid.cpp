@@ -238,6 +238,7 @@ void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
   struct Cell {
     uint64_t key;
     const Sphere* sphere;
+    uint32_t slot;  // where find() saw it, for addFound()
   };
   Cell cells[kWindow * 8];
   for (size_t from = 0; from < spheres.size(); from += kWindow) {
@@ -248,14 +249,19 @@ void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
         const int shard = shardOf(key);
         if (!(shards >> shard & 1)) return;
         shards_[shard].prefetch(key);
-        cells[n++] = {key, &spheres[i]};
+        cells[n++] = {key, &spheres[i], Shard::kNowhere};
       });
     }
     for (size_t c = 0; c < n; ++c) {
       const Shard& shard = shards_[shardOf(cells[c].key)];
-      if (const Slot* slot = shard.find(cells[c].key)) shard.prefetchEntries(*slot);
+      if (const Slot* slot = shard.find(cells[c].key)) {
+        shard.prefetchEntries(*slot);
+        cells[c].slot = shard.indexOf(*slot);
+      }
     }
-    for (size_t c = 0; c < n; ++c) shards_[shardOf(cells[c].key)].add(cells[c].key, *cells[c].sphere);
+    for (size_t c = 0; c < n; ++c) {
+      shards_[shardOf(cells[c].key)].addFound(cells[c].slot, cells[c].key, *cells[c].sphere);
+    }
   }
 }
 
@@ -267,13 +273,20 @@ void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
     if (!(shards >> s & 1)) continue;
     Shard& shard = shards_[s];
     const std::vector<CellBatch::Cell>& cells = batch.cells_[s];
+    uint32_t found[kWindow];
     for (size_t from = 0; from < cells.size(); from += kWindow) {
       const size_t to = std::min(cells.size(), from + kWindow);
       for (size_t c = from; c < to; ++c) shard.prefetch(cells[c].key);
       for (size_t c = from; c < to; ++c) {
-        if (const Slot* slot = shard.find(cells[c].key)) shard.prefetchEntries(*slot);
+        found[c - from] = Shard::kNowhere;
+        if (const Slot* slot = shard.find(cells[c].key)) {
+          shard.prefetchEntries(*slot);
+          found[c - from] = shard.indexOf(*slot);
+        }
       }
-      for (size_t c = from; c < to; ++c) shard.add(cells[c].key, batch.spheres_[cells[c].sphere]);
+      for (size_t c = from; c < to; ++c) {
+        shard.addFound(found[c - from], cells[c].key, batch.spheres_[cells[c].sphere]);
+      }
     }
   }
 }

@@ -313,6 +313,16 @@ class InsertionGrid {
     void clear();
     const Slot* find(uint64_t key) const;
     void add(uint64_t key, const Sphere& s) { append(findOrAdd(key), s); }
+    // As add(), where find() gave the key's slot at `index` (kNowhere: none) before the slots
+    // added since, which move it only when the table grew.
+    static constexpr uint32_t kNowhere = ~uint32_t{0};
+    void addFound(uint32_t index, uint64_t key, const Sphere& s) {
+      if (index < slots_.size() && slots_[index].key == key) {
+        append(slots_[index], s);
+      } else {
+        append(findOrAdd(key), s);
+      }
+    }
     // Asks for the slot where a search for the key starts.
     void prefetch(uint64_t key) const {
       if (!slots_.empty()) prefetchLine(slots_.data() + home(key));
