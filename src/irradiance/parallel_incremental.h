@@ -31,16 +31,15 @@
 // order; then the workers and the calling thread list them, each thread the cells of its own
 // shards (the same shards batch after batch, whose tables stay in its cache), so that each cell
 // lists its samples in the order the one-thread merge inserts them, whatever the number of
-// threads; and they check the
-// next batch's lookups against what the commit stored and lowered. Both checks first ask a
-// filter of the cells that the stored samples and the lowered radii (as they were before the
-// lowering) cover: most points lie in none, and only the others compare their candidates and
-// search the stored samples. Until the listing the batch of cells that the commit fills indexes
-// the stored samples itself, by cell: it answers the "reaches its point" check, and a lookup
-// made again at commit searches its cell after the map's on every level, which finds the
-// samples in the order the one-thread merge's grid would list them. When the index folds its grid
-// into a new tree (where the one-thread merge would: right after the insertion that fills it),
-// the samples begun so far are listed first.
+// threads; and they check the next batch's lookups against what the commit stored and lowered.
+// Both checks first ask a filter of the cells that the stored samples and the lowered radii (as
+// they were before the lowering) cover: most points lie in none, and only the others compare
+// their candidates and search the stored samples. Until the listing the batch of cells that the
+// commit fills indexes the stored samples itself, by cell: it answers the "reaches its point"
+// check, and a lookup made again at commit searches its cell after the map's on every level,
+// which finds the samples in the order the one-thread merge's grid would list them. When the
+// index folds its grid into a new tree (where the one-thread merge would: right after the
+// insertion that fills it), the samples begun so far are listed first.
 //
 // Where the lookups of the next batch overlap the commit, they read that batch from the source
 // too (the first thread to take them; the others wait for it), so that the calling thread only
