@@ -77,25 +77,12 @@ void InsertionGrid::Shard::grow() {
 // Maps the next chunk number to a chunk of kChunkEntries, one kept from before clear() if any.
 void InsertionGrid::Shard::addChunk() {
   if (chunksUsed_ == chunks_.size()) {
-    if (chunks_.size() < kHeapChunks) {
-      heapChunks_.push_back(
-          {std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
-           std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
-      chunks_.push_back({heapChunks_.back().fields.get(), heapChunks_.back().samples.get()});
-    } else {
-      // Four floats more at the slab's end, as a block has.
-      Slab& slab = slabs_.emplace_back();
-      slab.fields.resize(4 * size_t{kChunkEntries} * kSlabChunks + 4);
-      slab.samples.resize(size_t{kChunkEntries} * kSlabChunks);
-      for (size_t k = 0; k < kSlabChunks; ++k) {
-        chunks_.push_back({slab.fields.data() + 4 * size_t{kChunkEntries} * k,
-                           slab.samples.data() + size_t{kChunkEntries} * k});
-      }
-    }
+    chunks_.push_back({std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
+                       std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
   }
-  const Chunk& chunk = chunks_[chunksUsed_++];
-  fields_.push_back(chunk.fields);
-  samplesOf_.push_back(chunk.samples);
+  const Block& chunk = chunks_[chunksUsed_++];
+  fields_.push_back(chunk.fields.get());
+  samplesOf_.push_back(chunk.samples.get());
 }
 
 // A range of the size class: a freed one of that size, or a new one at the pool's end. A range

@@ -151,9 +151,9 @@ TEST_F(KdTreeAgainstBruteForce, InsertsIntoAnEmptyTree) {
   tree.build(samples);  // empty storage
   EXPECT_EQ(tree.size(), 0u);
   EXPECT_TRUE(viaTree(tree, {0, 0, 0}).empty());
-  // Enough that every shard of the grid fills the chunks it allocates one by one and goes on
-  // into slabs of chunks; then emptied, and filled again from the chunks it kept.
-  fill(150000);
+  // Enough that every shard of the grid fills several chunks; then emptied, and filled again
+  // from the chunks it kept.
+  fill(30000);
   for (int round = 0; round < 2; ++round) {
     for (size_t i = 0; i < samples.size(); ++i) tree.insert(samples[i]);
     EXPECT_EQ(tree.insertedCount(), samples.size());
