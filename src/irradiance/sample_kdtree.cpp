@@ -646,23 +646,26 @@ SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
   nodes.emplace_back();
   Child low, high;
   if (count >= kParallelMinimum && depth < parallelLevels) {
-    // The halves are built side by side into node lists of their own and appended in preorder,
-    // so the result is the same node for node as a build on one thread.
-    std::vector<BinaryNode> lowNodes, highNodes;
-    auto buildLow = [&] {
-      lowNodes.reserve((mid - begin) / (kLeafSize / 2) + 1);
-      low = buildChild(entries, lowNodes, begin, mid, depth + 1, parallelLevels, lowKnown);
+    // The halves are built side by side: the low one in place, where it follows this node in
+    // preorder, and the high one into a list of its own, appended after it; so the result is
+    // the same node for node as a build on one thread, and only the high half's nodes are
+    // held twice for a moment.
+    std::vector<BinaryNode> highNodes;
+    auto buildHigh = [&] {
+      highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
+      high = buildChild(entries, highNodes, mid, end, depth + 1, parallelLevels, highKnown);
     };
     std::thread worker;
     try {
-      worker = std::thread(buildLow);
+      worker = std::thread(buildHigh);
     } catch (const std::system_error&) {
-      buildLow();  // no thread to spare: build it here
     }
-    highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
-    high = buildChild(entries, highNodes, mid, end, depth + 1, parallelLevels, highKnown);
-    if (worker.joinable()) worker.join();
-    low = appendNodes(nodes, lowNodes, low);
+    low = buildChild(entries, nodes, begin, mid, depth + 1, parallelLevels, lowKnown);
+    if (worker.joinable()) {
+      worker.join();
+    } else {
+      buildHigh();  // no thread to spare: build it here
+    }
     high = appendNodes(nodes, highNodes, high);
   } else {
     low = buildChild(entries, nodes, begin, mid, depth + 1, parallelLevels, lowKnown);
