@@ -217,63 +217,49 @@ void InsertionGrid::list(const Sphere& s, uint32_t shards) {
   });
 }
 
-// A window of spheres at a time: first their cells' keys, asking for each cell's slot, then for
-// the entries of the cells that exist, then the entries are added in the same order, so that
-// the loads of the slots, and then of the entries, overlap.
+void InsertionGrid::addCells(std::span<PendingCell> cells) {
+  for (const PendingCell& c : cells) shards_[shardOf(c.key)].prefetch(c.key);
+  for (PendingCell& c : cells) {
+    const Shard& shard = shards_[shardOf(c.key)];
+    c.slot = Shard::kNowhere;
+    if (const Slot* slot = shard.find(c.key)) {
+      shard.prefetchEntries(*slot);
+      c.slot = shard.indexOf(*slot);
+    }
+  }
+  for (const PendingCell& c : cells) shards_[shardOf(c.key)].addFound(c.slot, c.key, *c.sphere);
+}
+
+// A window of spheres at a time: their cells' keys, then addCells().
 void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
   constexpr size_t kWindow = 16;
-  struct Cell {
-    uint64_t key;
-    const Sphere* sphere;
-    uint32_t slot;  // where find() saw it, for addFound()
-  };
-  Cell cells[kWindow * 8];
+  PendingCell cells[kWindow * 8];
   for (size_t from = 0; from < spheres.size(); from += kWindow) {
     const size_t to = std::min(spheres.size(), from + kWindow);
     size_t n = 0;
     for (size_t i = from; i < to; ++i) {
       forEachCell(spheres[i], [&](uint64_t key) {
-        const int shard = shardOf(key);
-        if (!(shards >> shard & 1)) return;
-        shards_[shard].prefetch(key);
-        cells[n++] = {key, &spheres[i], Shard::kNowhere};
+        if (shards >> shardOf(key) & 1) cells[n++] = {key, &spheres[i], Shard::kNowhere};
       });
     }
-    for (size_t c = 0; c < n; ++c) {
-      const Shard& shard = shards_[shardOf(cells[c].key)];
-      if (const Slot* slot = shard.find(cells[c].key)) {
-        shard.prefetchEntries(*slot);
-        cells[c].slot = shard.indexOf(*slot);
-      }
-    }
-    for (size_t c = 0; c < n; ++c) {
-      shards_[shardOf(cells[c].key)].addFound(cells[c].slot, cells[c].key, *cells[c].sphere);
-    }
+    addCells(std::span<PendingCell>(cells, n));
   }
 }
 
-// As list(spheres), from the cells found when the spheres were added: a window of cells at a
-// time, asking for their slots, then for the entries of those that exist, then adding.
+// As list(spheres), from the cells found when the spheres were added, a window at a time.
 void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
   constexpr size_t kWindow = 64;
+  PendingCell window[kWindow];
   for (int s = 0; s < kShards; ++s) {
     if (!(shards >> s & 1)) continue;
-    Shard& shard = shards_[s];
     const std::vector<CellBatch::Cell>& cells = batch.cells_[s];
-    uint32_t found[kWindow];
     for (size_t from = 0; from < cells.size(); from += kWindow) {
-      const size_t to = std::min(cells.size(), from + kWindow);
-      for (size_t c = from; c < to; ++c) shard.prefetch(cells[c].key);
-      for (size_t c = from; c < to; ++c) {
-        found[c - from] = Shard::kNowhere;
-        if (const Slot* slot = shard.find(cells[c].key)) {
-          shard.prefetchEntries(*slot);
-          found[c - from] = shard.indexOf(*slot);
-        }
+      const size_t n = std::min(cells.size() - from, kWindow);
+      for (size_t c = 0; c < n; ++c) {
+        const CellBatch::Cell& cell = cells[from + c];
+        window[c] = {cell.key, &batch.spheres_[cell.sphere], Shard::kNowhere};
       }
-      for (size_t c = from; c < to; ++c) {
-        shard.addFound(found[c - from], cells[c].key, batch.spheres_[cells[c].sphere]);
-      }
+      addCells(std::span<PendingCell>(window, n));
     }
   }
 }

@@ -306,6 +306,16 @@ class InsertionGrid {
   // with the slots that the probe (may be null) found where they are still good.
   template <class F>
   void forEachCellAt(const Vector& p, const Probe* probe, F&& f) const;
+  // A sphere to be added to one of its cells, and the slot where find() saw the cell.
+  struct PendingCell {
+    uint64_t key;
+    const Sphere* sphere;
+    uint32_t slot;
+  };
+  // Adds each sphere to its cell, in order: first asks for the cells' slots, then for the
+  // entries of the cells that exist, then adds them, so that the loads of the slots, and then
+  // of the entries, overlap, and each existing cell is searched for once.
+  void addCells(std::span<PendingCell> cells);
 
   // One shard: a hash table of cells and the pool of their entries.
   class Shard {
