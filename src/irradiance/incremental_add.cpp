@@ -82,6 +82,10 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
   SampleKdTree::TreeWalks walks;
   std::vector<LookupCandidate> candidates;
   RunIndexer indexer(tree);
+  // The sampler is only asked whether there is one: a kept sample is stored as offered.
+  NullIrradianceSampler sampler;
+  ShadeData shade;
+  shade.sampler = &sampler;
   uint32_t done = 0;
   while (done < total) {
     run.clear();
@@ -108,9 +112,6 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
 
       const IrradSample& sample = run[i];
       ShadeContext context = makeInsertionContext(sample, thread);
-      InsertSampleCallback sampler(&sample);
-      ShadeData shade;
-      shade.sampler = &sampler;
       const bool guarded = map.multiThreaded() != 0;
       if (guarded) map.multiReaderLock().readLock(threadIndex);
       candidates.clear();
@@ -120,7 +121,7 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
           decideSpacing(settings, lookupFootprint(context), candidates);
       if (guarded) map.multiReaderLock().readUnlock(threadIndex);
       if (createsSample(decision, context, shade, kLookupColourUnused)) {
-        // What the sampler would answer with: the offered sample, whole.
+        // What the one-sample lookup's sampler answers with: the offered sample, whole.
         storeSample(map, threadIndex, sample, candidates, nullptr, &indexer);
       }
       if (progress) progress->setProgress(static_cast<int32_t>(done + i + 1));

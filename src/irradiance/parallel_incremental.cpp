@@ -659,7 +659,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
     if (!same) {
       ++stats_.redone;
       ShadeContext context = makeInsertionContext(sample, caller_);
-      InsertSampleCallback sampler(&sample);
+      NullIrradianceSampler sampler;  // only asked whether there is one
       ShadeData shade;
       shade.sampler = &sampler;
       const bool guarded = map_.multiThreaded() != 0;
