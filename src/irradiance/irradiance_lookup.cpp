@@ -225,9 +225,15 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
   return storeSample(map, threadIndex, record, candidates, lowered, indexer);
 }
 
-IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
-                         std::span<const LookupCandidate> candidates,
-                         std::vector<LoweredRadius>* lowered, SampleIndexer* indexer) {
+namespace {
+
+IrradSample* const& sampleOf(IrradSample* const& s) { return s; }
+IrradSample* const& sampleOf(const LookupCandidate& c) { return c.sample; }
+
+template <class Candidate>
+IrradSample* storeAndLower(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
+                           std::span<const Candidate> candidates,
+                           std::vector<LoweredRadius>* lowered, SampleIndexer* indexer) {
   const bool guarded = map.multiThreaded() != 0;
   if (guarded) map.multiReaderLock().writeLock(threadIndex);
   IrradSample* stored = map.appendSample(record);
@@ -238,17 +244,32 @@ IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const Irra
       map.kdTree().insert(*stored);
     }
     const float newRadius = std::sqrt(std::max(stored->validRadius2, 0.0f));
-    for (const LookupCandidate& c : candidates) {
-      const float limit = length(c.sample->position - stored->position) + newRadius;
-      const float before2 = currentValidRadius2(*c.sample);
+    for (const Candidate& c : candidates) {
+      IrradSample* s = sampleOf(c);
+      const float limit = length(s->position - stored->position) + newRadius;
+      const float before2 = currentValidRadius2(*s);
       if (before2 > limit * limit) {
-        lowerValidRadius2(*c.sample, limit * limit);
-        if (lowered) lowered->push_back({c.sample, before2});
+        lowerValidRadius2(*s, limit * limit);
+        if (lowered) lowered->push_back({s, before2});
       }
     }
   }
   if (guarded) map.multiReaderLock().writeUnlock(threadIndex);
   return stored;
+}
+
+}  // namespace
+
+IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
+                         std::span<const LookupCandidate> candidates,
+                         std::vector<LoweredRadius>* lowered, SampleIndexer* indexer) {
+  return storeAndLower(map, threadIndex, record, candidates, lowered, indexer);
+}
+
+IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
+                         std::span<IrradSample* const> candidates,
+                         std::vector<LoweredRadius>* lowered, SampleIndexer* indexer) {
+  return storeAndLower(map, threadIndex, record, candidates, lowered, indexer);
 }
 
 }  // namespace LUtils

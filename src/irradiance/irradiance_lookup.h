@@ -175,6 +175,11 @@ IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const Irra
                          std::span<const LookupCandidate> candidates,
                          std::vector<LoweredRadius>* lowered = nullptr,
                          SampleIndexer* indexer = nullptr);
+// The same, with the candidates given by their samples alone.
+IrradSample* storeSample(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
+                         std::span<IrradSample* const> candidates,
+                         std::vector<LoweredRadius>* lowered = nullptr,
+                         SampleIndexer* indexer = nullptr);
 
 // The per-sample step of the incremental merge: offers one source sample to the map's own lookup
 // at the sample's point (thread index 0), with a sampler that answers with the sample itself.

@@ -56,7 +56,7 @@ class MergeTask : public MultiThreaded {
 // The parallel lookup of one sample.
 struct Decided {
   uint32_t worker = 0;
-  uint32_t begin = 0, count = 0;  // its candidates in the worker's pool
+  uint32_t begin = 0, count = 0;  // its candidates' samples in the worker's pool
   bool create = false;
   // Set between the commit of the batch before and this batch's commit when a sample stored by
   // that commit reaches the point or a candidate had its radius lowered by it.
@@ -81,7 +81,7 @@ struct LookupScratch {
 class LookupTask : public MergeTask {
  public:
   LookupTask(DefIrradianceMap& map, std::vector<IrradSample>& batch, PendingRead read,
-             Decided* decided, std::vector<std::vector<LookupCandidate>>& pools,
+             Decided* decided, std::vector<std::vector<IrradSample*>>& pools,
              std::vector<LookupScratch>& scratch)
       : map_(map), batch_(batch), read_(read), decided_(decided), pools_(pools),
         scratch_(scratch), settings_(LookupSettings::fromHeader(*map.header())) {}
@@ -90,7 +90,7 @@ class LookupTask : public MergeTask {
     if (read_.source) readFirst();
     const auto worker = static_cast<uint32_t>(index);
     if (worker >= pools_.size()) return;  // more threads than asked for: the others do it
-    std::vector<LookupCandidate>& pool = pools_[worker];
+    std::vector<IrradSample*>& pool = pools_[worker];
     std::vector<LookupCandidate>& own = scratch_[worker].candidates;
     ThreadData thread;
     thread.threadIndex = worker;
@@ -124,7 +124,9 @@ class LookupTask : public MergeTask {
         d.worker = worker;
         d.begin = static_cast<uint32_t>(pool.size());
         d.count = static_cast<uint32_t>(own.size());
-        pool.insert(pool.end(), own.begin(), own.end());
+        const size_t at = pool.size();
+        pool.resize(at + own.size());
+        for (size_t k = 0; k < own.size(); ++k) pool[at + k] = own[k].sample;
         d.ready.store(true, std::memory_order_release);
       }
       if (guarded) map_.multiReaderLock().readUnlock(worker);
@@ -155,7 +157,7 @@ class LookupTask : public MergeTask {
   std::atomic<bool> readTaken_{false};
   std::atomic<bool> readDone_{false};
   Decided* decided_;
-  std::vector<std::vector<LookupCandidate>>& pools_;
+  std::vector<std::vector<IrradSample*>>& pools_;
   std::vector<LookupScratch>& scratch_;
   const LookupSettings settings_;
   std::atomic<uint32_t> next_{0};
@@ -240,11 +242,11 @@ struct CommitChanges {
   }
   bool empty() const { return cells.empty(); }
   // Whether a lookup that collected these candidates at point p saw the map as it is now.
-  bool changedFor(const Vector& p, std::span<const LookupCandidate> candidates) const {
+  bool changedFor(const Vector& p, std::span<IrradSample* const> candidates) const {
     if (!cells.mayContain(p)) return false;
     if (!lowered.empty()) {
-      for (const LookupCandidate& c : candidates) {
-        if (lowered.contains(c.sample)) return true;
+      for (const IrradSample* c : candidates) {
+        if (lowered.contains(c)) return true;
       }
     }
     return stored.reaches(p);
@@ -257,7 +259,7 @@ struct CommitChanges {
 class CheckTask : public MergeTask {
  public:
   CheckTask(const std::vector<IrradSample>& batch, Decided* decided,
-            const std::vector<std::vector<LookupCandidate>>& pools, const CommitChanges& changes)
+            const std::vector<std::vector<IrradSample*>>& pools, const CommitChanges& changes)
       : batch_(batch), decided_(decided), pools_(pools), changes_(changes) {}
 
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
@@ -272,7 +274,7 @@ class CheckTask : public MergeTask {
         if (!d.ready.load(std::memory_order_acquire)) continue;
         d.changedBefore = changes_.changedFor(
             batch_[i].position,
-            std::span<const LookupCandidate>(pools_[d.worker]).subspan(d.begin, d.count));
+            std::span<IrradSample* const>(pools_[d.worker]).subspan(d.begin, d.count));
       }
     }
     addCpu(threadCpuSeconds() - cpuStart);
@@ -282,7 +284,7 @@ class CheckTask : public MergeTask {
   static constexpr uint32_t kChunk = 256;
   const std::vector<IrradSample>& batch_;
   Decided* decided_;
-  const std::vector<std::vector<LookupCandidate>>& pools_;
+  const std::vector<std::vector<IrradSample*>>& pools_;
   const CommitChanges& changes_;
   std::atomic<uint32_t> next_{0};
 };
@@ -516,7 +518,8 @@ struct Batch {
   std::vector<IrradSample> samples;
   std::unique_ptr<Decided[]> decided;
   uint32_t capacity = 0;
-  std::vector<std::vector<LookupCandidate>> pools;  // the candidates, one pool per worker
+  // The samples of the candidates, one pool per worker: all that the commit reads of them.
+  std::vector<std::vector<IrradSample*>> pools;
   std::unique_ptr<LookupTask> lookups;
   uint32_t first = 0;        // the source index of its first sample
   PendingRead unread;        // what its first lookups read before they start, if anything
@@ -643,9 +646,9 @@ uint32_t ParallelMerge::commit(Batch& b) {
     const Decided& d = b.decided[i];
 
     bool same = d.ready.load(std::memory_order_acquire) && !indexer_.folded;
-    std::span<const LookupCandidate> candidates;
+    std::span<IrradSample* const> candidates;
     if (same) {
-      candidates = std::span<const LookupCandidate>(b.pools[d.worker]).subspan(d.begin, d.count);
+      candidates = std::span<IrradSample* const>(b.pools[d.worker]).subspan(d.begin, d.count);
       if (b.overlapped && d.changedBefore) same = false;
       if (same && !changes_.empty()) same = !changes_.changedFor(sample.position, candidates);
     }
@@ -669,14 +672,15 @@ uint32_t ParallelMerge::commit(Batch& b) {
       const SpacingDecision decision = decideSpacing(settings_, lookupFootprint(context), scratch_);
       if (guarded) map_.multiReaderLock().readUnlock(caller_.threadIndex);
       create = createsSample(decision, context, shade, kFlags);
-      candidates = scratch_;
     }
 
     if (create) {
       loweredNow_.clear();
       // What the one-thread merge's sampler stores: the offered sample, whole.
-      IrradSample* added = storeSample(map_, caller_.threadIndex, sample, candidates,
-                                       &loweredNow_, &indexer_);
+      IrradSample* added =
+          same ? storeSample(map_, caller_.threadIndex, sample, candidates, &loweredNow_, &indexer_)
+               : storeSample(map_, caller_.threadIndex, sample,
+                             std::span<const LookupCandidate>(scratch_), &loweredNow_, &indexer_);
       if (added) {
         ++kept;
         for (const LoweredRadius& l : loweredNow_) {

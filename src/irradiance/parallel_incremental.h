@@ -52,8 +52,9 @@
 // those is looked up twice; so the batches are sized from how many samples the last one kept:
 // about kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread
 // samples per thread. (Frames of the synthesised room look up again 20 to 75 samples in batches
-// of 5,000 to 13,000.) The candidates of the two batches in hand take about 16 bytes each and the
-// pending grid entries 24 bytes per kept sample: a few MB per thread at most.
+// of 5,000 to 13,000.) The candidates of the two batches in hand are kept as their samples alone,
+// 8 bytes each, and the pending grid entries take 24 bytes per kept sample: a few MB per thread
+// at most.
 #pragma once
 
 #include <cstdint>
