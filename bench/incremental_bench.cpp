@@ -24,6 +24,7 @@
 #include "octree_cache.h"
 #include "ratio_reporter.h"
 #include "synth/generator.h"
+#include "threads/heap_policy.h"
 
 namespace {
 
@@ -209,6 +210,7 @@ BENCHMARK(BM_Prepare10M)->Unit(benchmark::kMillisecond)->Iterations(2);
 }  // namespace
 
 int main(int argc, char** argv) {
+  LUtils::keepLargeBlocksMapped();  // as the programs do
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

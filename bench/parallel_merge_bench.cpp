@@ -25,6 +25,7 @@
 #include "octree_cache.h"
 #include "ratio_reporter.h"
 #include "synth/generator.h"
+#include "threads/heap_policy.h"
 #include "threads/thread_manager.h"
 
 namespace {
@@ -119,6 +120,7 @@ BENCHMARK(BM_Empty3M)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime
 }  // namespace
 
 int main(int argc, char** argv) {
+  LUtils::keepLargeBlocksMapped();  // as the programs do
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

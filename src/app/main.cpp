@@ -1,5 +1,9 @@
 // The cacheview process entry.
 #include "app/driver.h"
 #include "app/viewer_entry.h"
+#include "threads/heap_policy.h"
 
-int main(int argc, char** argv) { return runCacheview(argc, argv, runViewer); }
+int main(int argc, char** argv) {
+  LUtils::keepLargeBlocksMapped();
+  return runCacheview(argc, argv, runViewer);
+}

@@ -17,6 +17,7 @@
 #include "irradiance/irradiance_map.h"
 #include "lightcache/light_map.h"
 #include "lightcache/light_merge.h"
+#include "threads/heap_policy.h"
 #include "threads/thread_manager.h"
 
 namespace {
@@ -288,6 +289,7 @@ std::string jsonSummary(const Options& o, const std::vector<InputResult>& result
 }  // namespace
 
 int main(int argc, char** argv) {
+  LUtils::keepLargeBlocksMapped();
   Options o;
   if (const int status = parseOptions(argc, argv, o); status >= 0) return status;
   if (o.threads > 0) LUtils::mergeThreadManager().setThreadCount(o.threads);
