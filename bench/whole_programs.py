@@ -20,7 +20,11 @@ What it times, each program as a new process on maps of --count samples (default
    the PNG). The three pictures of cacheview-render must be the same file. Targets: all threads
    at least 1.8x faster than -j 1 on two cores; the threaded run's peak memory at most 1.25x
    the -j 1 run's; one worker no slower than -j 1.
-3. With --viewer: a map of ten million samples; `cacheview -load MAP -nodisplay` (a plain load)
+3. The incremental merge of four frames (A, B, C and a fourth from the second camera) on one
+   thread (LUMORA_NUM_THREADS=1) and on all of them: both must write the same bytes. Reported:
+   one thread's time over all threads', and how much higher the peak memory of all threads is,
+   per thread (target: a few MB).
+4. With --viewer: a map of ten million samples; `cacheview -load MAP -nodisplay` (a plain load)
    against the viewer's time from its start to its first picture (on a private Xvfb, as the GUI
    tests run it; the frame log of CACHEVIEW_FRAME_LOG tells when the first frame is drawn).
 
@@ -139,7 +143,9 @@ def main():
         a = synthesise(tools["synth"], path("a.lumap"), args.count, 1, 0)
         b = synthesise(tools["synth"], path("b.lumap"), args.count, 2, 0)
         c = synthesise(tools["synth"], path("c.lumap"), args.count, 3, 1)
+        d = synthesise(tools["synth"], path("d.lumap"), args.count, 4, 1)
         one_worker = dict(os.environ, LUMORA_NUM_THREADS="1")
+        four = ["-incremental", "-load", a, "-load", b, "-load", c, "-load", d]
         programs = {
             "merge same camera": [tools["cacheview"], "-incremental", "-load", a, "-load", b,
                                   "-save", path("ours-b.lumap"), "-nodisplay"],
@@ -154,8 +160,12 @@ def main():
             "render sw one worker": [tools["render"], "-b", "sw", "--quiet", a,
                                      path("one-worker.png")],
             "reference render": [tools["ref_render"], a, path("ref.png"), "6"],
+            "merge four frames, one thread": [tools["cacheview"], *four, "-save",
+                                              path("four-one.lumap"), "-nodisplay"],
+            "merge four frames, all threads": [tools["cacheview"], *four, "-save",
+                                               path("four-all.lumap"), "-nodisplay"],
         }
-        envs = {"render sw one worker": one_worker}
+        envs = {"render sw one worker": one_worker, "merge four frames, one thread": one_worker}
         if args.viewer:
             big = synthesise(tools["synth"], path("big.lumap"), 10 * args.count, 4, 0)
             programs["plain load 10M"] = [tools["cacheview"], "-load", big, "-nodisplay"]
@@ -193,6 +203,8 @@ def main():
         for ours, ref in (("ours-b.lumap", "ref-b.lumap"), ("ours-c.lumap", "ref-c.lumap")):
             if not filecmp.cmp(path(ours), path(ref), shallow=False):
                 print(f"MISMATCH: {ours} and {ref} differ")
+        if not filecmp.cmp(path("four-one.lumap"), path("four-all.lumap"), shallow=False):
+            print("MISMATCH: four-one.lumap and four-all.lumap differ")
         for picture in ("all.png", "one-worker.png"):
             if not filecmp.cmp(path("j1.png"), path(picture), shallow=False):
                 print(f"MISMATCH: j1.png and {picture} differ")
@@ -221,6 +233,11 @@ def main():
               "target <= 1.0")
         ratio("peak memory, all threads / -j 1", m["render sw all threads"],
               m["render sw -j 1"], "target <= 1.25")
+        ratio("merge four frames, one thread / all threads", t["merge four frames, one thread"],
+              t["merge four frames, all threads"], f"{os.cpu_count()} threads, for information")
+        extra = (m["merge four frames, all threads"] - m["merge four frames, one thread"])
+        print(f"  {'merge four frames, peak memory over one thread, per thread':58s} "
+              f"{extra / os.cpu_count():6.1f} MB  (target: a few MB)")
         if first_picture:
             ratio("viewer first picture / plain load, 10M samples",
                   statistics.median(first_picture), t["plain load 10M"], "for information")
