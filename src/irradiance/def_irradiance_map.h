@@ -50,14 +50,12 @@ class WriteIrradianceMapStream {
 
 class DefIrradianceMap : public IrradianceMap {
  public:
-  // Samples per storage block: as many as fill two huge pages (4 MiB, 49932 samples), so that a
-  // large map's blocks after the first lie wholly in huge pages (threads/block_sequence.h), where
-  // the lookups of an incremental merge find them with few TLB misses. A map of tens of millions
+  // Samples per storage block: as many as fill 4 MiB (49932 samples). A map of tens of millions
   // of samples needs only a few hundred blocks (allocation and the block table cost nothing next
   // to the data), while a small map wastes at most one partly filled block and growth never
   // needs a large contiguous allocation.
   static constexpr uint32_t kSamplesPerBlock =
-      static_cast<uint32_t>(2 * kHugePageBytes / sizeof(IrradSample));
+      static_cast<uint32_t>((size_t{4} << 20) / sizeof(IrradSample));
 
   // prepare() argument of a load with index: also precompute per-sample interpolation data.
   static constexpr int kPrepareAfterLoad = 32767;

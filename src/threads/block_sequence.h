@@ -3,10 +3,16 @@
 // and the spatial indexes point into it; the thread manager keeps its worker records here.
 //
 // A sequence that outgrows its first block is a large one, and every block after the first will
-// be filled: those blocks are mapped as they are allocated (threads/prefault.h), and where a
-// block spans whole huge pages, they are mappings of their own in huge pages, which the indexes
-// that look samples up at random places read with few TLB misses. The first block is neither,
-// so that the many small sequences pay only for the pages they touch.
+// be filled: those blocks are mapped as they are allocated (threads/prefault.h). The first is
+// not, so that the many small sequences pay only for the pages they touch.
+//
+// Blocks come from the heap, in small pages. Huge pages would spare the indexes that look samples
+// up at random places some TLB misses (1-6% of an incremental merge's time), but where the system
+// runs in a virtual machine that hands free memory back to its host, a fresh huge page costs
+// several times what its small pages do (4-5 ms against about 1 ms per 2 MB): a map of ten
+// million samples took 0.5-1.0 s to load in huge pages against 0.25 s in small ones, unless
+// another process had freed its huge pages a moment before, and a merge spent a tenth of its time
+// in the kernel.
 #pragma once
 
 #include <cstddef>
@@ -59,13 +65,12 @@ class BlockSequence {
     const size_t need = (count_ + n + perBlock_ - 1) / perBlock_;
     try {
       while (blocks_.size() < need) {
-        const size_t b = blocks_.size();
-        void* mem = allocateBlock(b);
+        void* mem = std::malloc(blockBytes());
         if (!mem) throw std::bad_alloc();
         try {
           blocks_.push_back(static_cast<T*>(mem));
         } catch (const std::bad_alloc&) {
-          freeBlock(b, mem);
+          std::free(mem);
           throw;
         }
       }
@@ -82,7 +87,7 @@ class BlockSequence {
   void truncate(size_t n) {
     static_assert(std::is_trivially_destructible_v<T>);
     const size_t keep = (n + perBlock_ - 1) / perBlock_;
-    for (size_t b = keep; b < blocks_.size(); ++b) freeBlock(b, blocks_[b]);
+    for (size_t b = keep; b < blocks_.size(); ++b) std::free(blocks_[b]);
     if (keep < blocks_.size()) blocks_.resize(keep);
     if (n < count_) count_ = n;
   }
@@ -125,7 +130,7 @@ class BlockSequence {
         const size_t n = blockLength(b);
         for (size_t i = 0; i < n; ++i) blocks_[b][i].~T();
       }
-      freeBlock(b, blocks_[b]);
+      std::free(blocks_[b]);
     }
     blocks_.clear();
     count_ = 0;
@@ -135,24 +140,12 @@ class BlockSequence {
 
  private:
   size_t blockBytes() const { return sizeof(T) * size_t{perBlock_}; }
-  // Whether block b lies in a mapping of its own (mapLarge): the same answer when it is freed.
-  bool mappedOnItsOwn(size_t b) const { return b > 0 && blockBytes() >= kHugePageBytes; }
-  void* allocateBlock(size_t b) const {
-    return mappedOnItsOwn(b) ? mapLarge(blockBytes()) : std::malloc(blockBytes());
-  }
-  void freeBlock(size_t b, void* mem) const {
-    if (mappedOnItsOwn(b)) {
-      unmapLarge(mem, blockBytes());
-    } else {
-      std::free(mem);
-    }
-  }
 
   T* nextSlot() {
     const size_t inBlock = count_ % perBlock_;
     if (inBlock == 0 && count_ / perBlock_ == blocks_.size()) {
       const size_t b = blocks_.size();
-      void* mem = allocateBlock(b);
+      void* mem = std::malloc(blockBytes());
       if (mem && b > 0) prefaultForWriting(mem, blockBytes());
       if (!mem) {
         reportBlockAllocationFailure();
@@ -161,7 +154,7 @@ class BlockSequence {
       try {
         blocks_.push_back(static_cast<T*>(mem));
       } catch (const std::bad_alloc&) {
-        freeBlock(b, mem);
+        std::free(mem);
         reportBlockAllocationFailure();
         return nullptr;
       }
