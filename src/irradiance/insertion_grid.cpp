@@ -133,8 +133,9 @@ void InsertionGrid::Shard::append(Slot& slot, const Sphere& s) {
   if (slot.count == c) {
     // Full: move the cell to a range of the next size; the one it leaves goes to the free list
     // of its size.
-    const uint32_t grown = classSize(sizeClass + 1);
-    const uint32_t begin = allocate(sizeClass + 1);
+    const int next = nextClass(sizeClass);
+    const uint32_t grown = classSize(next);
+    const uint32_t begin = allocate(next);
     float* to = fieldsAt(begin);
     const float* from = fieldsAt(slot.begin);
     for (int field = 0; field < 4; ++field) {
