@@ -227,8 +227,8 @@ IrradSample* createSample(DefIrradianceMap& map, uint32_t threadIndex, ShadeCont
 
 namespace {
 
-IrradSample* const& sampleOf(IrradSample* const& s) { return s; }
-IrradSample* const& sampleOf(const LookupCandidate& c) { return c.sample; }
+IrradSample* sampleOf(IrradSample* s) { return s; }
+IrradSample* sampleOf(const LookupCandidate& c) { return c.sample; }
 
 template <class Candidate>
 IrradSample* storeAndLower(DefIrradianceMap& map, uint32_t threadIndex, const IrradSample& record,
