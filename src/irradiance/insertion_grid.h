@@ -404,10 +404,9 @@ class InsertionGrid {
     std::vector<IrradSample**> samplesOf_;
     uint64_t end_ = 0;            // pool indexes in use: [0, end_)
     // The chunks of kChunkEntries, kept by clear() for reuse. They come from the heap, in small
-    // pages: the pool is written as the merge goes, so its pages are fresh ones, and in a
-    // virtual machine that hands free memory back to its host a fresh huge page costs several
-    // times what its 512 small pages do (4-5 ms against about 1), while a query's cells lie in
-    // a few pages and gain little from huge ones.
+    // pages, as a map's storage blocks do and for the same reason (threads/block_sequence.h):
+    // the pool is written as the merge goes, so its pages are fresh ones, while a query's cells
+    // lie in a few pages and gain little from huge ones.
     std::vector<Block> chunks_;
     size_t chunksUsed_ = 0;
     std::vector<Block> large_;    // blocks of a range of their own
