@@ -33,9 +33,10 @@ class RunIndexer : public SampleIndexer {
 
   void index(IrradSample& sample) override {
     InsertionGrid::Sphere entry;
-    if (!tree_.beginInsert(sample, entry)) return;
+    InsertionGrid::Box box;
+    if (!tree_.beginInsert(sample, entry, &box)) return;
     pending_.push_back(entry);
-    unlisted_.add(entry);
+    unlisted_.add(entry, box.level);
     if (tree_.wantsFold()) {
       listPending();
       tree_.fold();

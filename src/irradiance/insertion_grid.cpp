@@ -173,14 +173,15 @@ bool InsertionGrid::boxOf(const Sphere& s, double lo[3], double hi[3], int& k) {
   return true;
 }
 
-bool InsertionGrid::begin(const Sphere& s) {
+bool InsertionGrid::begin(const Sphere& s, Box* box) {
   if (!placeable(s.sample->position, s.sample->validRadius2) ||
       !(s.r > 0.0f && std::isfinite(s.r))) {
     return false;
   }
-  double lo[3], hi[3];
-  int k = 0;
-  if (!boxOf(s, lo, hi, k)) return false;
+  Box own;
+  if (!box) box = &own;
+  if (!boxOf(s, box->lo, box->hi, box->level)) return false;
+  const int k = box->level;
   samples_.push_back(s.sample);
   const int i = (k - kMinLevel) / 2;
   // Most samples land on a level already in use: only a new one writes the word, which the
@@ -197,6 +198,12 @@ int InsertionGrid::forEachCell(const Sphere& s, F&& f) {
   double lo[3], hi[3];
   int k = 0;
   boxOf(s, lo, hi, k);
+  forEachCellOfBox(lo, hi, k, f);
+  return k;
+}
+
+template <class F>
+void InsertionGrid::forEachCellOfBox(const double lo[3], const double hi[3], int k, F&& f) {
   const double scale = kLevelScale[(k - kMinLevel) / 2];
   int64_t from[3], to[3];
   for (int a = 0; a < 3; ++a) {
@@ -208,7 +215,6 @@ int InsertionGrid::forEachCell(const Sphere& s, F&& f) {
       for (int64_t iz = from[2]; iz <= to[2]; ++iz) f(keyOf(k, ix, iy, iz));
     }
   }
-  return k;
 }
 
 void InsertionGrid::list(const Sphere& s, uint32_t shards) {
@@ -265,7 +271,7 @@ void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
   }
 }
 
-void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
+void InsertionGrid::CellBatch::add(const Sphere& sphere, const Box& box, CellFilter* filter) {
   const auto index = static_cast<uint32_t>(spheres_.size());
   spheres_.push_back(sphere);
   if (2 * (usedChains_.size() + 8) > chains_.size()) growChains();
@@ -273,7 +279,8 @@ void InsertionGrid::CellBatch::add(const Sphere& sphere, CellFilter* filter) {
   // writes then find in the cache.
   uint64_t keys[8];
   int n = 0;
-  const int k = forEachCell(sphere, [&](uint64_t key) {
+  const int k = box.level;
+  forEachCellOfBox(box.lo, box.hi, k, [&](uint64_t key) {
     prefetchLine(chains_.data() + home(key));
     if (filter) filter->prefetch(key);
     keys[n++] = key;
@@ -342,10 +349,7 @@ void InsertionGrid::CellBatch::clear() {
   levels_ = {{0, 0}};
 }
 
-void InsertionGrid::Unlisted::add(const Sphere& sphere) {
-  double lo[3], hi[3];
-  int k = 0;
-  boxOf(sphere, lo, hi, k);  // the level begin() placed it on
+void InsertionGrid::Unlisted::add(const Sphere& sphere, int k) {
   const uint32_t i = count_++;
   SphereGroup& g = groups_[i / 4];
   g.x[i % 4] = sphere.x;
@@ -372,7 +376,7 @@ void InsertionGrid::CellFilter::add(const Sphere& s) {
     return;
   }
   addLevel(k);
-  forEachCell(s, [&](uint64_t key) { addCell(key); });
+  forEachCellOfBox(lo, hi, k, [&](uint64_t key) { addCell(key); });
 }
 
 }  // namespace LUtils

@@ -65,6 +65,12 @@ class InsertionGrid {
     float x, y, z, r;
     IrradSample* sample;
   };
+  // Where begin() placed a sphere: its box (boxOf()) and its level, for the steps after begin()
+  // that would otherwise work them out again.
+  struct Box {
+    double lo[3], hi[3];
+    int level = 0;
+  };
   static constexpr int kShardBits = 3;
   static constexpr int kShards = 1 << kShardBits;
   static constexpr uint32_t kAllShards = (1u << kShards) - 1;
@@ -90,8 +96,8 @@ class InsertionGrid {
     return true;
   }
   // The first step of insert(): places the sample on its level and counts it, or leaves it out
-  // (false). It is found only once listed.
-  bool begin(const Sphere& sphere);
+  // (false). It is found only once listed. Fills `box` (may be null) when it takes the sample.
+  bool begin(const Sphere& sphere, Box* box = nullptr);
   // The second step, for the shards whose bits are set in `shards`: lists a sample that begin()
   // took in the cells of those shards. Listing different shards on different threads at once is
   // safe; begin() must not run meanwhile.
@@ -307,6 +313,9 @@ class InsertionGrid {
   // begin() took; returns the level.
   template <class F>
   static int forEachCell(const Sphere& s, F&& f);
+  // The same for a box and level that boxOf() gave.
+  template <class F>
+  static void forEachCellOfBox(const double lo[3], const double hi[3], int k, F&& f);
   // Calls f(key, shard, slot or null) for p's cell on every level in use, smallest cells first,
   // with the slots that the probe (may be null) found where they are still good.
   template <class F>
@@ -463,8 +472,8 @@ class InsertionGrid::CellFilter {
 
 class InsertionGrid::CellBatch {
  public:
-  // Adds a sphere that begin() took, and its cells to `filter` when given.
-  void add(const Sphere& sphere, CellFilter* filter = nullptr);
+  // Adds a sphere that begin() took, placed in `box`, and its cells to `filter` when given.
+  void add(const Sphere& sphere, const Box& box, CellFilter* filter = nullptr);
   void clear();
   bool empty() const { return spheres_.empty(); }
   // Whether a sphere of the batch contains p and its sample's own test (the current
@@ -528,8 +537,8 @@ class InsertionGrid::CellBatch {
 class InsertionGrid::Unlisted {
  public:
   static constexpr uint32_t kCapacity = 256;
-  // Adds a sphere that the grid began; at most kCapacity until cleared.
-  void add(const Sphere& sphere);
+  // Adds a sphere that the grid began on `level`; at most kCapacity until cleared.
+  void add(const Sphere& sphere, int level);
   void clear() { count_ = 0; }
   bool full() const { return count_ == kCapacity; }
   bool empty() const { return count_ == 0; }

@@ -466,8 +466,9 @@ class DeferredIndexer : public SampleIndexer {
   void index(IrradSample& sample) override {
     SampleKdTree& tree = map_.kdTree();
     InsertionGrid::Sphere entry;
-    if (!tree.beginInsert(sample, entry)) return;
-    changes_.stored.add(entry, &changes_.cells);
+    InsertionGrid::Box box;
+    if (!tree.beginInsert(sample, entry, &box)) return;
+    changes_.stored.add(entry, box, &changes_.cells);
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();

@@ -197,8 +197,8 @@ void SampleKdTree::insert(IrradSample& sample) {
   if (wantsFold()) fold();
 }
 
-bool SampleKdTree::beginInsert(IrradSample& sample, Entry& entry) {
-  return makeEntry(sample, entry) && grid_.begin(entry);
+bool SampleKdTree::beginInsert(IrradSample& sample, Entry& entry, InsertionGrid::Box* box) {
+  return makeEntry(sample, entry) && grid_.begin(entry, box);
 }
 
 void SampleKdTree::fold() {

@@ -82,7 +82,7 @@ class SampleKdTree {
   // listEntries() and returns true. The sample is found only once listed; a fold lists
   // nothing, so every begun entry must be listed first. The caller folds when wantsFold() says
   // so, right after the beginInsert() that made it so, as insert() does.
-  bool beginInsert(IrradSample& sample, Entry& entry);
+  bool beginInsert(IrradSample& sample, Entry& entry, InsertionGrid::Box* box = nullptr);
   // The entry of a sample whose radius is `radius2`: a sphere a little larger than its validity
   // sphere, so that it holds every point the sample's own test accepts.
   static Entry boundingSphere(IrradSample& s, float radius2) {

@@ -223,8 +223,9 @@ TEST_F(KdTreeAgainstBruteForce, BatchesAreFoundBeforeAndAfterListingInInsertionO
     for (size_t i = from; i < to; ++i) {
       direct.insert(samples[i]);
       SampleKdTree::Entry e;
-      ASSERT_TRUE(deferred.beginInsert(samples[i], e));
-      batch.add(e, &filter);
+      InsertionGrid::Box box;
+      ASSERT_TRUE(deferred.beginInsert(samples[i], e, &box));
+      batch.add(e, box, &filter);
     }
     EXPECT_EQ(deferred.insertedCount(), direct.insertedCount());
     sameOrder(&batch, from, to);
@@ -269,9 +270,10 @@ TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
     }
     direct.insert(samples[i]);
     SampleKdTree::Entry e;
-    ASSERT_TRUE(deferred.beginInsert(samples[i], e));
+    InsertionGrid::Box box;
+    ASSERT_TRUE(deferred.beginInsert(samples[i], e, &box));
     entries.push_back(e);
-    unlisted.add(e);
+    unlisted.add(e, box.level);
     if (i % 100 != 99) continue;
     for (size_t k = 0; k < points.size(); ++k) {
       std::vector<const IrradSample*> found;
