@@ -23,7 +23,8 @@ namespace {
 
 // Indexes the samples that a run stores: begun in the map's index at once, so that they are
 // counted where insert() counts them, and listed in its grid's cells at the end of the run,
-// several at a time with their cells asked for ahead (InsertionGrid::list). Until then the
+// several at a time with their cells asked for ahead, in the cells found when they were begun
+// (InsertionGrid::list). Until then the
 // lookups test them one by one (InsertionGrid::Unlisted), which finds them where and in the
 // order the map's grid would list them. When the index wants to fold, what was begun is listed
 // first, and the index folds where insert() would.
@@ -35,8 +36,7 @@ class RunIndexer : public SampleIndexer {
     InsertionGrid::Sphere entry;
     InsertionGrid::Box box;
     if (!tree_.beginInsert(sample, entry, &box)) return;
-    pending_.push_back(entry);
-    unlisted_.add(entry, box.level);
+    unlisted_.add(entry, box);
     if (tree_.wantsFold()) {
       listPending();
       tree_.fold();
@@ -45,19 +45,17 @@ class RunIndexer : public SampleIndexer {
     }
   }
   void listPending() {
-    if (pending_.empty()) return;
-    tree_.listEntries(pending_, InsertionGrid::kAllShards);
-    pending_.clear();
+    if (unlisted_.empty()) return;
+    tree_.listEntries(unlisted_);
     unlisted_.clear();
   }
   const InsertionGrid::Unlisted* unlisted() const {
-    return pending_.empty() ? nullptr : &unlisted_;
+    return unlisted_.empty() ? nullptr : &unlisted_;
   }
 
  private:
   SampleKdTree& tree_;
   InsertionGrid::Unlisted unlisted_;
-  std::vector<InsertionGrid::Sphere> pending_;
 };
 
 // Samples per run: enough that the walks overlap well, few enough that a fold in the middle of

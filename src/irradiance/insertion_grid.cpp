@@ -210,9 +210,13 @@ void InsertionGrid::forEachCellOfBox(const double lo[3], const double hi[3], int
     from[a] = cellOf(lo[a], scale);
     to[a] = cellOf(hi[a], scale);
   }
+  constexpr uint64_t mask = (uint64_t{1} << kCoordBits) - 1;
+  const uint64_t level = static_cast<uint64_t>(k - kMinLevel) << (3 * kCoordBits);
   for (int64_t ix = from[0]; ix <= to[0]; ++ix) {
+    const uint64_t keyX = level | (static_cast<uint64_t>(ix) & mask) << (2 * kCoordBits);
     for (int64_t iy = from[1]; iy <= to[1]; ++iy) {
-      for (int64_t iz = from[2]; iz <= to[2]; ++iz) f(keyOf(k, ix, iy, iz));
+      const uint64_t keyXY = keyX | (static_cast<uint64_t>(iy) & mask) << kCoordBits;
+      for (int64_t iz = from[2]; iz <= to[2]; ++iz) f(keyXY | (static_cast<uint64_t>(iz) & mask));
     }
   }
 }
@@ -237,23 +241,7 @@ void InsertionGrid::addCells(std::span<PendingCell> cells) {
   for (const PendingCell& c : cells) shards_[shardOf(c.key)].addFound(c.slot, c.key, *c.sphere);
 }
 
-// A window of spheres at a time: their cells' keys, then addCells().
-void InsertionGrid::list(std::span<const Sphere> spheres, uint32_t shards) {
-  constexpr size_t kWindow = 16;
-  PendingCell cells[kWindow * 8];
-  for (size_t from = 0; from < spheres.size(); from += kWindow) {
-    const size_t to = std::min(spheres.size(), from + kWindow);
-    size_t n = 0;
-    for (size_t i = from; i < to; ++i) {
-      forEachCell(spheres[i], [&](uint64_t key) {
-        if (shards >> shardOf(key) & 1) cells[n++] = {key, &spheres[i], Shard::kNowhere};
-      });
-    }
-    addCells(std::span<PendingCell>(cells, n));
-  }
-}
-
-// As list(spheres), from the cells found when the spheres were added, a window at a time.
+// As list(), from the cells found when the spheres were added, a window at a time.
 void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
   constexpr size_t kWindow = 64;
   PendingCell window[kWindow];
@@ -268,6 +256,15 @@ void InsertionGrid::list(const CellBatch& batch, uint32_t shards) {
       }
       addCells(std::span<PendingCell>(window, n));
     }
+  }
+}
+
+// The same for the spheres of `unlisted`, in every shard.
+void InsertionGrid::list(Unlisted& unlisted) {
+  constexpr uint32_t kWindow = 64;
+  for (uint32_t from = 0; from < unlisted.cellCount_; from += kWindow) {
+    const uint32_t n = std::min(unlisted.cellCount_ - from, kWindow);
+    addCells(std::span<PendingCell>(unlisted.cells_ + from, n));
   }
 }
 
@@ -349,7 +346,7 @@ void InsertionGrid::CellBatch::clear() {
   levels_ = {{0, 0}};
 }
 
-void InsertionGrid::Unlisted::add(const Sphere& sphere, int k) {
+void InsertionGrid::Unlisted::add(const Sphere& sphere, const Box& box) {
   const uint32_t i = count_++;
   SphereGroup& g = groups_[i / 4];
   g.x[i % 4] = sphere.x;
@@ -357,7 +354,12 @@ void InsertionGrid::Unlisted::add(const Sphere& sphere, int k) {
   g.z[i % 4] = sphere.z;
   g.r[i % 4] = sphere.r;
   samples_[i] = sphere.sample;
-  levels_[i] = static_cast<uint8_t>(k - kMinLevel);
+  levels_[i] = static_cast<uint8_t>(box.level - kMinLevel);
+  spheres_[i] = sphere;
+  uint32_t n = cellCount_;
+  forEachCellOfBox(box.lo, box.hi, box.level,
+                   [&](uint64_t key) { cells_[n++] = {key, &spheres_[i], Shard::kNowhere}; });
+  cellCount_ = n;
 }
 
 void InsertionGrid::CellFilter::clear() {

@@ -102,7 +102,6 @@ class InsertionGrid {
   // took in the cells of those shards. Listing different shards on different threads at once is
   // safe; begin() must not run meanwhile.
   void list(const Sphere& sphere, uint32_t shards);
-  void list(std::span<const Sphere> spheres, uint32_t shards);
   // Begun spheres with their cells found once, dealt to the shards: what list() would compute
   // for every shard it is given, so that threads listing different shards share the work. A
   // batch also indexes its cells itself, so that a query (gather() given the batch) finds its
@@ -110,6 +109,10 @@ class InsertionGrid {
   class CellBatch;
   // As list(), for the spheres of a batch.
   void list(const CellBatch& batch, uint32_t shards);
+  class Unlisted;
+  // Lists the spheres of `unlisted` in every shard, in the order added; it keeps them until
+  // cleared.
+  void list(Unlisted& unlisted);
 
   // Samples indexed, in insertion order.
   size_t size() const { return samples_.size(); }
@@ -122,7 +125,6 @@ class InsertionGrid {
   // Samples that a grid began after every one it lists and has not listed yet, few enough to
   // be tested one by one: a query given them finds them as the grid will once they are listed,
   // each on its level right after the grid's own cell, in the order added.
-  class Unlisted;
   // The cells that a set of spheres would take in a grid, without their entries: answers
   // whether a sphere of the set may contain a point, never "no" wrongly, in a few hash probes
   // of a bit table small enough to stay in the second-level cache. Each cell is a bit of the
@@ -537,9 +539,16 @@ class InsertionGrid::CellBatch {
 class InsertionGrid::Unlisted {
  public:
   static constexpr uint32_t kCapacity = 256;
-  // Adds a sphere that the grid began on `level`; at most kCapacity until cleared.
-  void add(const Sphere& sphere, int level);
-  void clear() { count_ = 0; }
+  Unlisted() = default;
+  Unlisted(const Unlisted&) = delete;  // its cells point to its spheres
+  Unlisted& operator=(const Unlisted&) = delete;
+  // Adds a sphere that the grid began, placed in `box`; at most kCapacity until cleared. Its
+  // cells are found now, once, for list().
+  void add(const Sphere& sphere, const Box& box);
+  void clear() {
+    count_ = 0;
+    cellCount_ = 0;
+  }
   bool full() const { return count_ == kCapacity; }
   bool empty() const { return count_ == 0; }
 
@@ -548,7 +557,10 @@ class InsertionGrid::Unlisted {
   SphereGroup groups_[kCapacity / 4];  // four spheres to a group, field by field
   IrradSample* samples_[kCapacity];
   uint8_t levels_[kCapacity];  // each sphere's level, as its keys hold it
+  Sphere spheres_[kCapacity];
+  PendingCell cells_[8 * kCapacity];  // every sphere's cells, in the order added
   uint32_t count_ = 0;
+  uint32_t cellCount_ = 0;
 };
 
 template <class F>

@@ -91,12 +91,13 @@ class SampleKdTree {
   }
   // The entry of a sample as it is now, or false when the index cannot place it.
   static bool makeEntry(IrradSample& s, Entry& out);
-  // Lists begun entries, in the order begun, in the grid's shards whose bits are set (see
-  // InsertionGrid::list; different shards may be listed on different threads at once).
-  void listEntries(std::span<const Entry> entries, uint32_t shards) { grid_.list(entries, shards); }
+  // Lists begun entries, in the order begun: those of a batch in the grid's shards whose bits
+  // are set (see InsertionGrid::list; different shards may be listed on different threads at
+  // once), or those of `unlisted` in every shard.
   void listEntries(const InsertionGrid::CellBatch& batch, uint32_t shards) {
     grid_.list(batch, shards);
   }
+  void listEntries(InsertionGrid::Unlisted& unlisted) { grid_.list(unlisted); }
   bool wantsFold() const {
     return (grid_.size() >= foldMinimum_ && 2 * grid_.size() >= tree_.size()) ||
            grid_.nearlyFull();

@@ -257,7 +257,6 @@ TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
   std::vector<Vector> points(200);
   std::vector<SampleKdTree::Probe> probes(points.size());
   InsertionGrid::Unlisted unlisted;
-  std::vector<SampleKdTree::Entry> entries;
   SampleKdTree::TreeWalks walks;
   for (size_t i = 3000; i < samples.size(); ++i) {
     if (i % 100 == 0) {  // points walked and probed now, looked up 100 samples on
@@ -272,8 +271,7 @@ TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
     SampleKdTree::Entry e;
     InsertionGrid::Box box;
     ASSERT_TRUE(deferred.beginInsert(samples[i], e, &box));
-    entries.push_back(e);
-    unlisted.add(e, box.level);
+    unlisted.add(e, box);
     if (i % 100 != 99) continue;
     for (size_t k = 0; k < points.size(); ++k) {
       std::vector<const IrradSample*> found;
@@ -282,8 +280,7 @@ TEST_F(KdTreeAgainstBruteForce, UnlistedSamplesAreVisitedWhereListingPutsThem) {
       ASSERT_EQ(found, viaTree(direct, points[k], false)) << "sample " << i << ", point " << k;
     }
     if (i % 200 == 199) {
-      deferred.listEntries(entries, InsertionGrid::kAllShards);
-      entries.clear();
+      deferred.listEntries(unlisted);
       unlisted.clear();
     }
   }
