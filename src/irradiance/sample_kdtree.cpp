@@ -354,6 +354,8 @@ SampleKdTree::Child SampleKdTree::collapse(const std::vector<BinaryNode>& binary
 namespace {
 
 constexpr int kBins = 16;
+// About as many entries as are binned to place a split in a large range.
+constexpr uint32_t kBinnedEntries = 1024;
 
 // Bins and boxes of the split search are kept in double: the span of two finite floats may
 // exceed the float range (-3e38 and 3e38) and the reciprocal of a denormal span does, and either
@@ -512,18 +514,23 @@ uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uin
 #endif
     ++b.count;
   };
+  // A large range is binned from every stride-th entry: a thousand or so place the split where
+  // all of them would, nearly always, and the partition below still reads every entry.
+  const uint32_t stride = std::max<uint32_t>(1, (end - begin) / kBinnedEntries);
   uint32_t i = begin;
-  for (; i + 1 < end; i += 2) {
+  for (; i + stride < end; i += 2 * stride) {
     binEntry(entries[i], bins);
-    binEntry(entries[i + 1], odd);
+    binEntry(entries[i + stride], odd);
   }
   if (i < end) binEntry(entries[i], bins);
+  uint32_t binned = 0;
   for (int k = 0; k < kBins; ++k) {
     for (int j = 0; j < 3; ++j) {
       bins[k].lo[j] = std::min(bins[k].lo[j], odd[k].lo[j]);
       bins[k].hi[j] = std::max(bins[k].hi[j], odd[k].hi[j]);
     }
     bins[k].count += odd[k].count;
+    binned += bins[k].count;
   }
   double rightCost[kBins];
   Bin acc = {{kInfD, kInfD, kInfD}, {-kInfD, -kInfD, -kInfD}, 0};
@@ -542,7 +549,7 @@ uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uin
       acc.hi[j] = std::max(acc.hi[j], bins[k].hi[j]);
     }
     acc.count += bins[k].count;
-    if (acc.count == 0 || acc.count == end - begin) continue;
+    if (acc.count == 0 || acc.count == binned) continue;
     const double cost = boxCost(acc.lo, acc.hi) * acc.count + rightCost[k + 1];
     if (cost < bestCost) {
       bestCost = cost;
