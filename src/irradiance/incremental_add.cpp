@@ -22,12 +22,11 @@ int32_t insertSampleIncrementally(DefIrradianceMap& map, const IrradSample& samp
 namespace {
 
 // Indexes the samples that a run stores: begun in the map's index at once, so that they are
-// counted where insert() counts them, and listed in its grid's cells at the end of the run,
-// several at a time with their cells asked for ahead, in the cells found when they were begun
-// (InsertionGrid::list). Until then the
-// lookups test them one by one (InsertionGrid::Unlisted), which finds them where and in the
-// order the map's grid would list them. When the index wants to fold, what was begun is listed
-// first, and the index folds where insert() would.
+// counted where insert() counts them, and listed in its grid's cells at the end of the run, in
+// the cells found when they were begun, several at a time with their cells asked for ahead
+// (InsertionGrid::list). Until then the lookups test them one by one (InsertionGrid::Unlisted),
+// which finds them where and in the order the map's grid would list them. When the index wants
+// to fold, what was begun is listed first, and the index folds where insert() would.
 class RunIndexer : public SampleIndexer {
  public:
   explicit RunIndexer(SampleKdTree& tree) : tree_(tree) {}

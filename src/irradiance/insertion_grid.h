@@ -109,6 +109,9 @@ class InsertionGrid {
   class CellBatch;
   // As list(), for the spheres of a batch.
   void list(const CellBatch& batch, uint32_t shards);
+  // Samples that a grid began after every one it lists and has not listed yet, few enough to
+  // be tested one by one: a query given them finds them as the grid will once they are listed,
+  // each on its level right after the grid's own cell, in the order added.
   class Unlisted;
   // Lists the spheres of `unlisted` in every shard, in the order added; it keeps them until
   // cleared.
@@ -122,9 +125,6 @@ class InsertionGrid {
   // listed.
   bool nearlyFull() const { return samples_.size() >= kMaxSamples; }
 
-  // Samples that a grid began after every one it lists and has not listed yet, few enough to
-  // be tested one by one: a query given them finds them as the grid will once they are listed,
-  // each on its level right after the grid's own cell, in the order added.
   // The cells that a set of spheres would take in a grid, without their entries: answers
   // whether a sphere of the set may contain a point, never "no" wrongly, in a few hash probes
   // of a bit table small enough to stay in the second-level cache. Each cell is a bit of the
