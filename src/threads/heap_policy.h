@@ -8,12 +8,12 @@
 // only from their tops, and each heap may keep up to 64 MB it does not use. Worse on several
 // threads: each thread's allocations come from a heap of its own, and each keeps its share. The
 // peak of an incremental merge of four 2M-sample frames on two threads was 33 MB above one
-// thread's, and 8 MB with the threshold fixed.
+// thread's, and about 10 MB with the threshold fixed.
 //
 // keepLargeBlocksMapped() fixes the threshold at kLargeBlockBytes, which stops the raising: every
 // block from 1 MB up is a mapping of its own, given back whole when freed, and the heaps trim
-// their tops past 128 KB of free memory, as they do at start. The programs call it first thing; a library does not
-// set a process's allocator for it. Elsewhere than glibc it does nothing.
+// their tops past 128 KB of free memory, as they do at start. The programs call it first thing;
+// a library does not set a process's allocator for it. Elsewhere than glibc it does nothing.
 #pragma once
 
 #include <cstddef>
