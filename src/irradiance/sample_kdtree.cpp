@@ -380,6 +380,32 @@ int binOf(float c, double lo, double scale) {
   return at >= kBins - 1 ? kBins - 1 : static_cast<int>(at);
 }
 
+// Floats in the order of their values as unsigned integers, and back (finite floats; -0 comes
+// just before +0).
+uint32_t orderedKey(float f) {
+  const auto u = std::bit_cast<uint32_t>(f);
+  return u >> 31 ? ~u : u | 0x80000000u;
+}
+float fromOrderedKey(uint32_t k) {
+  return std::bit_cast<float>(k >> 31 ? k & 0x7FFFFFFFu : ~k);
+}
+
+// The least float whose bin is above `bin`, given `below`, whose bin is not, and `above`, whose
+// bin is (both finite): a centre c has a bin of at most `bin` exactly when c < the result. A
+// bisection over the floats between: 32 steps at most.
+float binLimit(int bin, double lo, double scale, float below, float above) {
+  uint32_t low = orderedKey(below), high = orderedKey(above);  // bin(low) <= bin < bin(high)
+  while (high - low > 1) {
+    const uint32_t mid = low + (high - low) / 2;
+    if (binOf(fromOrderedKey(mid), lo, scale) <= bin) {
+      low = mid;
+    } else {
+      high = mid;
+    }
+  }
+  return fromOrderedKey(high);
+}
+
 int widestAxis(const float* plo, const float* phi) {
   int widest = 0;
   for (int a = 1; a < 3; ++a) {
@@ -557,26 +583,35 @@ uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uin
     }
   }
   if (bestBin < 0) return begin;
+  // An entry belongs left when its bin is at most bestBin, that is when its centre lies below
+  // the least float of a higher bin (binOf rises with the centre).
+  const float limit = binLimit(bestBin, lo, scale, box.plo[a], box.phi[a]);
   // The partition swaps from both ends (Hoare's scheme): the first entry from the left that
   // belongs right with the first from the right that belongs left. Each entry is tested once,
   // and goes into the bounds of its half then, so that the halves need no pass of their own.
-  const auto left = [&](const Entry& e) {
-    const float c = a == 0 ? e.x : (a == 1 ? e.y : e.z);
-    return binOf(c, lo, scale) <= bestBin;
-  };
   Entry* first = entries.data() + begin;
   Entry* last = entries.data() + end;
   BoundsGatherer lowBounds, highBounds;
-  for (;;) {
-    for (; first != last && left(*first); ++first) lowBounds.add(*first);
-    if (first == last) break;
-    highBounds.add(*first);
-    --last;
-    for (; first != last && !left(*last); --last) highBounds.add(*last);
-    if (first == last) break;
-    lowBounds.add(*last);
-    std::swap(*first, *last);
-    ++first;
+  const auto partition = [&](auto centre) {
+    const auto left = [&](const Entry& e) { return centre(e) < limit; };
+    for (;;) {
+      for (; first != last && left(*first); ++first) lowBounds.add(*first);
+      if (first == last) break;
+      highBounds.add(*first);
+      --last;
+      for (; first != last && !left(*last); --last) highBounds.add(*last);
+      if (first == last) break;
+      lowBounds.add(*last);
+      std::swap(*first, *last);
+      ++first;
+    }
+  };
+  if (a == 0) {
+    partition([](const Entry& e) { return e.x; });
+  } else if (a == 1) {
+    partition([](const Entry& e) { return e.y; });
+  } else {
+    partition([](const Entry& e) { return e.z; });
   }
   lowBounds.store(low);
   highBounds.store(high);
