@@ -101,12 +101,18 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
       tree.walk(std::span<const Vector>(points.data(), n - first), walks);
       if (guarded) map.multiReaderLock().readUnlock(threadIndex);
       walkedFrom = first;
+      for (size_t k = 0; k < SampleKdTree::TreeWalks::kSamplesAhead && first + k < n; ++k) {
+        walks.askSamples(k);
+      }
     };
     walkFrom(0);
     SampleKdTree::CellsAhead cells(tree, run);
     for (uint32_t i = 0; i < n; ++i) {
       if (walks.generation() != tree.generation()) walkFrom(i);
       const SampleKdTree::Probe* probe = cells.next(i);
+      if (i + SampleKdTree::TreeWalks::kSamplesAhead < n) {
+        walks.askSamples(i + SampleKdTree::TreeWalks::kSamplesAhead - walkedFrom);
+      }
 
       const IrradSample& sample = run[i];
       ShadeContext context = makeInsertionContext(sample, thread);

@@ -112,9 +112,15 @@ class LookupTask : public MergeTask {
       // cells a few samples ahead.
       for (uint32_t i = first; i < end; ++i) points[i - first] = batch_[i].position;
       tree.walk(std::span<const Vector>(points, end - first), walks);
+      for (uint32_t k = 0; k < SampleKdTree::TreeWalks::kSamplesAhead && first + k < end; ++k) {
+        walks.askSamples(k);
+      }
       SampleKdTree::CellsAhead cells(tree, {batch_.data() + first, end - first});
       for (uint32_t i = first; i < end; ++i) {
         const SampleKdTree::Probe* probe = cells.next(i - first);
+        if (i + SampleKdTree::TreeWalks::kSamplesAhead < end) {
+          walks.askSamples(i + SampleKdTree::TreeWalks::kSamplesAhead - first);
+        }
         const ShadeContext context = makeInsertionContext(batch_[i], thread);
         own.clear();
         collectCandidates(tree, context, settings_, walks.hitsOf(i - first), own, nullptr, probe);

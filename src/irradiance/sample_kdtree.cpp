@@ -145,11 +145,10 @@ void SampleKdTree::walk(std::span<const Vector> points, TreeWalks& out) const {
       if (!start(w)) std::swap(w, walkers[--live]);
     }
   }
-  // The pointers of the hits, and the requests for their samples.
+  // The pointers of the hits (their lines were asked for when found).
   out.hits_.resize(out.laneHits_.size());
   for (size_t h = 0; h < out.laneHits_.size(); ++h) {
     IrradSample* s = t.samples[out.laneHits_[h].lane];
-    prefetchLookedUp(s);
     out.hits_[h] = {s, out.laneHits_[h].d2};
   }
 }

@@ -37,6 +37,7 @@
 #endif
 
 #include "io/placement.h"
+#include "io/prefetch.h"
 #include "io/vector.h"
 #include "irradiance/insertion_grid.h"
 #include "irradiance/irrad_sample.h"
@@ -139,6 +140,19 @@ class SampleKdTree {
     // The hits of the k-th point, in the order forEachContaining() finds them.
     std::span<const TreeHit> hitsOf(size_t k) const {
       return {hits_.data() + begin_[k], count_[k]};
+    }
+    // Asks for the samples of the k-th point's hits, which its query reads. The queries of a
+    // run ask for them kSamplesAhead points before their turn: asked for all at once, when the
+    // walks end, most would wait for room among the requests in flight or be gone from the
+    // nearest cache by their turn.
+    static constexpr size_t kSamplesAhead = 4;
+    void askSamples(size_t k) const {
+      for (const TreeHit& h : hitsOf(k)) {
+        // The fields a lookup reads span two lines at most (prefetchLookedUp); the compiler may
+        // drop __builtin_prefetch from a loop that does nothing else.
+        prefetchLine(h.sample);
+        prefetchLine(reinterpret_cast<const char*>(h.sample) + 43);
+      }
     }
     // Valid while the tree's generation() is this one.
     uint64_t generation() const { return generation_; }
