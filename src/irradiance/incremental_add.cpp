@@ -101,9 +101,7 @@ void addIncrementallyInRuns(DefIrradianceMap& map, IrradianceMap& source, int32_
       tree.walk(std::span<const Vector>(points.data(), n - first), walks);
       if (guarded) map.multiReaderLock().readUnlock(threadIndex);
       walkedFrom = first;
-      for (size_t k = 0; k < SampleKdTree::TreeWalks::kSamplesAhead && first + k < n; ++k) {
-        walks.askSamples(k);
-      }
+      walks.askFirstSamples();
     };
     walkFrom(0);
     SampleKdTree::CellsAhead cells(tree, run);

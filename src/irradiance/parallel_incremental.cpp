@@ -112,9 +112,7 @@ class LookupTask : public MergeTask {
       // cells a few samples ahead.
       for (uint32_t i = first; i < end; ++i) points[i - first] = batch_[i].position;
       tree.walk(std::span<const Vector>(points, end - first), walks);
-      for (uint32_t k = 0; k < SampleKdTree::TreeWalks::kSamplesAhead && first + k < end; ++k) {
-        walks.askSamples(k);
-      }
+      walks.askFirstSamples();
       SampleKdTree::CellsAhead cells(tree, {batch_.data() + first, end - first});
       for (uint32_t i = first; i < end; ++i) {
         const SampleKdTree::Probe* probe = cells.next(i - first);

@@ -154,6 +154,10 @@ class SampleKdTree {
         prefetchLine(reinterpret_cast<const char*>(h.sample) + 43);
       }
     }
+    // askSamples() for the first points, whose turns come before any is asked for ahead.
+    void askFirstSamples() const {
+      for (size_t k = 0; k < kSamplesAhead && k < begin_.size(); ++k) askSamples(k);
+    }
     // Valid while the tree's generation() is this one.
     uint64_t generation() const { return generation_; }
 
