@@ -234,7 +234,7 @@ void InsertionGrid::addCells(std::span<PendingCell> cells) {
     const Shard& shard = shards_[shardOf(c.key)];
     c.slot = Shard::kNowhere;
     if (const Slot* slot = shard.find(c.key)) {
-      shard.prefetchEntries(*slot);
+      shard.prefetchAppend(*slot);
       c.slot = shard.indexOf(*slot);
     }
   }

@@ -353,12 +353,28 @@ class InsertionGrid {
     void prefetch(uint64_t key) const {
       if (!slots_.empty()) prefetchLine(slots_.data() + home(key));
     }
+    // Asks for the lines that append() writes: the next place in each field and in the samples.
+    void prefetchAppend(const Slot& slot) const {
+      const size_t c = capacity(slot.count);
+      const float* fields = fieldsAt(slot.begin);
+      for (size_t f = 0; f < 4; ++f) prefetchLine(fields + f * c + slot.count);
+      prefetchLine(samplesAt(slot.begin) + slot.count);
+    }
+    // Asks for the lines of a cell's entries that scanCell() reads: the used part of each field,
+    // in groups of four, and the samples.
     void prefetchEntries(const Slot& slot) const {
       const uint32_t c = capacity(slot.count);
       const char* fields = reinterpret_cast<const char*>(fieldsAt(slot.begin));
-      prefetchLine(fields);
-      prefetchLine(fields + 16 * c - 1);
-      prefetchLine(samplesAt(slot.begin));
+      const size_t used = 4 * ((static_cast<size_t>(slot.count) + 3) & ~size_t{3});
+      for (int f = 0; f < 4; ++f) {
+        const char* field = fields + f * 4 * static_cast<size_t>(c);
+        for (size_t b = 0; b < used; b += 64) prefetchLine(field + b);
+        prefetchLine(field + used - 1);
+      }
+      const char* samples = reinterpret_cast<const char*>(samplesAt(slot.begin));
+      const size_t pointers = sizeof(IrradSample*) * slot.count;
+      for (size_t b = 0; b < pointers; b += 64) prefetchLine(samples + b);
+      prefetchLine(samples + pointers - 1);
     }
     template <class F>
     void scanCell(const Slot& slot, const Vector& p, PendingHits<F>& hits) const {
