@@ -37,11 +37,11 @@
 #endif
 
 #include "io/placement.h"
-#include "io/prefetch.h"
 #include "io/vector.h"
 #include "irradiance/insertion_grid.h"
 #include "irradiance/irrad_sample.h"
 #include "irradiance/irradiance_map.h"
+#include "irradiance/sphere_hits.h"
 #include "threads/block_sequence.h"
 #include "threads/prefault.h"
 
@@ -147,12 +147,7 @@ class SampleKdTree {
     // nearest cache by their turn.
     static constexpr size_t kSamplesAhead = 4;
     void askSamples(size_t k) const {
-      for (const TreeHit& h : hitsOf(k)) {
-        // The fields a lookup reads span two lines at most (prefetchLookedUp); the compiler may
-        // drop __builtin_prefetch from a loop that does nothing else.
-        prefetchLine(h.sample);
-        prefetchLine(reinterpret_cast<const char*>(h.sample) + 43);
-      }
+      for (const TreeHit& h : hitsOf(k)) prefetchLookedUp(h.sample);
     }
     // askSamples() for the first points, whose turns come before any is asked for ahead.
     void askFirstSamples() const {

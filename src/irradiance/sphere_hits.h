@@ -10,16 +10,17 @@
 #include <emmintrin.h>
 #endif
 
+#include "io/prefetch.h"
 #include "io/vector.h"
 #include "irradiance/irrad_sample.h"
 
 namespace LUtils {
 
 // Asks for the fields of a sample that a lookup reads: they lie in its first 44 bytes, which may
-// span two cache lines.
+// span two cache lines. Always issued (prefetchLine), also from a loop that does nothing else.
 inline void prefetchLookedUp(const IrradSample* s) {
-  __builtin_prefetch(s);
-  __builtin_prefetch(reinterpret_cast<const char*>(s) + 43);
+  prefetchLine(s);
+  prefetchLine(reinterpret_cast<const char*>(s) + 43);
 }
 
 // Spheres found to contain a query point by their bounds, waiting for their samples' own test
