@@ -476,7 +476,10 @@ class DeferredIndexer : public SampleIndexer {
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();
+      const auto start = std::chrono::steady_clock::now();
       tree.fold();
+      stats_.foldSeconds +=
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       folded = true;
     }
   }

@@ -83,6 +83,9 @@ struct ParallelAddStats {
   // against the commit that they overlapped.
   double listSeconds = 0.0;
   double listCpuSeconds = 0.0;  // CPU time of the listing and checks, every worker's summed
+  // Wall time of folding the index into a new tree, part of the commits': the workers wait
+  // meanwhile, and the build takes as many threads as the merge.
+  double foldSeconds = 0.0;
 };
 
 namespace parallel_incremental {
