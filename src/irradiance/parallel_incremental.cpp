@@ -32,6 +32,12 @@ namespace {
 
 constexpr int kFlags = kLookupColourUnused;
 
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point from) {
+  return std::chrono::duration<double>(Clock::now() - from).count();
+}
+
 double threadCpuSeconds() {
   timespec t{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
@@ -476,10 +482,9 @@ class DeferredIndexer : public SampleIndexer {
     if (tree.wantsFold()) {
       if (beforeFold_) beforeFold_();
       listPending();
-      const auto start = std::chrono::steady_clock::now();
+      const Clock::time_point start = Clock::now();
       tree.fold();
-      stats_.foldSeconds +=
-          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      stats_.foldSeconds += secondsSince(start);
       folded = true;
     }
   }
@@ -495,7 +500,6 @@ class DeferredIndexer : public SampleIndexer {
       callerShareCpu += callerCpu;
       return;
     }
-    using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     ListTask task(map_.kdTree(), pending);
     if (alongside) {
@@ -504,7 +508,7 @@ class DeferredIndexer : public SampleIndexer {
     } else {
       crew_.run(task, callerCpu);
     }
-    stats_.listSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    stats_.listSeconds += secondsSince(start);
     stats_.listCpuSeconds += task.cpuSeconds;
     callerShareCpu += callerCpu;
     pending.clear();
@@ -567,9 +571,6 @@ class ParallelMerge {
   void startLookups(Batch& b);
   void finishLookups(Batch& b);
   uint32_t commit(Batch& b);
-  static double seconds(std::chrono::steady_clock::time_point from) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
-  }
 
   DefIrradianceMap& map_;
   IrradianceMap& source_;
@@ -593,7 +594,7 @@ class ParallelMerge {
 };
 
 bool ParallelMerge::read(Batch& b, uint32_t first) {
-  const auto start = std::chrono::steady_clock::now();
+  const Clock::time_point start = Clock::now();
   const uint32_t want = std::min(size_, total_ - first);
   b.samples.clear();
   b.samples.reserve(want);
@@ -602,7 +603,7 @@ bool ParallelMerge::read(Batch& b, uint32_t first) {
   b.first = first;
   b.unread = {};
   b.overlapped = b.inFlight = b.stale = false;
-  stats_.commitSeconds += seconds(start);
+  stats_.commitSeconds += secondsSince(start);
   return !b.samples.empty();  // empty: the source shrank under us
 }
 
@@ -630,17 +631,17 @@ void ParallelMerge::startLookups(Batch& b) {
 }
 
 void ParallelMerge::finishLookups(Batch& b) {
-  const auto start = std::chrono::steady_clock::now();
+  const Clock::time_point start = Clock::now();
   crew_.finish(*b.lookups, callerShareCpu_);
   b.inFlight = false;
-  stats_.lookupSeconds += seconds(start);
+  stats_.lookupSeconds += secondsSince(start);
   stats_.lookupCpuSeconds += b.lookups->cpuSeconds;
 }
 
 // Commits a batch in source order; returns how many of its samples were stored.
 uint32_t ParallelMerge::commit(Batch& b) {
   constexpr uint32_t kDecidedAhead = 8;
-  const auto start = std::chrono::steady_clock::now();
+  const Clock::time_point start = Clock::now();
   changes_.clear();
   indexer_.folded = false;
   uint32_t kept = 0;
@@ -699,7 +700,7 @@ uint32_t ParallelMerge::commit(Batch& b) {
     }
     if (progress_) progress_->setProgress(static_cast<int32_t>(b.first + i + 1));
   }
-  stats_.commitSeconds += seconds(start);
+  stats_.commitSeconds += secondsSince(start);
   return kept;
 }
 
