@@ -157,7 +157,9 @@ class LookupTask : public MergeTask {
       readDone_.notify_all();
       return;
     }
-    while (!readDone_.load(std::memory_order_acquire)) readDone_.wait(false, std::memory_order_acquire);
+    while (!readDone_.load(std::memory_order_acquire)) {
+      readDone_.wait(false, std::memory_order_acquire);
+    }
   }
 
   static constexpr uint32_t kChunk = 64;
@@ -751,7 +753,8 @@ ParallelAddStats ParallelMerge::run() {
       stats_.offered += n;
       stats_.kept += kept;
       // About kTargetKeptPerThread kept samples per thread in the batch read next.
-      const uint64_t sized = uint64_t{n} * kTargetKeptPerThread * workers / std::max<uint32_t>(kept, 1);
+      const uint64_t sized =
+          uint64_t{n} * kTargetKeptPerThread * workers / std::max<uint32_t>(kept, 1);
       size_ = static_cast<uint32_t>(std::clamp<uint64_t>(sized, uint64_t{workers} * kMinPerThread,
                                                          uint64_t{workers} * kMaxPerThread));
       if (!haveNext) break;
