@@ -11,8 +11,9 @@
 // thread and the workers) and of the commits (the calling thread alone, while the workers look up
 // the next batch), the bound on one / two those give on two idle cores, the wall time of each
 // step and, of the commits', the folds of the index into a new tree (the workers wait meanwhile,
-// and the build runs on two threads, about 1.6 times as fast as on one), and whether the two
-// maps are the same byte for byte.
+// and the build runs on two threads, about 1.6 times as fast as on one), how long the calling
+// thread waited for the workers to finish their parts of the jobs, and whether the two maps are
+// the same byte for byte.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -147,7 +148,8 @@ int main(int argc, char** argv) {
                 "kept %zu; %llu batches of %.0f, %.1f looked up again per batch; median round: "
                 "CPU: lookups %.3f s, listing %.3f s, commits %.3f s, one thread %.3f s (one / two "
                 "on two idle cores at most %.2f); wall: commits %.3f s, lookups after them "
-                "%.3f s, listing %.3f s, of the commits folding the index %.3f s; maps %s\n",
+                "%.3f s, listing %.3f s, of the commits folding the index %.3f s, the calling "
+                "thread waiting for the workers to finish their parts %.3f s; maps %s\n",
                 c.name, median(ratios), order.front()->ratio(), order.back()->ratio(),
                 c.done.size(), median(references), c.kept[1],
                 static_cast<unsigned long long>(st.batches),
@@ -158,7 +160,7 @@ int main(int argc, char** argv) {
                                      (st.commitCpuSeconds + st.lookupCpuSeconds +
                                       st.listCpuSeconds) / 2),
                 st.commitSeconds, st.lookupSeconds, st.listSeconds, st.foldSeconds,
-                c.same && c.kept[0] == c.kept[1] ? "identical" : "DIFFERENT");
+                st.waitSeconds, c.same && c.kept[0] == c.kept[1] ? "identical" : "DIFFERENT");
   }
   benchmark::Shutdown();
   return 0;

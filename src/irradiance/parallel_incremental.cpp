@@ -76,8 +76,15 @@ struct PendingRead {
   uint32_t first = 0, want = 0;
 };
 
-// A worker's buffers for its lookups, kept from batch to batch.
-struct LookupScratch {
+// A worker's candidate samples for the commit: the pool grows at every lookup, so each sits on
+// cache lines of its own, where pools side by side would pass their line from core to core.
+struct alignas(64) CandidatePool {
+  std::vector<IrradSample*> samples;
+};
+
+// A worker's buffers for its lookups, kept from batch to batch, on lines of their own as the
+// pools are.
+struct alignas(64) LookupScratch {
   std::vector<LookupCandidate> candidates;
   SampleKdTree::TreeWalks walks;
 };
@@ -87,7 +94,7 @@ struct LookupScratch {
 class LookupTask : public MergeTask {
  public:
   LookupTask(DefIrradianceMap& map, std::vector<IrradSample>& batch, PendingRead read,
-             Decided* decided, std::vector<std::vector<IrradSample*>>& pools,
+             Decided* decided, std::vector<CandidatePool>& pools,
              std::vector<LookupScratch>& scratch)
       : map_(map), batch_(batch), read_(read), decided_(decided), pools_(pools),
         scratch_(scratch), settings_(LookupSettings::fromHeader(*map.header())) {}
@@ -96,7 +103,7 @@ class LookupTask : public MergeTask {
     if (read_.source) readFirst();
     const auto worker = static_cast<uint32_t>(index);
     if (worker >= pools_.size()) return;  // more threads than asked for: the others do it
-    std::vector<IrradSample*>& pool = pools_[worker];
+    std::vector<IrradSample*>& pool = pools_[worker].samples;
     std::vector<LookupCandidate>& own = scratch_[worker].candidates;
     ThreadData thread;
     thread.threadIndex = worker;
@@ -169,7 +176,7 @@ class LookupTask : public MergeTask {
   std::atomic<bool> readTaken_{false};
   std::atomic<bool> readDone_{false};
   Decided* decided_;
-  std::vector<std::vector<IrradSample*>>& pools_;
+  std::vector<CandidatePool>& pools_;
   std::vector<LookupScratch>& scratch_;
   const LookupSettings settings_;
   std::atomic<uint32_t> next_{0};
@@ -271,7 +278,7 @@ struct CommitChanges {
 class CheckTask : public MergeTask {
  public:
   CheckTask(const std::vector<IrradSample>& batch, Decided* decided,
-            const std::vector<std::vector<IrradSample*>>& pools, const CommitChanges& changes)
+            const std::vector<CandidatePool>& pools, const CommitChanges& changes)
       : batch_(batch), decided_(decided), pools_(pools), changes_(changes) {}
 
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t, int32_t) override {
@@ -286,7 +293,7 @@ class CheckTask : public MergeTask {
         if (!d.ready.load(std::memory_order_acquire)) continue;
         d.changedBefore = changes_.changedFor(
             batch_[i].position,
-            std::span<IrradSample* const>(pools_[d.worker]).subspan(d.begin, d.count));
+            std::span<IrradSample* const>(pools_[d.worker].samples).subspan(d.begin, d.count));
       }
     }
     addCpu(threadCpuSeconds() - cpuStart);
@@ -296,7 +303,7 @@ class CheckTask : public MergeTask {
   static constexpr uint32_t kChunk = 256;
   const std::vector<IrradSample>& batch_;
   Decided* decided_;
-  const std::vector<std::vector<IrradSample*>>& pools_;
+  const std::vector<CandidatePool>& pools_;
   const CommitChanges& changes_;
   std::atomic<uint32_t> next_{0};
 };
@@ -320,8 +327,10 @@ class BothTasks : public MultiThreaded {
 // stay with the merge from its start to its end (each handed over once, by runAsync) and take
 // its jobs with the calling thread. start() hands a job to the helpers (indexes 1 and up) and
 // returns at once, so that the calling thread can commit meanwhile; finish() runs the calling
-// thread's share (index 0) and waits until every helper is done with the job. Helpers that
-// cannot be started leave their share to the others: with none, finish() does the whole job.
+// thread's share (index 0), closes the job and waits for the helpers that joined it. A helper
+// joins a job only while it is open, so one that comes late (its core busy with another
+// program) leaves the job to the others instead of holding them up: every job hands its work
+// out in parts that any thread may take, and with no helper at all finish() does the whole job.
 // A merge hands over a few jobs per batch, every millisecond or so: both sides wait for the
 // other by spinning a little before they sleep, since a sleeping thread takes tens of
 // microseconds to wake.
@@ -354,11 +363,16 @@ class MergeCrew {
 
   uint32_t size() const { return static_cast<uint32_t>(helpers_.size()) + 1; }
 
+  // Wall time the calling thread waited in finish() for helpers to finish their parts.
+  double waitSeconds = 0.0;
+
   void start(MultiThreaded& task) {
     if (helpers_.empty()) return;
     task_ = &task;
-    busy_.store(static_cast<uint32_t>(helpers_.size()), std::memory_order_relaxed);
-    generation_.fetch_add(1, std::memory_order_release);
+    done_.store(0, std::memory_order_relaxed);
+    const uint64_t job = generation_.load(std::memory_order_relaxed) + 1;
+    joins_.store(job << 32, std::memory_order_release);
+    generation_.store(job, std::memory_order_release);
     generation_.notify_all();
   }
   // The calling thread's CPU time in its shares is added to `callerCpu`.
@@ -368,10 +382,16 @@ class MergeCrew {
     task.run(&task.result, &progress, 0, static_cast<int32_t>(size()));
     callerCpu += threadCpuSeconds() - cpuStart;
     if (helpers_.empty()) return;
-    for (uint32_t busy = spinWhile(busy_, [](uint32_t b) { return b != 0; }); busy != 0;
-         busy = busy_.load(std::memory_order_acquire)) {
-      busy_.wait(busy, std::memory_order_acquire);
+    // No helper joins from now on; those that did finish their part.
+    const auto joined = static_cast<uint32_t>(
+        joins_.fetch_or(kClosed, std::memory_order_acq_rel) & kJoinedMask);
+    if (done_.load(std::memory_order_acquire) == joined) return;
+    const Clock::time_point waitStart = Clock::now();
+    for (uint32_t done = spinWhile(done_, [joined](uint32_t d) { return d != joined; });
+         done != joined; done = done_.load(std::memory_order_acquire)) {
+      done_.wait(done, std::memory_order_acquire);
     }
+    waitSeconds += secondsSince(waitStart);
   }
   void run(MultiThreaded& task, double& callerCpu) {
     start(task);
@@ -405,8 +425,17 @@ class MergeCrew {
     return now;
   }
 
-  // A helper's life: every job from the first start() after it began to the end of the merge.
-  // A job is started only once every helper has finished the one before, so none is missed.
+  // Joins the job `job` while it is still open; false when it was closed or a later one began.
+  bool join(uint64_t job) {
+    uint64_t word = joins_.load(std::memory_order_acquire);
+    while ((word >> 32) == (job & 0xFFFFFFFFu) && !(word & kClosed)) {
+      if (joins_.compare_exchange_weak(word, word + 1, std::memory_order_acq_rel)) return true;
+    }
+    return false;
+  }
+
+  // A helper's life: the jobs from the first start() after it began to the end of the merge,
+  // each that it finds still open.
   void serve(uint32_t index) {
     uint64_t seen = 0;
     for (;;) {
@@ -417,21 +446,29 @@ class MergeCrew {
       }
       seen = now;
       if (stop_.load(std::memory_order_relaxed)) break;
+      if (!join(now)) continue;  // done without this helper
+      // The job stays open, and its task_ with it, until this helper is done.
       MultiThreaded* task = task_;
       std::atomic<int32_t> progress{0};
       task->run(&task->result, &progress, static_cast<int32_t>(index),
                 static_cast<int32_t>(size()));
-      if (busy_.fetch_sub(1, std::memory_order_acq_rel) == 1) busy_.notify_all();
+      done_.fetch_add(1, std::memory_order_acq_rel);
+      done_.notify_all();
     }
     std::lock_guard<std::mutex> guard(exitLock_);
     if (--running_ == 0) gone_.notify_all();  // under the lock: the crew may go at once after
   }
 
   static constexpr int kSpins = 500;  // pauses: a few to some tens of microseconds
+  // joins_: the job's number in the upper half, kClosed once finish() closed it, and below
+  // that how many helpers joined it.
+  static constexpr uint64_t kClosed = uint64_t{1} << 31;
+  static constexpr uint64_t kJoinedMask = kClosed - 1;
   std::vector<std::unique_ptr<Helper>> helpers_;
-  MultiThreaded* task_ = nullptr;  // written before generation_ moves on, read after
-  std::atomic<uint64_t> generation_{0};
-  std::atomic<uint32_t> busy_{0};  // helpers not yet done with the current job
+  MultiThreaded* task_ = nullptr;  // written before the job opens, read by the helpers joining
+  std::atomic<uint64_t> generation_{0};  // the number of the job last started
+  std::atomic<uint64_t> joins_{0};
+  std::atomic<uint32_t> done_{0};  // helpers done with the current job
   std::atomic<bool> stop_{false};
   std::mutex exitLock_;
   std::condition_variable gone_;
@@ -439,7 +476,9 @@ class MergeCrew {
 };
 
 // Lists a batch's begun entries in the map's grid on several threads, a shard at a time: each
-// shard gets its cells in the order begun, whichever thread takes it.
+// shard gets its cells in the order begun, whichever thread takes it. Each thread takes its own
+// shards first (the same ones batch after batch, whose tables stay in its cache), then any that
+// no thread has taken yet.
 class ListTask : public MergeTask {
  public:
   ListTask(SampleKdTree& tree, const InsertionGrid::CellBatch& batch)
@@ -447,16 +486,21 @@ class ListTask : public MergeTask {
 
   void run(std::atomic<int32_t>*, std::atomic<int32_t>*, int32_t index, int32_t count) override {
     const double cpuStart = threadCpuSeconds();
-    uint32_t shards = 0;
-    for (int s = index; s < InsertionGrid::kShards; s += count) shards |= 1u << s;
-    tree_.listEntries(batch_, shards);
+    for (int s = index; s < InsertionGrid::kShards; s += count) listShard(s);
+    for (int s = 0; s < InsertionGrid::kShards; ++s) listShard(s);
     addCpu(threadCpuSeconds() - cpuStart);
   }
 
  private:
+  void listShard(int s) {
+    const uint32_t bit = 1u << s;
+    if (taken_.fetch_or(bit, std::memory_order_relaxed) & bit) return;
+    tree_.listEntries(batch_, bit);
+  }
+
   SampleKdTree& tree_;
   const InsertionGrid::CellBatch& batch_;
-  std::atomic<uint32_t> next_{0};
+  std::atomic<uint32_t> taken_{0};  // bit s: shard s is taken
 };
 
 // Indexes the samples that a batch's commit stores: begun in the map's index at once, kept in
@@ -533,7 +577,7 @@ struct Batch {
   std::unique_ptr<Decided[]> decided;
   uint32_t capacity = 0;
   // The samples of the candidates, one pool per worker: all that the commit reads of them.
-  std::vector<std::vector<IrradSample*>> pools;
+  std::vector<CandidatePool> pools;
   std::unique_ptr<LookupTask> lookups;
   uint32_t first = 0;        // the source index of its first sample
   PendingRead unread;        // what its first lookups read before they start, if anything
@@ -623,7 +667,7 @@ void ParallelMerge::startLookups(Batch& b) {
     b.capacity = n;
   }
   for (uint32_t i = 0; i < n; ++i) b.decided[i].ready.store(false, std::memory_order_relaxed);
-  for (auto& pool : b.pools) pool.clear();
+  for (CandidatePool& pool : b.pools) pool.samples.clear();
   b.lookups = std::make_unique<LookupTask>(map_, b.samples, b.unread, b.decided.get(), b.pools,
                                            lookupScratch_);
   b.unread = {};  // read once, by these lookups
@@ -659,7 +703,8 @@ uint32_t ParallelMerge::commit(Batch& b) {
     bool same = d.ready.load(std::memory_order_acquire) && !indexer_.folded;
     std::span<IrradSample* const> candidates;
     if (same) {
-      candidates = std::span<IrradSample* const>(b.pools[d.worker]).subspan(d.begin, d.count);
+      candidates =
+          std::span<IrradSample* const>(b.pools[d.worker].samples).subspan(d.begin, d.count);
       if (b.overlapped && d.changedBefore) same = false;
       if (same && !changes_.empty()) same = !changes_.changedFor(sample.position, candidates);
     }
@@ -767,6 +812,7 @@ ParallelAddStats ParallelMerge::run() {
       std::swap(current, next);
     }
   }
+  stats_.waitSeconds = crew_.waitSeconds;
   stats_.commitCpuSeconds =
       threadCpuSeconds() - callerCpuStart - callerShareCpu_ - indexer_.callerShareCpu;
   return stats_;

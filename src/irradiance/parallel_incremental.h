@@ -25,36 +25,38 @@
 // are those of the one-thread merge: the map comes out the same, byte for byte. A multi-threaded
 // map (one that the viewer draws meanwhile) is looked up and committed in turns, never at once.
 //
-// The commit stores a kept sample and begins it in the index (counted, placed on its level),
-// but leaves its listing in the index's grid cells, the costly part, to the end of the batch.
-// The commit finds each sample's cells as it begins it, dealt to the grid's shards in source
-// order; then the workers and the calling thread list them, each thread the cells of its own
-// shards (the same shards batch after batch, whose tables stay in its cache), so that each cell
-// lists its samples in the order the one-thread merge inserts them, whatever the number of
-// threads; and they check the next batch's lookups against what the commit stored and lowered.
-// Both checks first ask a filter of the cells that the stored samples and the lowered radii (as
-// they were before the lowering) cover: most points lie in none, and only the others compare
-// their candidates and search the stored samples. Until the listing the batch of cells that the
-// commit fills indexes the stored samples itself, by cell: it answers the "reaches its point"
-// check, and a lookup made again at commit searches its cell after the map's on every level,
-// which finds the samples in the order the one-thread merge's grid would list them. When the
-// index folds its grid into a new tree (where the one-thread merge would: right after the
-// insertion that fills it), the samples begun so far are listed first.
+// The commit stores a kept sample and begins it in the index (counted, placed on its level), but
+// leaves its listing in the index's grid cells, the costly part, to the end of the batch. The
+// commit finds each sample's cells as it begins it, dealt to the grid's shards in source order;
+// then the workers and the calling thread list them, a shard at a time, each thread its own shards
+// first (the same shards batch after batch, whose tables stay in its cache), so that each cell
+// lists its samples in the order the one-thread merge inserts them, whatever the number of threads;
+// and they check the next batch's lookups against what the commit stored and lowered. Both checks
+// first ask a filter of the cells that the stored samples and the lowered radii (as they were
+// before the lowering) cover: most points lie in none, and only the others compare their candidates
+// and search the stored samples. Until the listing the batch of cells that the commit fills indexes
+// the stored samples itself, by cell: it answers the "reaches its point" check, and a lookup made
+// again at commit searches its cell after the map's on every level, which finds the samples in the
+// order the one-thread merge's grid would list them. When the index folds its grid into a new tree
+// (where the one-thread merge would: right after the insertion that fills it), the samples begun so
+// far are listed first.
 //
 // Where the lookups of the next batch overlap the commit, they read that batch from the source
 // too (the first thread to take them; the others wait for it), so that the calling thread only
 // commits.
 //
 // The workers are the calling thread and threadCount - 1 workers of the thread manager, taken for
-// the whole merge. What stays on the calling thread alone is the storing of the kept samples and
-// the checks above, so the gain shrinks as the share of kept samples grows. A batch that keeps
-// much of what it is offered has more of its later samples reached by earlier ones, and each of
-// those is looked up twice; so the batches are sized from how many samples the last one kept:
-// about kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread
-// samples per thread. (Frames of the synthesised room look up again 20 to 75 samples in batches
-// of 5,000 to 13,000.) The candidates of the two batches in hand are kept as their samples alone,
-// 8 bytes each, and the pending grid entries take 24 bytes per kept sample: a few MB per thread
-// at most.
+// the whole merge. Every job (the lookups, the listing, the checks) is handed out in parts that any
+// of them may take, and the calling thread waits only for workers that began one: a worker that
+// comes late, its core busy with another program, leaves its share to the others instead of holding
+// the merge up. What stays on the calling thread alone is the storing of the kept samples and the
+// checks above, so the gain shrinks as the share of kept samples grows. A batch that keeps much of
+// what it is offered has more of its later samples reached by earlier ones, and each of those is
+// looked up twice; so the batches are sized from how many samples the last one kept: about
+// kTargetKeptPerThread kept samples per thread, between kMinPerThread and kMaxPerThread samples per
+// thread. (Frames of the synthesised room look up again 20 to 75 samples in batches of 5,000 to
+// 13,000.) The candidates of the two batches in hand are kept as their samples alone, 8 bytes each,
+// and the pending grid entries take 24 bytes per kept sample: a few MB per thread at most.
 #pragma once
 
 #include <cstdint>
@@ -72,7 +74,8 @@ struct ParallelAddStats {
   uint64_t offered = 0;
   uint64_t kept = 0;
   uint64_t redone = 0;  // samples looked up again at commit
-  uint64_t relookedBatches = 0;  // batches looked up again whole, after a fold during the commit before
+  // Batches looked up again whole, after a fold during the commit before.
+  uint64_t relookedBatches = 0;
   double lookupSeconds = 0.0;  // wall time of the parallel lookups not overlapped by a commit
   // Wall time of the commits, reading the source included where the commit reads it (the
   // lookups of a batch that overlap the commit before read it themselves).
@@ -86,6 +89,9 @@ struct ParallelAddStats {
   // Wall time of folding the index into a new tree, part of the commits': the workers wait
   // meanwhile, and the build takes as many threads as the merge.
   double foldSeconds = 0.0;
+  // Wall time the calling thread waited for workers to finish their parts of the lookups, the
+  // listing and the checks, once its own were done.
+  double waitSeconds = 0.0;
 };
 
 namespace parallel_incremental {

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <string>
 #include <thread>
@@ -34,6 +35,7 @@ class RecordingProgress final : public ProgressCallback {
   void setProgress(int32_t done) override {
     if (done != last + 1) note(" jump to ", done);
     last = done;
+    if (onProgress) onProgress(done);
   }
   int32_t getProgress() override { return last; }
   void setTitle(const char*) override {}
@@ -46,6 +48,7 @@ class RecordingProgress final : public ProgressCallback {
   }
   std::string log;
   int32_t last = -1;
+  std::function<void(int32_t)> onProgress;
 };
 
 struct Merged {
@@ -74,6 +77,7 @@ class ParallelIncrementalMerge : public testing::ScratchDirTest {
     map.prepare(0);
     map.setMergeThreads(manager ? manager : &manager_, std::max(threads, 1));
     RecordingProgress progress;
+    progress.onProgress = onProgress_;
     if (threads > 0) {
       map.addSamples(offered, &progress, 1);
     } else if (!source.empty()) {
@@ -122,6 +126,7 @@ class ParallelIncrementalMerge : public testing::ScratchDirTest {
 
   DefThreadManager manager_;
   size_t foldMinimum_ = 0;  // 0: the index's own
+  std::function<void(int32_t)> onProgress_;  // hears the merges' progress
 };
 
 TEST_F(ParallelIncrementalMerge, FrameIntoEmptyMapAndIntoItself) {
@@ -255,12 +260,55 @@ class NoWorkers final : public ThreadManager {
   void setThreadCount(int32_t) override {}
 };
 
-TEST_F(ParallelIncrementalMerge, WorkersThatCannotStartLeaveTheResultAlone) {
+// A manager whose workers start only once they are let go, as on a machine whose cores are
+// busy with other programs.
+class LateWorkers final : public ThreadManager {
+ public:
+  ~LateWorkers() override {
+    letGo();
+    for (std::thread& t : threads_) t.join();
+  }
+  void letGo() {
+    go_.store(true);
+    go_.notify_all();
+  }
+  void terminateThreads(bool) override {}
+  int32_t run(int32_t, MultiThreaded*, ProgressCallback*, bool) override { return -1; }
+  void setLowPriority(bool) override {}
+  int32_t runAsync(AsyncTask* object, uint64_t argument) override {
+    threads_.emplace_back([this, object, argument] {
+      go_.wait(false);
+      object->run(argument);
+    });
+    return 0;
+  }
+  void setStackSize(uint32_t) override {}
+  uint32_t currentThreadIndex() override { return 0xFFFFFFFFu; }
+  int32_t threadCount() override { return 4; }
+  void setThreadCount(int32_t) override {}
+
+ private:
+  std::atomic<bool> go_{false};
+  std::vector<std::thread> threads_;
+};
+
+// Workers that cannot be started, and workers that come only once every sample was committed,
+// leave the whole merge to the calling thread, which neither waits for them nor changes the map.
+TEST_F(ParallelIncrementalMerge, WorkersThatCannotStartOrComeLateLeaveTheResultAlone) {
   const std::vector<IrradSample> first = frame(0, 3000, 11), second = frame(1, 3000, 12);
+  const Merged one = merge(first, second, 1);
   NoWorkers none;
   const Merged alone = merge(first, second, 4, DefIrradianceMap::kSamplesPerBlock, &none);
   EXPECT_EQ(alone.stats.offered, second.size());
-  EXPECT_TRUE(alone.bytes == merge(first, second, 1).bytes);
+  EXPECT_TRUE(alone.bytes == one.bytes);
+
+  LateWorkers late;
+  onProgress_ = [&](int32_t done) {
+    if (done == static_cast<int32_t>(second.size())) late.letGo();
+  };
+  const Merged waited = merge(first, second, 4, DefIrradianceMap::kSamplesPerBlock, &late);
+  EXPECT_EQ(waited.stats.offered, second.size());
+  EXPECT_TRUE(waited.bytes == one.bytes);
 }
 
 TEST_F(ParallelIncrementalMerge, EmptyAndSingleSampleSources) {
