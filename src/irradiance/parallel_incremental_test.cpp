@@ -242,29 +242,13 @@ TEST_F(ParallelIncrementalMerge, OneThreadStartsNoThreadWhereTheIndexFolds) {
   EXPECT_TRUE(one.bytes == merge({}, offered, 2).bytes);
 }
 
-// A manager that can start no worker thread runs every task on the calling thread alone, as
-// the thread manager does when the system refuses threads.
-class NoWorkers final : public ThreadManager {
+// A manager that runs every task on the calling thread alone, and whose workers either cannot
+// be started at all, as when the system refuses threads, or start only once they are let go, as
+// on a machine whose cores are busy with other programs.
+class WithheldWorkers final : public ThreadManager {
  public:
-  void terminateThreads(bool) override {}
-  int32_t run(int32_t, MultiThreaded* task, ProgressCallback*, bool) override {
-    std::atomic<int32_t> progress{0};
-    task->run(&task->result, &progress, 0, 1);
-    return task->result.load();
-  }
-  void setLowPriority(bool) override {}
-  int32_t runAsync(AsyncTask*, uint64_t) override { return -1; }
-  void setStackSize(uint32_t) override {}
-  uint32_t currentThreadIndex() override { return 0xFFFFFFFFu; }
-  int32_t threadCount() override { return 4; }
-  void setThreadCount(int32_t) override {}
-};
-
-// A manager whose workers start only once they are let go, as on a machine whose cores are
-// busy with other programs.
-class LateWorkers final : public ThreadManager {
- public:
-  ~LateWorkers() override {
+  explicit WithheldWorkers(bool refused) : refused_(refused) {}
+  ~WithheldWorkers() override {
     letGo();
     for (std::thread& t : threads_) t.join();
   }
@@ -273,9 +257,14 @@ class LateWorkers final : public ThreadManager {
     go_.notify_all();
   }
   void terminateThreads(bool) override {}
-  int32_t run(int32_t, MultiThreaded*, ProgressCallback*, bool) override { return -1; }
+  int32_t run(int32_t, MultiThreaded* task, ProgressCallback*, bool) override {
+    std::atomic<int32_t> progress{0};
+    task->run(&task->result, &progress, 0, 1);
+    return task->result.load();
+  }
   void setLowPriority(bool) override {}
   int32_t runAsync(AsyncTask* object, uint64_t argument) override {
+    if (refused_) return -1;
     threads_.emplace_back([this, object, argument] {
       go_.wait(false);
       object->run(argument);
@@ -288,6 +277,7 @@ class LateWorkers final : public ThreadManager {
   void setThreadCount(int32_t) override {}
 
  private:
+  const bool refused_;
   std::atomic<bool> go_{false};
   std::vector<std::thread> threads_;
 };
@@ -297,12 +287,12 @@ class LateWorkers final : public ThreadManager {
 TEST_F(ParallelIncrementalMerge, WorkersThatCannotStartOrComeLateLeaveTheResultAlone) {
   const std::vector<IrradSample> first = frame(0, 3000, 11), second = frame(1, 3000, 12);
   const Merged one = merge(first, second, 1);
-  NoWorkers none;
+  WithheldWorkers none(true);
   const Merged alone = merge(first, second, 4, DefIrradianceMap::kSamplesPerBlock, &none);
   EXPECT_EQ(alone.stats.offered, second.size());
   EXPECT_TRUE(alone.bytes == one.bytes);
 
-  LateWorkers late;
+  WithheldWorkers late(false);
   onProgress_ = [&](int32_t done) {
     if (done == static_cast<int32_t>(second.size())) late.letGo();
   };
