@@ -74,7 +74,7 @@ struct Case {
 };
 Case gCases[3] = {{"1M into 1M, same camera", 0, 1, 5},
                   {"1M into 1M, second camera", 0, 2, 5},
-                  {"3M into an empty map", -1, 3, 3}};
+                  {"3M into an empty map", -1, 3, 5}};
 
 // Our merge on one core, into a freshly prepared map; the preparation is not timed.
 benchmaps::Times oursOnce(const Case& c, DefIrradianceMap& source, size_t& kept) {

@@ -60,7 +60,7 @@ struct Case {
 };
 Case gCases[3] = {{"1M into 1M, same camera", 0, 1, 5},
                   {"1M into 1M, second camera", 0, 2, 5},
-                  {"3M into an empty map", -1, 3, 3}};
+                  {"3M into an empty map", -1, 3, 5}};
 
 // One merge of the case's source into its base on `threads` threads; its samples go to `out`.
 benchmaps::Times mergeOnce(Case& c, const DefIrradianceMap& source, int threads,
