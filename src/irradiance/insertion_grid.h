@@ -349,7 +349,11 @@ class InsertionGrid {
         append(findOrAdd(key), s);
       }
     }
-    // Asks for the slot where a search for the key starts.
+    // Asks for the slot where a search for the key starts. A bit filter in front of the table,
+    // a thirty-second of its size, which answers for most cells that hold nothing without a read
+    // of the table, was measured and not kept: 2% faster where four in five cells searched were
+    // empty (a frame offered to one from the same camera), 2% slower where two in three were (a
+    // second camera).
     void prefetch(uint64_t key) const {
       if (!slots_.empty()) prefetchLine(slots_.data() + home(key));
     }

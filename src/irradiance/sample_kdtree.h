@@ -174,7 +174,11 @@ class SampleKdTree {
     std::vector<LaneHit> laneHits_;            // every point's, in the order of hits_
   };
   // Walks the static tree for every point, several walks at a time in turns, so that each
-  // walk's wait for its next node overlaps with the others' work.
+  // walk's wait for its next node overlaps with the others' work. Two ways to touch fewer lines
+  // were measured on a 1M-sample frame and not kept: walking 65,536 points sorted along a
+  // space-filling curve, so that neighbouring walks share their nodes and leaves (220 ns a walk
+  // against 230 in source order, and the sort cost 60 more), and nodes of four children, half
+  // the lines a node for a third more levels (as fast as eight).
   void walk(std::span<const Vector> points, TreeWalks& out) const;
   // Changes whenever the static tree does (a rebuild, a fold, clear()).
   uint64_t generation() const { return generation_; }
