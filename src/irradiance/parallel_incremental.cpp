@@ -466,7 +466,10 @@ class MergeCrew {
   static constexpr uint64_t kJoinedMask = kClosed - 1;
   std::vector<std::unique_ptr<Helper>> helpers_;
   MultiThreaded* task_ = nullptr;  // written before the job opens, read by the helpers joining
-  std::atomic<uint64_t> generation_{0};  // the number of the job last started
+  // The number of the job last started: the word the helpers wait on, which changes only when a
+  // job starts. joins_ carries the same number but changes at every join and close, so a helper
+  // waiting on it would have to tell a new job from another helper's join at every change.
+  std::atomic<uint64_t> generation_{0};
   std::atomic<uint64_t> joins_{0};
   std::atomic<uint32_t> done_{0};  // helpers done with the current job
   std::atomic<bool> stop_{false};
