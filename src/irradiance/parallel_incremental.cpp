@@ -75,11 +75,12 @@ struct Decided {
 // each batch to fresh memory, whose pages the kernel maps again one by one (8,000 of the 22,000
 // page faults of a 1M-sample frame offered to another on two threads). Made half as large
 // again, it moves a few times.
+size_t grownCapacity(size_t capacity, size_t want) {
+  return std::max(want, capacity + capacity / 2);
+}
 template <class Array>
 void makeRoom(Array& array, size_t want) {
-  if (want > array.capacity()) {
-    array.reserve(std::max(want, array.capacity() + array.capacity() / 2));
-  }
+  if (want > array.capacity()) array.reserve(grownCapacity(array.capacity(), want));
 }
 
 // The samples of a batch still to be read from the source: `want` from source index `first`.
@@ -677,8 +678,8 @@ void ParallelMerge::readLater(Batch& b, uint32_t first) {
 
 void ParallelMerge::startLookups(Batch& b) {
   const auto n = b.unread.source ? b.unread.want : static_cast<uint32_t>(b.samples.size());
-  if (n > b.capacity) {  // grown as the samples' array is (makeRoom)
-    b.capacity = std::max(n, b.capacity + b.capacity / 2);
+  if (n > b.capacity) {
+    b.capacity = static_cast<uint32_t>(grownCapacity(b.capacity, n));
     b.decided.reset(new Decided[b.capacity]);
   }
   for (uint32_t i = 0; i < n; ++i) b.decided[i].ready.store(false, std::memory_order_relaxed);
