@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <limits>
+#include <span>
 #include <system_error>
 #include <thread>
 
@@ -163,30 +165,56 @@ bool SampleKdTree::makeEntry(IrradSample& s, Entry& out) {
   return true;
 }
 
-void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
-  clear();
-  std::vector<Entry> entries;
-  reserveMapped(entries, samples.size());
-  for (size_t b = 0; b < samples.blockCount(); ++b) {
-    IrradSample* block = samples.block(b);
-    const size_t n = samples.blockLength(b);
-    Entry e;
-    for (size_t i = 0; i < n; ++i) {
-      if (makeEntry(block[i], e)) entries.push_back(e);
+// The entries of those of the samples that the index can place, in order. Two threads may fill
+// the halves side by side: on fresh memory most of the time goes to mapping the pages, which each
+// maps for its own half; the second half then moves down over the first's unplaceable samples.
+template <class Visit>
+void SampleKdTree::makeEntries(Entries& entries, size_t count, Visit visit, bool twoThreads) {
+  entries.resize(count);
+  const auto fill = [&](size_t first, size_t end) {
+    prefaultForWriting(entries.data() + first, (end - first) * sizeof(Entry));
+    size_t filled = first;
+    visit(first, end, [&](IrradSample* s) {
+      if (s && makeEntry(*s, entries[filled])) ++filled;
+    });
+    return filled - first;
+  };
+  const size_t half = twoThreads && count >= kParallelMinimum ? count / 2 : count;
+  size_t high = 0;
+  std::thread worker;
+  if (half < count) {
+    try {
+      worker = std::thread([&] { high = fill(half, count); });
+    } catch (const std::system_error&) {
     }
   }
+  const size_t low = fill(0, half);
+  if (worker.joinable()) {
+    worker.join();
+  } else if (half < count) {
+    high = fill(half, count);  // no thread to spare
+  }
+  if (low < half) std::memmove(entries.data() + low, entries.data() + half, high * sizeof(Entry));
+  entries.resize(low + high);
+}
+
+template <class Visit>
+void SampleKdTree::build(size_t count, Visit visit) {
+  Entries entries;
+  makeEntries(entries, count, visit, parallelLevels() > 0);
+  clear();
   if (!entries.empty()) buildTree(tree_, entries, parallelLevels());
 }
 
-void SampleKdTree::build(IrradSample* const* samples, size_t count) {
-  clear();
-  std::vector<Entry> entries;
-  reserveMapped(entries, count);
-  Entry e;
-  for (size_t i = 0; i < count; ++i) {
-    if (samples[i] && makeEntry(*samples[i], e)) entries.push_back(e);
-  }
-  if (!entries.empty()) buildTree(tree_, entries, parallelLevels());
+void SampleKdTree::build(BlockSequence<IrradSample>& samples) {
+  build(samples.size(), [&samples](size_t first, size_t end, auto&& f) {
+    const size_t per = samples.elementsPerBlock();
+    for (size_t b = first / per; b * per < end; ++b) {
+      IrradSample* block = samples.block(b);
+      const size_t to = std::min(end, (b + 1) * per) - b * per;
+      for (size_t i = std::max(first, b * per) - b * per; i < to; ++i) f(&block[i]);
+    }
+  });
 }
 
 void SampleKdTree::insert(IrradSample& sample) {
@@ -201,13 +229,13 @@ bool SampleKdTree::beginInsert(IrradSample& sample, Entry& entry, InsertionGrid:
 }
 
 void SampleKdTree::fold() {
-  std::vector<IrradSample*> all;
-  all.reserve(tree_.size() + grid_.size());
-  for (IrradSample* s : tree_.samples) {
-    if (s) all.push_back(s);
-  }
-  all.insert(all.end(), grid_.samples().begin(), grid_.samples().end());
-  build(all.data(), all.size());
+  // The tree's lanes (null where a leaf is padded), then the grid's samples in the order taken.
+  const std::span<IrradSample* const> lanes(tree_.samples);
+  const std::span<IrradSample* const> taken(grid_.samples());
+  build(lanes.size() + taken.size(), [lanes, taken](size_t first, size_t end, auto&& f) {
+    for (size_t i = first; i < std::min(end, lanes.size()); ++i) f(lanes[i]);
+    for (size_t i = std::max(first, lanes.size()); i < end; ++i) f(taken[i - lanes.size()]);
+  });
 }
 
 int SampleKdTree::parallelLevels() const {
@@ -218,7 +246,7 @@ int SampleKdTree::parallelLevels() const {
   return std::min(levels, parallelDepth());
 }
 
-void SampleKdTree::buildTree(Tree& tree, std::vector<Entry>& entries, int parallelLevels) {
+void SampleKdTree::buildTree(Tree& tree, Entries& entries, int parallelLevels) {
   const size_t n = entries.size();
   std::vector<BinaryNode> binary;
   // Generous, and filled as the tree grows: not mapped ahead (that would map pages never used).
@@ -502,7 +530,7 @@ class SampleKdTree::BoundsGatherer {
 // are smallest (binned by centre), and fills the bounds of the two halves. `box` holds the
 // entries' bounds. Returns the first entry of the second half; begin or end when no bin boundary
 // separates the entries (and then the halves' bounds are not filled).
-uint32_t SampleKdTree::sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
+uint32_t SampleKdTree::sahSplit(Entries& entries, uint32_t begin, uint32_t end,
                                 const Bounds& box, Bounds& low, Bounds& high) {
   double bestCost = kInfD;
   int bestBin = -1;
@@ -648,7 +676,7 @@ SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
 // point) or the tree grows deep, at the median of the positions along their widest axis, which
 // bounds the depth whatever the data. `known` holds the entries' bounds when the split above
 // gathered them; null: they are gathered here.
-SampleKdTree::Child SampleKdTree::buildChild(std::vector<Entry>& entries,
+SampleKdTree::Child SampleKdTree::buildChild(Entries& entries,
                                              std::vector<BinaryNode>& nodes, uint32_t begin,
                                              uint32_t end, int depth, int parallelLevels,
                                              const Bounds* known) {

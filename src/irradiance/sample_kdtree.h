@@ -68,8 +68,6 @@ class SampleKdTree {
 
   // Rebuilds the index over every sample of the storage.
   void build(BlockSequence<IrradSample>& samples);
-  // Rebuilds the index over the given samples.
-  void build(IrradSample* const* samples, size_t count);
 
   // Adds one sample to the index without a full rebuild.
   void insert(IrradSample& sample);
@@ -288,10 +286,18 @@ class SampleKdTree {
   class BoundsGatherer;
   // Levels from the root whose halves are built side by side.
   int parallelLevels() const;
-  static void buildTree(Tree& tree, std::vector<Entry>& entries, int parallelLevels);
-  static uint32_t sahSplit(std::vector<Entry>& entries, uint32_t begin, uint32_t end,
+  // The build's entries: filled whole by makeEntries(), so not zeroed first.
+  using Entries = std::vector<Entry, UninitialisedAllocator<Entry>>;
+  // Rebuilds the index over `count` samples; visit(first, end, f) calls f with each of samples
+  // [first, end) in order, as a pointer (null: none).
+  template <class Visit>
+  void build(size_t count, Visit visit);
+  template <class Visit>
+  static void makeEntries(Entries& entries, size_t count, Visit visit, bool twoThreads);
+  static void buildTree(Tree& tree, Entries& entries, int parallelLevels);
+  static uint32_t sahSplit(Entries& entries, uint32_t begin, uint32_t end,
                            const Bounds& box, Bounds& low, Bounds& high);
-  static Child buildChild(std::vector<Entry>& entries, std::vector<BinaryNode>& nodes,
+  static Child buildChild(Entries& entries, std::vector<BinaryNode>& nodes,
                           uint32_t begin, uint32_t end, int depth, int parallelLevels,
                           const Bounds* known);
   static int parallelDepth();
