@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <span>
 #include <system_error>
@@ -26,6 +27,25 @@ void SampleKdTree::clear() {
 }
 
 namespace {
+
+// Runs high() on a thread of its own beside low(), which runs here, when `split` asks for it and
+// a thread can be had; otherwise both here, low() first.
+template <class Low, class High>
+void sideBySide(bool split, Low&& low, High&& high) {
+  std::thread worker;
+  if (split) {
+    try {
+      worker = std::thread(std::ref(high));
+    } catch (const std::system_error&) {
+    }
+  }
+  low();
+  if (worker.joinable()) {
+    worker.join();
+  } else {
+    high();  // no thread to spare
+  }
+}
 
 // A walker's hits: appended in the order found, each sample asked for from memory at once.
 struct HitList {
@@ -179,21 +199,11 @@ void SampleKdTree::makeEntries(Entries& entries, size_t count, Visit visit, bool
     });
     return filled - first;
   };
-  const size_t half = twoThreads && count >= kParallelMinimum ? count / 2 : count;
-  size_t high = 0;
-  std::thread worker;
-  if (half < count) {
-    try {
-      worker = std::thread([&] { high = fill(half, count); });
-    } catch (const std::system_error&) {
-    }
-  }
-  const size_t low = fill(0, half);
-  if (worker.joinable()) {
-    worker.join();
-  } else if (half < count) {
-    high = fill(half, count);  // no thread to spare
-  }
+  const bool split = twoThreads && count >= kParallelMinimum;
+  const size_t half = split ? count / 2 : count;
+  size_t low = 0, high = 0;
+  sideBySide(
+      split, [&] { low = fill(0, half); }, [&] { high = fill(half, count); });
   if (low < half) std::memmove(entries.data() + low, entries.data() + half, high * sizeof(Entry));
   entries.resize(low + high);
 }
@@ -313,15 +323,9 @@ void SampleKdTree::buildTree(Tree& tree, Entries& entries, int parallelLevels) {
   const size_t half = static_cast<size_t>(
       std::lower_bound(starts.begin(), starts.end(), static_cast<uint32_t>(n / 2)) -
       starts.begin());
-  std::thread worker;
-  if (n >= kParallelMinimum && parallelLevels > 0) {
-    try {
-      worker = std::thread(layOut, half, starts.size());
-    } catch (const std::system_error&) {
-    }
-  }
-  layOut(0, worker.joinable() ? half : starts.size());
-  if (worker.joinable()) worker.join();
+  sideBySide(
+      n >= kParallelMinimum && parallelLevels > 0, [&] { layOut(0, half); },
+      [&] { layOut(half, starts.size()); });
   if (tree.root.count) tree.root.first = laneOf[tree.root.first];
   for (Node& node : tree.nodes) {
     for (int k = 0; k < kWidth; ++k) {
@@ -724,17 +728,10 @@ SampleKdTree::Child SampleKdTree::buildChild(Entries& entries,
       highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
       high = buildChild(entries, highNodes, mid, end, depth + 1, parallelLevels, highKnown);
     };
-    std::thread worker;
-    try {
-      worker = std::thread(buildHigh);
-    } catch (const std::system_error&) {
-    }
-    low = buildChild(entries, nodes, begin, mid, depth + 1, parallelLevels, lowKnown);
-    if (worker.joinable()) {
-      worker.join();
-    } else {
-      buildHigh();  // no thread to spare: build it here
-    }
+    sideBySide(
+        true,
+        [&] { low = buildChild(entries, nodes, begin, mid, depth + 1, parallelLevels, lowKnown); },
+        buildHigh);
     high = appendNodes(nodes, highNodes, high);
   } else {
     low = buildChild(entries, nodes, begin, mid, depth + 1, parallelLevels, lowKnown);
