@@ -77,12 +77,22 @@ void InsertionGrid::Shard::grow() {
 // Maps the next chunk number to a chunk of kChunkEntries, one kept from before clear() if any.
 void InsertionGrid::Shard::addChunk() {
   if (chunksUsed_ == chunks_.size()) {
-    chunks_.push_back({std::make_unique_for_overwrite<float[]>(4 * size_t{kChunkEntries} + 4),
-                       std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
+    const size_t fieldsCount = 4 * size_t{kChunkEntries} + 4;
+    chunks_.reserve(chunks_.size() + 1);
+    if (chunks_.size() < kHeapChunks || !hugePagesPay()) {
+      heapChunks_.push_back({std::make_unique_for_overwrite<float[]>(fieldsCount),
+                             std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});
+      chunks_.push_back({heapChunks_.back().fields.get(), heapChunks_.back().samples.get()});
+    } else {
+      auto* fields = static_cast<float*>(arena_.take(fieldsCount * sizeof(float)));
+      auto* samples =
+          static_cast<IrradSample**>(arena_.take(kChunkEntries * sizeof(IrradSample*)));
+      chunks_.push_back({fields, samples});
+    }
   }
-  const Block& chunk = chunks_[chunksUsed_++];
-  fields_.push_back(chunk.fields.get());
-  samplesOf_.push_back(chunk.samples.get());
+  const Chunk& chunk = chunks_[chunksUsed_++];
+  fields_.push_back(chunk.fields);
+  samplesOf_.push_back(chunk.samples);
 }
 
 // A range of the size class: a freed one of that size, or a new one at the pool's end. A range

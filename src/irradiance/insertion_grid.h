@@ -434,11 +434,19 @@ class InsertionGrid {
     std::vector<float*> fields_;
     std::vector<IrradSample**> samplesOf_;
     uint64_t end_ = 0;            // pool indexes in use: [0, end_)
-    // The chunks of kChunkEntries, kept by clear() for reuse. They come from the heap, in small
-    // pages, as a map's storage blocks do and for the same reason (threads/block_sequence.h):
-    // the pool is written as the merge goes, so its pages are fresh ones, while a query's cells
-    // lie in a few pages and gain little from huge ones.
-    std::vector<Block> chunks_;
+    // The chunks of kChunkEntries, kept by clear() for reuse. The pool is written as the merge
+    // goes, so its pages are fresh ones: the first kHeapChunks come from the heap, so that a
+    // small grid takes a few small pages, and the rest from an arena, in huge pages where those
+    // are the cheaper to map (threads/prefault.h; a query's cells lie in a few pages and gain
+    // little from huge ones otherwise).
+    static constexpr size_t kHeapChunks = 4;
+    struct Chunk {
+      float* fields;
+      IrradSample** samples;
+    };
+    std::vector<Chunk> chunks_;
+    std::vector<Block> heapChunks_;
+    FreshArena arena_;
     size_t chunksUsed_ = 0;
     std::vector<Block> large_;    // blocks of a range of their own
     std::vector<uint32_t> freeRanges_[64];  // ranges left by cells that moved, by size class

@@ -258,7 +258,7 @@ int SampleKdTree::parallelLevels() const {
 
 void SampleKdTree::buildTree(Tree& tree, Entries& entries, int parallelLevels) {
   const size_t n = entries.size();
-  std::vector<BinaryNode> binary;
+  BinaryNodes binary;
   // Generous, and filled as the tree grows: not mapped ahead (that would map pages never used).
   binary.reserve(n / (kLeafSize / 2) + 1);
   const Child root =
@@ -336,7 +336,7 @@ void SampleKdTree::buildTree(Tree& tree, Entries& entries, int parallelLevels) {
 
 // Turns the binary subtree under `c` into wide nodes: the child with the largest box is opened
 // until kWidth children are gathered or only leaves remain. Nodes are stored in preorder.
-SampleKdTree::Child SampleKdTree::collapse(const std::vector<BinaryNode>& binary, const Child& c,
+SampleKdTree::Child SampleKdTree::collapse(const BinaryNodes& binary, const Child& c,
                                            std::vector<Node, LargeArrayAllocator<Node>>& nodes) {
   if (c.count) return c;
   Child gathered[kWidth];
@@ -661,8 +661,8 @@ int SampleKdTree::parallelDepth() {
 }
 
 // Appends a subtree built into a list of its own; returns `c` renumbered for the whole list.
-SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
-                                              const std::vector<BinaryNode>& part, Child c) {
+SampleKdTree::Child SampleKdTree::appendNodes(BinaryNodes& nodes,
+                                              const BinaryNodes& part, Child c) {
   const uint32_t base = static_cast<uint32_t>(nodes.size());
   nodes.reserve(nodes.size() + part.size());
   for (BinaryNode n : part) {
@@ -681,7 +681,7 @@ SampleKdTree::Child SampleKdTree::appendNodes(std::vector<BinaryNode>& nodes,
 // bounds the depth whatever the data. `known` holds the entries' bounds when the split above
 // gathered them; null: they are gathered here.
 SampleKdTree::Child SampleKdTree::buildChild(Entries& entries,
-                                             std::vector<BinaryNode>& nodes, uint32_t begin,
+                                             BinaryNodes& nodes, uint32_t begin,
                                              uint32_t end, int depth, int parallelLevels,
                                              const Bounds* known) {
   constexpr float inf = std::numeric_limits<float>::infinity();
@@ -723,7 +723,7 @@ SampleKdTree::Child SampleKdTree::buildChild(Entries& entries,
     // preorder, and the high one into a list of its own, appended after it; so the result is
     // the same node for node as a build on one thread, and only the high half's nodes are
     // held twice for a moment.
-    std::vector<BinaryNode> highNodes;
+    BinaryNodes highNodes;
     auto buildHigh = [&] {
       highNodes.reserve((end - mid) / (kLeafSize / 2) + 1);
       high = buildChild(entries, highNodes, mid, end, depth + 1, parallelLevels, highKnown);

@@ -286,8 +286,10 @@ class SampleKdTree {
   class BoundsGatherer;
   // Levels from the root whose halves are built side by side.
   int parallelLevels() const;
-  // The build's entries: filled whole by makeEntries(), so not zeroed first.
-  using Entries = std::vector<Entry, UninitialisedAllocator<Entry>>;
+  // The build's entries and binary nodes: filled whole as they are made, so not zeroed first,
+  // and in huge pages where those are the cheaper to map.
+  using Entries = std::vector<Entry, FreshArrayAllocator<Entry>>;
+  using BinaryNodes = std::vector<BinaryNode, FreshArrayAllocator<BinaryNode>>;
   // Rebuilds the index over `count` samples; visit(first, end, f) calls f with each of samples
   // [first, end) in order, as a pointer (null: none).
   template <class Visit>
@@ -297,13 +299,13 @@ class SampleKdTree {
   static void buildTree(Tree& tree, Entries& entries, int parallelLevels);
   static uint32_t sahSplit(Entries& entries, uint32_t begin, uint32_t end,
                            const Bounds& box, Bounds& low, Bounds& high);
-  static Child buildChild(Entries& entries, std::vector<BinaryNode>& nodes,
+  static Child buildChild(Entries& entries, BinaryNodes& nodes,
                           uint32_t begin, uint32_t end, int depth, int parallelLevels,
                           const Bounds* known);
   static int parallelDepth();
-  static Child appendNodes(std::vector<BinaryNode>& nodes, const std::vector<BinaryNode>& part,
+  static Child appendNodes(BinaryNodes& nodes, const BinaryNodes& part,
                            Child c);
-  static Child collapse(const std::vector<BinaryNode>& binary, const Child& c,
+  static Child collapse(const BinaryNodes& binary, const Child& c,
                         std::vector<Node, LargeArrayAllocator<Node>>& nodes);
   template <class Hits>
   static void scanLeaf(const Tree& t, uint32_t first, uint32_t n, const Vector& p, Hits& hits) {

@@ -6,25 +6,20 @@
 // be filled: those blocks are mapped as they are allocated (threads/prefault.h). The first is
 // not, so that the many small sequences pay only for the pages they touch.
 //
-// Blocks come from the heap, in small pages. Huge pages would spare the indexes that look samples
-// up at random places some TLB misses (1-6% of an incremental merge's time), but where the system
-// runs in a virtual machine that hands free memory back to its host, a fresh huge page costs
-// several times what its small pages do (4-5 ms against about 1 ms per 2 MB): a map of ten
-// million samples took 0.5-1.0 s to load in huge pages against 0.25 s in small ones, unless
-// another process had freed its huge pages a moment before, and a merge spent a tenth of its time
-// in the kernel.
-//
-// Other virtual machines are the other way round. On one whose host backs memory lazily, a fresh
-// small page cost 13-19 us and a fresh huge page 0.13 ms (2.3 ms the first), fifty times less per
-// byte; there, keeping the storage blocks and the insertion grid's pool in huge pages (an arena
-// of 2 MB pages, tried and not kept) cut the page faults of a first incremental merge of 3M
-// samples from 81,000 to 21,000 and its time by a quarter to a third on one thread, a tenth on
-// two. The two kinds of machine disagree in opposite directions, so the right choice would need a
-// measurement in each process. Small pages stay: on the second machine they make a first merge up
-// to half again as slow as huge pages would, where on the first huge pages made a load two to four
-// times as slow.
+// The first block comes from the heap. The blocks after it, where blocks are large, come from
+// regions of several blocks mapped together, in huge pages where those are the cheaper to map
+// (hugePagesPay()); a region is unmapped once its last block is dropped. Which pages pay differs
+// between machines in opposite directions. On a virtual machine that hands free memory back to
+// its host, a fresh huge page cost several times what its small pages do (4-5 ms against about 1
+// ms per 2 MB): a map of ten million samples took 0.5-1.0 s to load in huge pages against 0.25 s
+// in small ones. On one whose host backs memory lazily, a fresh small page cost 13-19 us and a
+// fresh huge page 0.13 ms, fifty times less per byte, and huge pages cut a first incremental
+// merge of 3M samples by a quarter to a third. A region's tail past its last whole huge page is
+// in small pages, and its pages are mapped block by block as the sequence grows, so a sequence
+// holds at most part of one huge page more than its blocks.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -75,14 +70,7 @@ class BlockSequence {
     const size_t need = (count_ + n + perBlock_ - 1) / perBlock_;
     try {
       while (blocks_.size() < need) {
-        void* mem = std::malloc(blockBytes());
-        if (!mem) throw std::bad_alloc();
-        try {
-          blocks_.push_back(static_cast<T*>(mem));
-        } catch (const std::bad_alloc&) {
-          std::free(mem);
-          throw;
-        }
+        if (!addBlock()) throw std::bad_alloc();
       }
     } catch (const std::bad_alloc&) {
       truncate(before);
@@ -96,9 +84,7 @@ class BlockSequence {
   // of trivial types only.
   void truncate(size_t n) {
     static_assert(std::is_trivially_destructible_v<T>);
-    const size_t keep = (n + perBlock_ - 1) / perBlock_;
-    for (size_t b = keep; b < blocks_.size(); ++b) std::free(blocks_[b]);
-    if (keep < blocks_.size()) blocks_.resize(keep);
+    freeBlocksFrom((n + perBlock_ - 1) / perBlock_);
     if (n < count_) count_ = n;
   }
 
@@ -135,14 +121,13 @@ class BlockSequence {
 
   // Destroys every element and frees every block.
   void clear() {
-    for (size_t b = 0; b < blocks_.size(); ++b) {
-      if constexpr (!std::is_trivially_destructible_v<T>) {
+    if constexpr (!std::is_trivially_destructible_v<T>) {
+      for (size_t b = 0; b < blocks_.size(); ++b) {
         const size_t n = blockLength(b);
         for (size_t i = 0; i < n; ++i) blocks_[b][i].~T();
       }
-      std::free(blocks_[b]);
     }
-    blocks_.clear();
+    freeBlocksFrom(0);
     count_ = 0;
   }
 
@@ -151,23 +136,65 @@ class BlockSequence {
  private:
   size_t blockBytes() const { return sizeof(T) * size_t{perBlock_}; }
 
-  T* nextSlot() {
-    const size_t inBlock = count_ % perBlock_;
-    if (inBlock == 0 && count_ / perBlock_ == blocks_.size()) {
-      const size_t b = blocks_.size();
+  // Blocks from this size up, after the first, come from regions.
+  static constexpr size_t kRegionBlockMinimum = size_t{256} << 10;
+  static constexpr size_t kRegionTarget = size_t{16} << 20;
+  bool inRegion(size_t b) const { return b > 0 && blockBytes() >= kRegionBlockMinimum; }
+  size_t blocksPerRegion() const { return std::max<size_t>(1, kRegionTarget / blockBytes()); }
+  size_t regionBytes() const { return blocksPerRegion() * blockBytes(); }
+
+  // Appends the next block: false, with nothing appended, when no memory can be had.
+  bool addBlock() {
+    const size_t b = blocks_.size();
+    if (!inRegion(b)) {
       void* mem = std::malloc(blockBytes());
-      if (mem && b > 0) prefaultForWriting(mem, blockBytes());
-      if (!mem) {
-        reportBlockAllocationFailure();
-        return nullptr;
-      }
+      if (!mem) return false;
       try {
         blocks_.push_back(static_cast<T*>(mem));
       } catch (const std::bad_alloc&) {
         std::free(mem);
+        return false;
+      }
+      return true;
+    }
+    const size_t r = (b - 1) / blocksPerRegion();
+    if (r == regions_.size()) {
+      void* region = mapLarge(regionBytes(), hugePagesPay());
+      if (!region) return false;
+      try {
+        regions_.push_back(static_cast<T*>(region));
+      } catch (const std::bad_alloc&) {
+        unmapLarge(region, regionBytes());
+        return false;
+      }
+    }
+    try {
+      blocks_.push_back(regions_[r] + (b - 1) % blocksPerRegion() * size_t{perBlock_});
+    } catch (const std::bad_alloc&) {
+      freeBlocksFrom(b);  // the region just mapped, if any
+      return false;
+    }
+    return true;
+  }
+  // Frees the blocks from the `keep`-th on, and the regions that held only those.
+  void freeBlocksFrom(size_t keep) {
+    for (size_t b = keep; b < blocks_.size(); ++b) {
+      if (!inRegion(b)) std::free(blocks_[b]);
+    }
+    if (keep < blocks_.size()) blocks_.resize(keep);
+    const size_t regionsKept = keep < 2 ? 0 : (keep - 2) / blocksPerRegion() + 1;
+    for (size_t r = regionsKept; r < regions_.size(); ++r) unmapLarge(regions_[r], regionBytes());
+    if (regionsKept < regions_.size()) regions_.resize(regionsKept);
+  }
+
+  T* nextSlot() {
+    const size_t inBlock = count_ % perBlock_;
+    if (inBlock == 0 && count_ / perBlock_ == blocks_.size()) {
+      if (!addBlock()) {
         reportBlockAllocationFailure();
         return nullptr;
       }
+      if (blocks_.size() > 1) prefaultForWriting(blocks_.back(), blockBytes());
     }
     T* slot = blocks_[count_ / perBlock_] + inBlock;
     ++count_;
@@ -177,6 +204,7 @@ class BlockSequence {
   uint32_t perBlock_;
   size_t count_ = 0;
   std::vector<T*> blocks_;
+  std::vector<T*> regions_;  // each holds blocksPerRegion() blocks, from block 1 on
   SpinningMutex lock_;
 };
 

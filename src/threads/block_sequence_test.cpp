@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace LUtils {
@@ -59,23 +62,52 @@ TEST(BlockSequence, LargeBlocksHoldTheirElementsThroughClearAndReuse) {
 }
 
 // A reader's whole blocks, truncate() and clear() free what they took, and the sequence grows
-// again after each.
-TEST(BlockSequence, ReadBlocksTruncateAndGrowAgain) {
-  const uint32_t per = 70000;
+// again after each. The blocks after the first lie in regions of 64 of these blocks, the second
+// region from block 65 on: truncating into a region keeps it, and one left without blocks goes.
+TEST(BlockSequence, ReadBlocksTruncateAndGrowAgainAcrossRegions) {
+  if (const char* forced = std::getenv("CACHEVIEW_HUGE_PAGES")) {
+    EXPECT_EQ(hugePagesPay(), std::string(forced) == "1");
+  }
+  const uint32_t per = 32768;  // 256 KB blocks
   BlockSequence<uint64_t> seq(per);
+  const auto expectWritten = [&seq] {
+    for (size_t i = 0; i < seq.size(); i += 4093) ASSERT_EQ(seq[i], i * 7) << i;
+    ASSERT_EQ(seq[seq.size() - 1], (seq.size() - 1) * 7);
+  };
   for (int round = 0; round < 2; ++round) {
-    for (uint64_t i = 0; i < per + 10; ++i) ASSERT_NE(seq.append(i * 7), nullptr);
-    ASSERT_TRUE(seq.appendUnwritten(per));  // a reader's whole third block
-    ASSERT_EQ(seq.blockCount(), 3u);
-    for (size_t i = per + 10; i < seq.size(); ++i) seq[i] = i * 7;
-    for (size_t i : {size_t{0}, size_t{per} - 1, size_t{per}, seq.size() - 1}) {
-      EXPECT_EQ(seq[i], i * 7);
-    }
-    seq.truncate(5);  // frees the last two blocks
+    for (uint64_t i = 0; i < 70 * per + 10; ++i) ASSERT_NE(seq.append(i * 7), nullptr);
+    ASSERT_TRUE(seq.appendUnwritten(per));  // a reader's whole last block
+    ASSERT_EQ(seq.blockCount(), 72u);
+    for (size_t i = 70 * per + 10; i < seq.size(); ++i) seq[i] = i * 7;
+    expectWritten();
+    seq.truncate(64 * per + 1);  // into the last block of the first region
+    EXPECT_EQ(seq.blockCount(), 65u);
+    expectWritten();
+    seq.truncate(5);
     EXPECT_EQ(seq.blockCount(), 1u);
-    for (uint64_t i = 5; i < 2 * per; ++i) ASSERT_NE(seq.append(i * 7), nullptr);
-    EXPECT_EQ(seq[2 * per - 1], (2 * per - 1) * 7);
+    for (uint64_t i = 5; i < 66 * per; ++i) ASSERT_NE(seq.append(i * 7), nullptr);
+    expectWritten();
     if (round == 0) seq.clear();
+  }
+}
+
+TEST(FreshArena, PiecesAreAlignedDisjointAndLastUntilReleased) {
+  FreshArena arena;
+  for (int round = 0; round < 2; ++round) {
+    std::vector<std::pair<unsigned char*, size_t>> pieces;
+    for (size_t bytes : {size_t{1}, size_t{100}, size_t{98320}, FreshArena::kRegionBytes + 5,
+                         size_t{64}, size_t{1} << 20, size_t{1} << 20}) {
+      auto* p = static_cast<unsigned char*>(arena.take(bytes));
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 64, 0u);
+      std::memset(p, static_cast<int>(pieces.size() + 1), bytes);
+      pieces.emplace_back(p, bytes);
+    }
+    for (size_t k = 0; k < pieces.size(); ++k) {
+      const auto [p, bytes] = pieces[k];
+      EXPECT_EQ(p[0], k + 1);
+      EXPECT_EQ(p[bytes - 1], k + 1);
+    }
+    arena.release();
   }
 }
 
