@@ -14,12 +14,20 @@
 // and the build runs on two threads, about 1.6 times as fast as on one), how long the calling
 // thread waited for the workers to finish their parts of the jobs, and whether the two maps are
 // the same byte for byte.
+//
+// Each round also runs two one-thread merges at once, each into a map of its own, on two threads:
+// two merges that share nothing but the machine's memory. Twice one thread's time over the
+// slower of the pair is what this machine's two cores give memory-bound work with no overhead at
+// all, a ceiling for one / two; where the memory is slow and shared (a virtual machine's), it
+// lies well below 2.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "bench_maps.h"
@@ -45,8 +53,10 @@ LUtils::DefThreadManager gThreads;
 struct Round {
   benchmaps::Times one, two;
   double reference = 0.0;  // wall
+  double pair = 0.0;       // wall of the slower of two one-thread merges at once
   LUtils::ParallelAddStats stats;
   double ratio() const { return one.wall / two.wall; }
+  double ceiling() const { return 2.0 * one.wall / pair; }
 };
 
 struct Case {
@@ -90,6 +100,30 @@ double referenceOnce(Case& c) {
   return wall;
 }
 
+// Two one-thread merges of the case at once, each into a map of its own, started together;
+// returns the wall time of the slower.
+double pairOnce(const Case& c, const DefIrradianceMap& source) {
+  std::unique_ptr<DefIrradianceMap> targets[2];
+  for (auto& target : targets) {
+    target = mapOf(c.base >= 0 ? frame(c.base) : std::vector<IrradSample>{});
+    target->prepare(0);
+    target->setMergeThreads(&gThreads, 1);
+  }
+  std::atomic<int> ready{0};
+  double walls[2] = {0.0, 0.0};
+  const auto merge = [&](int k) {
+    ready.fetch_add(1);
+    while (ready.load() < 2) std::this_thread::yield();
+    const benchmaps::Stopwatch watch;
+    targets[k]->addSamples(const_cast<DefIrradianceMap&>(source), nullptr, 1);
+    walls[k] = watch.elapsed().wall;
+  };
+  std::thread other(merge, 1);
+  merge(0);
+  other.join();
+  return std::max(walls[0], walls[1]);
+}
+
 void runCase(benchmark::State& state, Case& c) {
   const auto source = mapOf(frame(c.source));
   std::vector<IrradSample> result[2];
@@ -103,6 +137,7 @@ void runCase(benchmark::State& state, Case& c) {
             mergeOnce(c, *source, threads, result[threads - 1], round.stats);
       }
       round.reference = referenceOnce(c);
+      round.pair = pairOnce(c, *source);
       c.same = c.same && result[0].size() == result[1].size() &&
                std::memcmp(result[0].data(), result[1].data(),
                            result[0].size() * sizeof(IrradSample)) == 0;
@@ -131,10 +166,11 @@ int main(int argc, char** argv) {
               "target: one / two >= 1.7 on two cores):\n");
   for (const Case& c : gCases) {
     if (c.done.empty()) continue;
-    std::vector<double> ratios, references;
+    std::vector<double> ratios, references, ceilings;
     for (const Round& r : c.done) {
       ratios.push_back(r.ratio());
       references.push_back(r.reference / r.two.wall);
+      ceilings.push_back(r.ceiling());
     }
     // The round of the median ratio (the upper one of an even count) gives the breakdown.
     std::vector<const Round*> order;
@@ -144,14 +180,15 @@ int main(int argc, char** argv) {
     const Round& m = *order[order.size() / 2];
     const LUtils::ParallelAddStats& st = m.stats;
     const double batches = static_cast<double>(st.batches ? st.batches : 1);
-    std::printf("%-26s one / two %5.2f (%.2f-%.2f over %zu rounds), reference / two %5.2f; "
+    std::printf("%-26s one / two %5.2f (%.2f-%.2f over %zu rounds), two one-thread merges at "
+                "once: 2 x one / the slower %.2f, reference / two %5.2f; "
                 "kept %zu; %llu batches of %.0f, %.1f looked up again per batch; median round: "
                 "CPU: lookups %.3f s, listing %.3f s, commits %.3f s, one thread %.3f s (one / two "
                 "on two idle cores at most %.2f); wall: commits %.3f s, lookups after them "
                 "%.3f s, listing %.3f s, of the commits folding the index %.3f s, the calling "
                 "thread waiting for the workers to finish their parts %.3f s; maps %s\n",
                 c.name, median(ratios), order.front()->ratio(), order.back()->ratio(),
-                c.done.size(), median(references), c.kept[1],
+                c.done.size(), median(ceilings), median(references), c.kept[1],
                 static_cast<unsigned long long>(st.batches),
                 static_cast<double>(st.offered) / batches,
                 static_cast<double>(st.redone) / batches, st.lookupCpuSeconds, st.listCpuSeconds,
