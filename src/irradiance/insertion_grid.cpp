@@ -78,7 +78,7 @@ void InsertionGrid::Shard::grow() {
 void InsertionGrid::Shard::addChunk() {
   if (chunksUsed_ == chunks_.size()) {
     const size_t fieldsCount = 4 * size_t{kChunkEntries} + 4;
-    chunks_.reserve(chunks_.size() + 1);
+    if (chunks_.size() == chunks_.capacity()) chunks_.reserve(2 * chunks_.size() + 4);
     if (chunks_.size() < kHeapChunks || !hugePagesPay()) {
       heapChunks_.push_back({std::make_unique_for_overwrite<float[]>(fieldsCount),
                              std::make_unique_for_overwrite<IrradSample*[]>(kChunkEntries)});

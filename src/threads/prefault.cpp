@@ -75,7 +75,8 @@ void* FreshArena::take(size_t bytes) {
   bytes = (bytes + 63) & ~size_t{63};
   if (regions_.empty() || used_ + bytes > regions_.back().bytes) {
     const size_t size = std::max(bytes, kRegionBytes);
-    regions_.reserve(regions_.size() + 1);
+    // Room first, so that the push cannot fail with the region mapped.
+    if (regions_.size() == regions_.capacity()) regions_.reserve(2 * regions_.size() + 4);
     void* region = mapLarge(size, hugePagesPay());
     if (!region) throw std::bad_alloc();
     regions_.push_back({static_cast<char*>(region), size});
