@@ -22,14 +22,14 @@
 // such samples in the batch that will list them (CellBatch), or among a few tested one by one
 // (Unlisted), in the order the grid will list them.
 //
-// A cell's entries lie together in one range of its shard's pool, one array per field (x, y, z, bounding
-// radius) so that they are tested four at a time; a full cell moves to a range half as large
-// again, and the range it leaves is reused by the next cell that needs one of that size. A shard's pool
-// is a list of chunks of kChunkEntries entries that never move once allocated (a range larger than
-// half a chunk gets a block of its own): growing it copies nothing and touches each page once,
-// where one growing array would copy the whole pool at every doubling. The radius kept is the
-// validity radius when inserted, a bound: the query also tests the sample's current
-// validRadius2, which may only be lowered while indexed.
+// A cell's entries lie together in one range of its shard's pool, one array per field (x, y, z,
+// bounding radius) so that they are tested four at a time; a full cell moves to a range half as
+// large again, and the range it leaves is reused by the next cell that needs one of that size. A
+// shard's pool is a list of chunks of kChunkEntries entries that never move once allocated (a
+// range larger than half a chunk gets a block of its own): growing it copies nothing and touches
+// each page once, where one growing array would copy the whole pool at every doubling. The
+// radius kept is the validity radius when inserted, a bound: the query also tests the sample's
+// current validRadius2, which may only be lowered while indexed.
 //
 // The grid lists only the samples an index can place (io/placement.h): a finite position and a
 // finite, positive radius; it leaves any other out, so no query returns it. Box arithmetic is in

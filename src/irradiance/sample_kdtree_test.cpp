@@ -31,7 +31,9 @@ std::vector<const IrradSample*> bruteForceRange(BlockSequence<IrradSample>& samp
                                                 size_t to, const Vector& p) {
   std::vector<const IrradSample*> found;
   for (size_t i = from; i < to; ++i) {
-    if (lengthSquared(p - samples[i].position) < samples[i].validRadius2) found.push_back(&samples[i]);
+    if (lengthSquared(p - samples[i].position) < samples[i].validRadius2) {
+      found.push_back(&samples[i]);
+    }
   }
   std::sort(found.begin(), found.end());
   return found;

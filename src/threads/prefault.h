@@ -70,10 +70,11 @@ inline constexpr size_t kHugePageBytes = size_t{2} << 20;
 // So it is measured, once per process, the first time it is asked: one byte written into each
 // of some fresh small pages (the least of a few rounds) against each small page of a fresh huge
 // page (a second one where the first did not settle it), which must cost less than half as much
-// per byte. About a millisecond, and at most a few where huge pages are slow. CACHEVIEW_HUGE_PAGES=1 or 0 in the environment answers
-// instead, without measuring. Memory that is written soon after it is mapped (storage blocks,
-// index pools, the arrays a rebuild fills) follows the answer; the index arrays that are read at
-// random places take huge pages whatever it is.
+// per byte. About a millisecond, and at most a few where huge pages are slow.
+// CACHEVIEW_HUGE_PAGES=1 or 0 in the environment answers instead, without measuring. Memory that
+// is written soon after it is mapped (storage blocks, index pools, the arrays a rebuild fills)
+// follows the answer; the index arrays that are read at random places take huge pages whatever
+// it is.
 bool hugePagesPay();
 
 // Memory of `bytes` (at least kHugePageBytes) in a mapping of its own that starts on a 2 MB
